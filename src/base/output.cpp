@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: MIT
+#include "output.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <limits.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// One of the two streams: bytes [begin, end) of the buffer wait to be written.
+struct Stream {
+    int fd;
+    char *buffer;
+    size_t size;
+    size_t begin;
+    size_t end;
+    unsigned dropped; // lines that found no room since the last notice
+};
+
+char out_buffer[OUT_BUFFER_SIZE];
+char err_buffer[ERR_BUFFER_SIZE];
+Stream out{STDOUT_FILENO, out_buffer, sizeof out_buffer, 0, 0, 0};
+Stream err{STDERR_FILENO, err_buffer, sizeof err_buffer, 0, 0, 0};
+
+// Room kept for the notice of dropped lines.
+constexpr size_t NOTICE_MAX = 64;
+
+bool can_take_some(int fd, int wait_ms)
+{
+    pollfd entry{fd, POLLOUT, 0};
+    int n;
+    do {
+        n = poll(&entry, 1, wait_ms);
+    } while (n < 0 && errno == EINTR && wait_ms == 0);
+    return n > 0;
+}
+
+// Writes without waiting. A pipe that polls as writable takes PIPE_BUF bytes at once; a socket is told not to wait.
+ssize_t write_some(int fd, const char *bytes, size_t n)
+{
+    if (!can_take_some(fd, 0)) {
+        errno = EAGAIN;
+        return -1;
+    }
+    n = std::min<size_t>(n, PIPE_BUF);
+    ssize_t sent = send(fd, bytes, n, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent < 0 && errno == ENOTSOCK)
+        sent = write(fd, bytes, n);
+    return sent;
+}
+
+void append(Stream &stream, const char *text, size_t n)
+{
+    memcpy(stream.buffer + stream.end, text, n);
+    stream.end += n;
+}
+
+bool write_waiting(Stream &stream)
+{
+    while (stream.begin < stream.end) {
+        const ssize_t sent = write_some(stream.fd, stream.buffer + stream.begin, stream.end - stream.begin);
+        if (sent < 0 && errno == EINTR)
+            continue;
+        if (sent < 0 && errno == EAGAIN)
+            return false;
+        if (sent < 0) { // nobody will ever read this: closed, or the reader is gone
+            stream.begin = stream.end;
+            break;
+        }
+        stream.begin += static_cast<size_t>(sent);
+    }
+    stream.begin = stream.end = 0;
+    return true;
+}
+
+bool flush(Stream &stream)
+{
+    const int saved_errno = errno;
+    bool done = write_waiting(stream);
+    if (done && stream.dropped > 0) {
+        char notice[NOTICE_MAX];
+        const int n = snprintf(notice, sizeof notice, "%u lines of output dropped: nobody was reading\n",
+                               stream.dropped);
+        stream.dropped = 0;
+        append(stream, notice, static_cast<size_t>(n));
+        done = write_waiting(stream);
+    }
+    errno = saved_errno;
+    return done;
+}
+
+bool make_room(Stream &stream, size_t n)
+{
+    if (stream.dropped > 0 && !flush(stream))
+        return false; // keep the gap in one place
+    if (stream.size - stream.end >= n)
+        return true;
+    flush(stream);
+    memmove(stream.buffer, stream.buffer + stream.begin, stream.end - stream.begin);
+    stream.end -= stream.begin;
+    stream.begin = 0;
+    return stream.size - stream.end >= n;
+}
+
+unsigned count_lines(const char *text, size_t n)
+{
+    return static_cast<unsigned>(std::count(text, text + n, '\n'));
+}
+
+void put(Stream &stream, const char *text, size_t n)
+{
+    if (make_room(stream, n))
+        append(stream, text, n);
+    else
+        stream.dropped += count_lines(text, n);
+}
+
+[[gnu::format(printf, 2, 0)]] void put_formatted(Stream &stream, const char *format, va_list args)
+{
+    char line[1024];
+    va_list again;
+    va_copy(again, args);
+    const int n = vsnprintf(line, sizeof line, format, args);
+    if (n >= 0 && static_cast<size_t>(n) < sizeof line) {
+        put(stream, line, static_cast<size_t>(n));
+    } else if (n > 0) { // longer than usual: a client's long name
+        char *text = nullptr;
+        if (vasprintf(&text, format, again) >= 0) {
+            put(stream, text, strlen(text));
+            free(text);
+        }
+    }
+    va_end(again);
+}
+
+long long now_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+} // namespace
+
+void out_printf(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    put_formatted(out, format, args);
+    va_end(args);
+}
+
+void out_puts(const char *line)
+{
+    out_printf("%s\n", line);
+}
+
+bool out_flush()
+{
+    return flush(out);
+}
+
+bool out_drain(int milliseconds)
+{
+    const long long until = now_ms() + milliseconds;
+    while (!flush(out)) {
+        const long long left = until - now_ms();
+        if (left <= 0)
+            return false;
+        can_take_some(out.fd, static_cast<int>(left));
+    }
+    return true;
+}
+
+void err_printf(const char *format, ...)
+{
+    flush(out);
+    va_list args;
+    va_start(args, format);
+    put_formatted(err, format, args);
+    va_end(args);
+    flush(err);
+}
+
+void err_perror(const char *what)
+{
+    err_printf("%s: %s\n", what, strerror(errno));
+}

@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: MIT
+#include "region.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+
+#include "../base/output.h"
+
+namespace {
+
+int16_t narrow(int32_t value)
+{
+    return static_cast<int16_t>(std::clamp<int32_t>(value, SHRT_MIN, SHRT_MAX));
+}
+
+bool is_empty(const Box &box)
+{
+    return box.x2 <= box.x1 || box.y2 <= box.y1;
+}
+
+// pixman takes regions that it does not change by pointers to non-const.
+Region *unchanged(const Region *region)
+{
+    return const_cast<Region *>(region);
+}
+
+// Where region_new finds no memory. It is an empty region that all such callers share and nobody frees.
+Region *broken_region()
+{
+    static Region region = [] {
+        Region empty;
+        pixman_region_init(&empty);
+        return empty;
+    }();
+    return &region;
+}
+
+} // namespace
+
+Box region_box(const Rect &rect)
+{
+    return Box{narrow(rect.x1), narrow(rect.y1), narrow(rect.x2), narrow(rect.y2)};
+}
+
+Region *region_new()
+{
+    return region_new_with_rect(nullptr);
+}
+
+Region *region_new_with_rect(const Box *box)
+{
+    auto *region = static_cast<Region *>(malloc(sizeof(Region)));
+    if (region == nullptr)
+        return broken_region();
+    region_init(region, box);
+    return region;
+}
+
+void region_init(Region *region, const Box *box)
+{
+    if (box == nullptr || is_empty(*box))
+        pixman_region_init(region);
+    else
+        pixman_region_init_with_extents(region, const_cast<Box *>(box));
+}
+
+void region_uninit(Region *region)
+{
+    pixman_region_fini(region);
+}
+
+void pixman_region_destroy(Region *region)
+{
+    if (region == nullptr || region == broken_region())
+        return;
+    region_uninit(region);
+    free(region);
+}
+
+int region_num_rects(const Region *region)
+{
+    return pixman_region_n_rects(unchanged(region));
+}
+
+const Box *region_rects(const Region *region)
+{
+    return pixman_region_rectangles(unchanged(region), nullptr);
+}
+
+int region_copy(Region *dst, const Region *src)
+{
+    return pixman_region_copy(dst, unchanged(src));
+}
+
+int region_union(Region *result, const Region *a, const Region *b)
+{
+    return pixman_region_union(result, unchanged(a), unchanged(b));
+}
+
+int region_union_rect(Region *result, const Region *src, const Rect *rect)
+{
+    Box box = region_box(*rect);
+    if (is_empty(box))
+        return 0;
+    // One rectangle allocates nothing, so there is nothing to release.
+    Region one;
+    pixman_region_init_with_extents(&one, &box);
+    return pixman_region_union(result, unchanged(src), &one);
+}
+
+int region_add_i(Region *region, const Region *other)
+{
+    return region_union(region, region, other);
+}
+
+int region_intersect(Region *result, const Region *a, const Region *b)
+{
+    return pixman_region_intersect(result, unchanged(a), unchanged(b));
+}
+
+int region_intersect_rect(Region *result, const Region *src, const Rect *rect)
+{
+    const Box box = region_box(*rect);
+    Region one;
+    region_init(&one, &box);
+    return pixman_region_intersect(result, unchanged(src), &one);
+}
+
+int region_subtract(Region *result, const Region *minuend, const Region *subtrahend)
+{
+    return pixman_region_subtract(result, unchanged(minuend), unchanged(subtrahend));
+}
+
+void region_translate(Region *region, int32_t dx, int32_t dy)
+{
+    // Farther than the whole coordinate range everything is out, however far: the sums inside pixman stay defined.
+    constexpr int32_t FAR = 2 * (SHRT_MAX + 1);
+    pixman_region_translate(region, std::clamp(dx, -FAR, FAR), std::clamp(dy, -FAR, FAR));
+}
+
+void region_reset(Region *region, const Rect *rect)
+{
+    Box box = region_box(*rect);
+    if (is_empty(box))
+        region_make_empty(region); // pixman would keep an inverted box and later produce overlapping rectangles
+    else
+        pixman_region_reset(region, &box);
+}
+
+void region_make_empty(Region *region)
+{
+    const Box extents = region->extents;
+    pixman_region_clear(region);
+    region->extents = Box{extents.x1, extents.y1, extents.x1, extents.y1};
+}
+
+int region_is_empty(const Region *region)
+{
+    return !pixman_region_not_empty(unchanged(region));
+}
+
+int region_contained_in_rectangle(const Region *region, const Box *box)
+{
+    if (region_is_empty(region))
+        return 1;
+    // The extents are the smallest box around all rectangles: what holds for them holds for each.
+    const Box &extents = region->extents;
+    return extents.x1 >= box->x1 && extents.y1 >= box->y1 && extents.x2 <= box->x2 && extents.y2 <= box->y2;
+}
+
+void region_print(const Region *region)
+{
+    const int n = region_num_rects(region);
+    const long size = region->data != nullptr ? region->data->size : 0;
+    out_printf("num: %d size: %d\n", n, static_cast<int>(size));
+    out_printf("extents: %d %d %d %d\n", region->extents.x1, region->extents.y1, region->extents.x2,
+               region->extents.y2);
+    const Box *rects = region_rects(region);
+    for (int i = 0; i < n; i++)
+        out_printf("%d %d %d %d \n", rects[i].x1, rects[i].y1, rects[i].x2, rects[i].y2);
+    out_printf("\n");
+}
