@@ -51,18 +51,21 @@ typedef struct xc_rect {
 
 /*
  * A new image of width x height pixels in `format` (enum xc_format), with rows `stride` bytes apart.
- * `borrowed` 1: over `pixels`, which must outlive the image; extent is stride x height until the caller, who knows
- * what is mapped, sets it. `borrowed` 0 with null pixels: over zeroed storage of stride x height bytes, freed with
- * the last reference. `reserved` is 0. XC_IMAGE_ALPHA is set for XC_FORMAT_ARGB32 only.
- * Returns one reference, or NULL: unknown format, width or height below 1, size overflow, no memory, and with own
- * storage also a stride smaller than a row. (A borrowed image may have any stride.)
+ * `borrowed` 1: over `pixels`, which must outlive the image; extent is stride x height (0 when that is negative or
+ * `pixels` is NULL, at most PTRDIFF_MAX) until the caller, who knows what is mapped, sets it. Any stride will do.
+ * `borrowed` 0 with null pixels: over storage of stride x height zero bytes, freed with the last reference. Pages of
+ * it that nobody writes take no memory.
+ * `reserved` is 0. XC_IMAGE_ALPHA is set for XC_FORMAT_ARGB32 only.
+ * Returns one reference, or NULL: unknown format, width or height below 1, no memory; and with own storage also a
+ * stride smaller than a row, a size above INT32_MAX bytes, or pixels that are not NULL.
  */
 xc_image *xc_image_new_with_data(int32_t width, int32_t height, void *pixels, int format, int reserved, int borrowed,
                                  int32_t stride);
-xc_image *xc_image_ref(xc_image *image);
+xc_image *xc_image_ref(xc_image *image);  /* one reference more; returns the image */
 void xc_image_unref(xc_image *image); /* NULL is allowed */
 
-/* Address of pixel (x, y): pixels + y x stride + x x bytes per pixel. Not checked against the extent. */
+/* Address of pixel (x, y): pixels + y x stride + x x bytes per pixel. Not checked against the extent: of a pixel that
+ * does not exist it is a number to compare with, not an address to use. */
 void *xc_image_pointer(const xc_image *image, int32_t x, int32_t y);
 /* Bytes per pixel in memory: 2 for depth 16, else 4. */
 int xc_image_pixel_size(const xc_image *image);
