@@ -12,3 +12,6 @@
 // Under another function's name: a step that is reported as part of the operation that it belongs to.
 #define fs_assert_in(function, expression) \
     ((expression) ? static_cast<void>(0) : assert_failed(#expression, __FILE__, __LINE__, function))
+// With the text that stands for the expression in the log.
+#define fs_assert_text(expression, text) \
+    ((expression) ? static_cast<void>(0) : assert_failed(text, __FILE__, __LINE__, __func__))

@@ -168,6 +168,11 @@ bool out_flush()
     return flush(out);
 }
 
+bool out_waiting()
+{
+    return out.begin < out.end || out.dropped > 0;
+}
+
 bool out_drain(int milliseconds)
 {
     const long long until = now_ms() + milliseconds;

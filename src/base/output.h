@@ -14,7 +14,9 @@ inline constexpr size_t ERR_BUFFER_SIZE = 16 * 1024;
 void out_puts(const char *line); // adds the newline
 // Writes what can be written without waiting. Returns true when nothing is left.
 bool out_flush();
-// The same, waiting up to `milliseconds` for a slow reader.
+// True while lines wait for a reader.
+bool out_waiting();
+// out_flush, waiting up to `milliseconds` for a slow reader.
 bool out_drain(int milliseconds);
 
 [[gnu::format(printf, 1, 2)]] void err_printf(const char *format, ...);

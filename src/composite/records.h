@@ -38,7 +38,6 @@ struct Backend {
     int32_t use_count;               // surfaces bound
     int32_t sync_count;              // shown surfaces with SURFACE_SYNC
     int32_t secondary;               // 1 for the second framebuffer layer
-    Region occlusion_region;         // the pass's own (screen); alive only inside a pass
     char *name;                      // owned: "fb", "fb2" or null
     const display_func *displayfunc; // static
     xc_image *frame_img;             // owned; over the mapped memory (panel)

@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: MIT
+#include "client_memory.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+struct Range {
+    uintptr_t start;
+    size_t size; // whole pages
+};
+
+// Ranges in no particular order. There are about as many as clients at the same time.
+struct RangeList {
+    Range *entries;
+    size_t n;
+    size_t capacity;
+};
+
+RangeList live;     // mapped for a client
+RangeList reserved; // inaccessible, free for the next client
+
+bool range_add(RangeList &list, Range range)
+{
+    if (list.n == list.capacity) {
+        const size_t capacity = list.capacity == 0 ? 16 : 2 * list.capacity;
+        auto *entries = static_cast<Range *>(realloc(list.entries, capacity * sizeof(Range)));
+        if (entries == nullptr)
+            return false;
+        list.entries = entries;
+        list.capacity = capacity;
+    }
+    list.entries[list.n++] = range;
+    return true;
+}
+
+void range_drop(RangeList &list, size_t index)
+{
+    list.entries[index] = list.entries[--list.n];
+}
+
+size_t whole_pages(size_t bytes)
+{
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return (bytes + page - 1) / page * page;
+}
+
+// The smallest reservation that holds `size` bytes, or reserved.n.
+size_t best_reservation(size_t size)
+{
+    size_t best = reserved.n;
+    for (size_t i = 0; i < reserved.n; i++) {
+        const bool fits = reserved.entries[i].size >= size;
+        if (fits && (best == reserved.n || reserved.entries[i].size < reserved.entries[best].size))
+            best = i;
+    }
+    return best;
+}
+
+// Neighbouring reservations become one, so that a large client fits where several small ones were.
+void reserve(Range range)
+{
+    for (size_t i = 0; i < reserved.n;) {
+        const Range other = reserved.entries[i];
+        if (other.start + other.size == range.start)
+            range = Range{other.start, other.size + range.size};
+        else if (range.start + range.size == other.start)
+            range.size += other.size;
+        else {
+            i++;
+            continue;
+        }
+        range_drop(reserved, i);
+        i = 0;
+    }
+    range_add(reserved, range); // without memory for the note the range merely stays unused
+}
+
+void *map_into(size_t index, int fd, size_t bytes, size_t size)
+{
+    const Range range = reserved.entries[index];
+    void *pixels = mmap(reinterpret_cast<void *>(range.start), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
+                        fd, 0);
+    if (pixels == MAP_FAILED || range.size == size) // after a failure the range may be a hole that others fill
+        range_drop(reserved, index);
+    else
+        reserved.entries[index] = Range{range.start + size, range.size - size};
+    return pixels;
+}
+
+} // namespace
+
+void *client_memory_map(int fd, size_t bytes)
+{
+    const size_t size = whole_pages(bytes);
+    if (size < bytes) // more than there is address space: let the system say so
+        return mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    const size_t index = best_reservation(size);
+    void *pixels = index < reserved.n ? map_into(index, fd, bytes, size)
+                                      : mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (pixels != MAP_FAILED)
+        range_add(live, Range{reinterpret_cast<uintptr_t>(pixels), size});
+    return pixels;
+}
+
+void client_memory_retire(void *pixels)
+{
+    const auto start = reinterpret_cast<uintptr_t>(pixels);
+    for (size_t i = 0; i < live.n; i++) {
+        if (live.entries[i].start != start)
+            continue;
+        const Range range = live.entries[i];
+        range_drop(live, i);
+        const int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED;
+        if (mmap(pixels, range.size, PROT_NONE, flags, -1, 0) != MAP_FAILED)
+            reserve(range);
+        return;
+    }
+}

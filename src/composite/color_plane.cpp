@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: MIT
+// A surface with a colour plane shows a colour, or dims what lies below it, instead of its image.
+#include "composite.h"
+
+#include "../base/output.h"
+#include "extent.h"
+
+namespace {
+
+constexpr uint32_t COLORS = 0x00FFFFFF;
+constexpr uint32_t OPAQUE = 0xFF;
+
+// Calls paint(pixels, count) for the existing part of each row of the region.
+template <typename Pixel, typename Paint> void for_each_row(xc_image *work, const Region *region, Paint paint)
+{
+    const PixelGrid grid = image_grid(work, sizeof(Pixel));
+    auto *bytes = static_cast<uint8_t *>(work->pixels);
+    const Box *rects = region_rects(region);
+    const int n = region_num_rects(region);
+    for (int i = 0; i < n; i++) {
+        for (int32_t y = rects[i].y1; y < rects[i].y2; y++) {
+            const int64_t start = grid.offset(rects[i].x1, y);
+            const PixelRun run = existing_run(grid, start, grid.size, rects[i].x2 - rects[i].x1);
+            paint(reinterpret_cast<Pixel *>(bytes + start + run.first * grid.size), run.count);
+        }
+    }
+}
+
+template <typename Pixel> void fill(xc_image *work, const Region *region, Pixel value)
+{
+    for_each_row<Pixel>(work, region, [value](Pixel *row, int32_t n) {
+        for (int32_t i = 0; i < n; i++)
+            row[i] = value;
+    });
+}
+
+void dim(xc_image *work, const Region *region, uint32_t strength)
+{
+    for_each_row<uint32_t>(work, region, [strength](uint32_t *row, int32_t n) {
+        for (int32_t i = 0; i < n; i++) {
+            const uint32_t p = row[i];
+            row[i] = ((p & 0x00FF00FF) * strength >> 8 & 0x00FF00FF) | ((p & 0x0000FF00) * strength >> 8 & 0x0000FF00);
+        }
+    });
+}
+
+uint16_t to_565(uint32_t c)
+{
+    return static_cast<uint16_t>((c >> 19 & 0x1F) << 11 | (c >> 10 & 0x3F) << 5 | (c >> 3 & 0x1F));
+}
+
+void paint_16(xc_image *work, const Region *region, uint32_t c)
+{
+    if ((c & COLORS) == COLORS) // a veil: nothing to see on 16 bits
+        return;
+    if (c >> 24 == OPAQUE)
+        fill<uint16_t>(work, region, to_565(c));
+    else
+        out_puts("unsupported color plane");
+}
+
+void paint_32(xc_image *work, const Region *region, uint32_t c)
+{
+    if ((c & COLORS) == COLORS)
+        dim(work, region, c >> 24);
+    else if (c >> 24 == OPAQUE)
+        fill<uint32_t>(work, region, c);
+    else
+        out_puts("unsupported color plane");
+}
+
+} // namespace
+
+void color_plane_paint(xc_image *work, const Region *region, int32_t c)
+{
+    if (work == nullptr)
+        return;
+    // Tools that count layers in the log rely on one line for 16 bits and two for everything else.
+    if (work->format == XC_FORMAT_RGB16) {
+        paint_16(work, region, static_cast<uint32_t>(c));
+        out_puts("overlay_color_layer");
+    } else {
+        paint_32(work, region, static_cast<uint32_t>(c));
+        out_puts("overlay_color_layer");
+        out_puts("overlay_color_layer");
+    }
+}

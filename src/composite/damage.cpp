@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+// What has to be drawn again, and when: damage is only collected here, and at most one idle render is pending. The
+// render lock holds it back while clients draw into their shared memory.
+#include "composite.h"
+
+#include <glib.h>
+
+#include <algorithm>
+#include <climits>
+#include <sys/time.h>
+
+#include "../base/assert.h"
+
+namespace {
+
+timeval schedule_time; // when a render was last scheduled; a record for debuggers, nothing reads it back
+
+void add_idle_render(FbServer *fs)
+{
+    gettimeofday(&schedule_time, nullptr);
+    fs->idle_source = g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, fs_render, fs, nullptr);
+}
+
+// Origin plus size, saturated: a report of INT_MAX pixels is the whole surface, never nothing.
+int32_t end_of(int32_t origin, int32_t size)
+{
+    const int64_t end = static_cast<int64_t>(origin) + size;
+    return static_cast<int32_t>(std::clamp<int64_t>(end, INT32_MIN, INT32_MAX));
+}
+
+} // namespace
+
+void fs_schedule_render(FbServer *fs)
+{
+    if (fs->lock_count == 0 && fs->idle_source == 0)
+        add_idle_render(fs);
+}
+
+void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int32_t width, int32_t height)
+{
+    const bool seen_in_part = surface_has(surface, SURFACE_SHOWN) && !surface_has(surface, SURFACE_DIRTY);
+    if (!seen_in_part && surface->scale_state == nullptr)
+        return;
+    if (surface->color_plane != -1)
+        return;
+    const Rect rect{x, y, end_of(x, width), end_of(y, height)};
+    region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
+    fs_schedule_render(fs);
+}
+
+void fs_damage_surface(FbServer *fs, ImageSurface *surface)
+{
+    Rect *area = &surface->drawing_area;
+    fs_crop_area(fs, area);
+    if (area->x2 >= area->x1 && area->y1 < area->y2 && surface->backend != nullptr &&
+        surface->backend->damage_region != nullptr)
+        region_union_rect(surface->backend->damage_region, surface->backend->damage_region, area);
+    fs_schedule_render(fs);
+}
+
+void fs_lock_render(FbServer *fs)
+{
+    if (fs->idle_source != 0) {
+        g_source_remove(fs->idle_source);
+        fs->idle_source = 0;
+    }
+    fs->lock_count++;
+}
+
+void fs_unlock_render(FbServer *fs)
+{
+    if (--fs->lock_count == 0)
+        add_idle_render(fs);
+}
+
+void fs_set_lock_area(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int32_t width, int32_t height)
+{
+    fs_add_dirty(fs, surface, x, y, width, height);
+    if (surface->lock_counter == 0)
+        fs_lock_render(fs);
+    surface->lock_counter++;
+}
+
+void fs_set_unlock(FbServer *fs, ImageSurface *surface)
+{
+    surface->lock_counter--;
+    if (surface_has(surface, SURFACE_BLOCK)) {
+        surface->lock_counter--;
+        surface->flags &= ~SURFACE_BLOCK;
+    }
+    fs_assert(surface->lock_counter >= 0);
+    if (surface->lock_counter == 0)
+        fs_unlock_render(fs);
+}
+
+void fs_block_until_unlock(FbServer *fs, ImageSurface *surface)
+{
+    if (surface_has(surface, SURFACE_BLOCK))
+        return;
+    surface->flags |= SURFACE_BLOCK;
+    fs_set_lock_area(fs, surface, 0, 0, 0, 0);
+}
+
+void fs_set_sync([[maybe_unused]] FbServer *fs, ImageSurface *surface, int32_t on)
+{
+    const bool wanted = on != 0;
+    if (wanted == surface_has(surface, SURFACE_SYNC))
+        return;
+    surface->flags ^= SURFACE_SYNC;
+    if (surface_has(surface, SURFACE_SHOWN) && surface->backend != nullptr)
+        surface->backend->sync_count += wanted ? 1 : -1;
+}

@@ -1,0 +1,130 @@
+// SPDX-License-Identifier: MIT
+// Nearest-pixel scaling of the damaged parts of a client's image into the image that its surface shows.
+#include "composite.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "extent.h"
+
+namespace {
+
+int32_t clamp_to(int64_t value, int32_t low, int32_t high)
+{
+    return static_cast<int32_t>(std::min<int64_t>(std::max<int64_t>(value, low), high));
+}
+
+// A rectangle of the client's image in scaled surface coordinates: starts rounded down, ends rounded up.
+Rect map_to_scaled(const ImageSurface *surface, const Box &box)
+{
+    const ScaleState &s = *surface->scale_state;
+    const int32_t width = surface->area.x2 - surface->area.x1;
+    const int32_t height = surface->area.y2 - surface->area.y1;
+    const auto start = [](int64_t v, int64_t scale, int64_t offset) { return (v * scale + offset) >> 16; };
+    const auto end = [](int64_t v, int64_t scale, int64_t offset) { return (v * scale + offset + 0xFFFF) >> 16; };
+    return Rect{clamp_to(start(box.x1, s.x_scale, s.x_offset), 0, INT32_MAX),
+                clamp_to(start(box.y1, s.y_scale, s.y_offset), 0, INT32_MAX),
+                clamp_to(end(box.x2, s.x_scale, s.x_offset), INT32_MIN, width),
+                clamp_to(end(box.y2, s.y_scale, s.y_offset), INT32_MIN, height)};
+}
+
+// One row of the refresh. Offsets count bytes from the start of each image's pixels.
+struct RowWalk {
+    const uint8_t *src;
+    uint8_t *dst;
+    PixelGrid src_grid;
+    PixelGrid dst_grid;
+    int64_t src_at; // the first source pixel
+    int64_t dst_at; // the first destination pixel
+    int64_t fraction;
+    int64_t step; // 16.16 source pixels per destination pixel
+    int32_t n;    // destination pixels
+};
+
+// With 32-bit pixels a fraction of exactly one whole pixel does not step the source yet, with 16-bit ones it does.
+// Clients have laid out their scaled pictures by that, pixel by pixel.
+template <typename Pixel> constexpr int64_t STEP_ABOVE = sizeof(Pixel) == 4 ? 0x10000 : 0xFFFF;
+
+// Adds the step; returns how many source pixels to go on.
+template <typename Pixel> int64_t advance(int64_t &fraction, int64_t step)
+{
+    constexpr int64_t limit = STEP_ABOVE<Pixel>;
+    fraction += step;
+    if (fraction <= limit)
+        return 0;
+    const int64_t pixels = (fraction - limit + 0xFFFF) >> 16;
+    fraction -= pixels << 16;
+    return pixels;
+}
+
+template <typename Pixel> void copy_pixel(const RowWalk &row, int64_t src_at, int64_t dst_at)
+{
+    memcpy(row.dst + dst_at, row.src + src_at, sizeof(Pixel)); // a client's stride need not keep rows aligned
+}
+
+template <typename Pixel, bool Checked> void walk_row(const RowWalk &row)
+{
+    constexpr int64_t size = sizeof(Pixel);
+    int64_t src_at = row.src_at;
+    int64_t dst_at = row.dst_at;
+    int64_t fraction = row.fraction;
+    for (int32_t i = 0; i < row.n; i++, dst_at += size) {
+        if (!Checked || (row.src_grid.holds(src_at, src_at) && row.dst_grid.holds(dst_at, dst_at)))
+            copy_pixel<Pixel>(row, src_at, dst_at);
+        src_at += advance<Pixel>(fraction, row.step) * size;
+    }
+}
+
+// The source pixels of a row lie between the first and this one.
+template <typename Pixel> int64_t last_source(const RowWalk &row)
+{
+    return row.src_at + (((row.fraction + row.step * row.n) >> 16) + 1) * static_cast<int64_t>(sizeof(Pixel));
+}
+
+template <typename Pixel> void refresh_rectangle(const ImageSurface *surface, const Rect &to)
+{
+    const ScaleState &s = *surface->scale_state;
+    RowWalk row{static_cast<const uint8_t *>(s.orig_img->pixels),
+                static_cast<uint8_t *>(surface->img->pixels),
+                image_grid(s.orig_img, sizeof(Pixel)),
+                image_grid(surface->img, sizeof(Pixel)),
+                0,
+                0,
+                0,
+                s.x_step,
+                to.x2 - to.x1};
+    const int64_t start = static_cast<int64_t>(to.x1) * s.x_step + s.src_x_origin;
+    row.fraction = start & 0xFFFF;
+    for (int64_t y = to.y1; y < to.y2; y++) {
+        row.src_at = row.src_grid.offset(start >> 16, (y * s.y_step + s.src_y_origin) >> 16);
+        row.dst_at = row.dst_grid.offset(to.x1, y);
+        const int64_t dst_last = row.dst_at + (row.n - 1) * row.dst_grid.size;
+        if (s.x_step >= 0 && row.src_grid.holds(row.src_at, last_source<Pixel>(row)) &&
+            row.dst_grid.holds(row.dst_at, dst_last))
+            walk_row<Pixel, false>(row);
+        else
+            walk_row<Pixel, true>(row);
+    }
+}
+
+} // namespace
+
+void scale_refresh(ImageSurface *surface)
+{
+    Region refreshed;
+    region_init(&refreshed, nullptr);
+    const int n = region_num_rects(&surface->dirty_region);
+    const Box *rects = region_rects(&surface->dirty_region);
+    for (int i = 0; i < n; i++) {
+        const Rect to = map_to_scaled(surface, rects[i]);
+        region_union_rect(&refreshed, &refreshed, &to);
+        if (to.x1 >= to.x2 || to.y1 >= to.y2)
+            continue;
+        if (surface->scale_state->orig_img->depth == 32)
+            refresh_rectangle<uint32_t>(surface, to);
+        else
+            refresh_rectangle<uint16_t>(surface, to);
+    }
+    region_copy(&surface->dirty_region, &refreshed);
+    region_uninit(&refreshed);
+}

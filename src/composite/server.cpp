@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: MIT
+// The server object.
+#include "composite.h"
+
+#include <cstdlib>
+
+#include "../base/output.h"
+
+FbServer *fs_new(int32_t width, int32_t height)
+{
+    auto *fs = static_cast<FbServer *>(calloc(1, sizeof(FbServer)));
+    if (fs == nullptr) {
+        err_printf("%s:Can't alloc FbServer\n", "fs_new");
+        return nullptr;
+    }
+    fs->w = fs->native_w = width;
+    fs->h = fs->native_h = height;
+    return fs;
+}
+
+void fs_destroy(FbServer *fs)
+{
+    if (fs == nullptr)
+        return;
+    for (int32_t left = fs->n_backend; left > 0 && fs->backends != nullptr; left--) {
+        if (fs->backends[0] != nullptr)
+            fs_remove_backend(fs, fs->backends[0]->name);
+    }
+    // The process ends here: what else the surfaces hold goes with it.
+    for (int32_t i = 0; i < fs->n_surface; i++) {
+        xc_image_unref(fs->surfaces[i]->img);
+        free(fs->surfaces[i]);
+    }
+    free(fs->backends);
+    free(fs->surfaces);
+    free(fs);
+}

@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+// The stack of surfaces: a plain array ordered by level, which a pass walks without sorting.
+#pragma once
+
+#include "records.h"
+
+// Above all surfaces of the same or a lower level. Without memory for a larger array the list is lost, after a message
+// on standard error, and the surface is in no list.
+void surface_list_add(FbServer *fs, ImageSurface *surface);
+// Its index, or n_surface when it is not there.
+int32_t surface_list_find(const FbServer *fs, const ImageSurface *surface);
+// Takes the entry at `index` out and closes the gap.
+void surface_list_take(FbServer *fs, int32_t index);
