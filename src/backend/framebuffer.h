@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: MIT
+// What both framebuffer outputs do with a Linux framebuffer device.
+#pragma once
+
+#include <linux/fb.h>
+
+#include "backend.h"
+
+// Opens `first` read-write, or `second` (may be null) when that fails. -1 when neither can be had.
+int framebuffer_open(const char *first, const char *second);
+
+// Reads the device's description, fixed and variable. False after a message.
+bool framebuffer_describe(int fd, fb_fix_screeninfo *fix, fb_var_screeninfo *var);
+
+// Maps the whole framebuffer memory, visible or not. Null after a message.
+void *framebuffer_map(int fd, uint32_t bytes);
+
+// Fills in everything but the size and has_alpha.
+void framebuffer_fill_info(ScreenInfo *info, const fb_fix_screeninfo &fix, const fb_var_screeninfo &var);
