@@ -57,7 +57,8 @@ typedef struct xc_rect {
  * it that nobody writes take no memory.
  * `reserved` is 0. XC_IMAGE_ALPHA is set for XC_FORMAT_ARGB32 only.
  * Returns one reference, or NULL: unknown format, width or height below 1, no memory; and with own storage also a
- * stride smaller than a row, a size above INT32_MAX bytes, or pixels that are not NULL.
+ * stride below 1, a size above INT32_MAX bytes, or pixels that are not NULL. (A stride smaller than a row makes rows
+ * overlap; what exists is still decided by the extent.)
  */
 xc_image *xc_image_new_with_data(int32_t width, int32_t height, void *pixels, int format, int reserved, int borrowed,
                                  int32_t stride);

@@ -48,9 +48,8 @@ bool attach_borrowed(xc_image *image, void *pixels)
 // calloc, not malloc and memset: fresh pages are zero already and stay untouched until somebody draws on them.
 bool attach_own(xc_image *image, const void *pixels)
 {
-    const int64_t row = int64_t{image->width} * pixel_size(image->depth);
     const int64_t bytes = int64_t{image->stride} * image->height;
-    if (pixels != nullptr || image->stride < row || bytes > INT32_MAX)
+    if (pixels != nullptr || image->stride < 1 || bytes > INT32_MAX)
         return false;
     image->pixels = calloc(1, static_cast<size_t>(bytes));
     image->extent = static_cast<size_t>(bytes);
