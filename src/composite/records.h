@@ -99,3 +99,8 @@ struct FbServer {
 
 inline bool surface_has(const ImageSurface *surface, uint32_t flag) { return (surface->flags & flag) != 0; }
 inline bool image_has_alpha(const xc_image *image) { return image != nullptr && (image->flags & XC_IMAGE_ALPHA) != 0; }
+// The image that the client draws into, scaled or not. May be null.
+inline xc_image *surface_client_image(const ImageSurface *surface)
+{
+    return surface->scale_state != nullptr ? surface->scale_state->orig_img : surface->img;
+}

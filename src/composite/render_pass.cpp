@@ -12,6 +12,7 @@
 #include "../base/assert.h"
 #include "../base/output.h"
 #include "../base/wrap.h"
+#include "client_memory.h"
 #include "extent.h"
 
 namespace {
@@ -350,6 +351,21 @@ void draw(FbServer *fs, const Drawers &drawers, bool cleared)
     }
 }
 
+// ---- faults ----
+
+void report_truncated(const FbServer *fs)
+{
+    while (const void *pixels = client_memory_take_truncated()) {
+        for (int32_t i = 0; i < fs->n_surface; i++) {
+            const ImageSurface *surface = fs->surfaces[i];
+            const xc_image *image = surface_client_image(surface);
+            if (image != nullptr && image->pixels == pixels)
+                err_printf("shared memory of %s is too short: what is missing shows as zero\n",
+                           surface->name != nullptr ? surface->name : "(null)");
+        }
+    }
+}
+
 } // namespace
 
 int fs_render(void *data)
@@ -363,6 +379,7 @@ int fs_render(void *data)
     } else {
         err_printf("dirty region is empty!!!!!!!!!!!!!!!!!!!!\n");
     }
+    report_truncated(fs);
     out_flush();
     return G_SOURCE_REMOVE;
 }

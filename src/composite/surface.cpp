@@ -27,7 +27,7 @@ xc_image *client_image(int32_t width, int32_t height, int32_t stride, int32_t fo
 
 void release_resources(ImageSurface *surface)
 {
-    xc_image *client = surface->scale_state != nullptr ? surface->scale_state->orig_img : surface->img;
+    const xc_image *client = surface_client_image(surface);
     void *pixels = client != nullptr ? client->pixels : nullptr;
     region_uninit(&surface->opaque_area);
     region_uninit(&surface->dirty_region); // aux_region is empty between passes and holds nothing
