@@ -100,13 +100,9 @@ void *qarno_fb2_init([[maybe_unused]] FbServer *fs, ScreenInfo *info)
     return fb2_ptr;
 }
 
-void fb2_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region)
-{
-}
+void fb2_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region) {}
 
-void fb2_flush([[maybe_unused]] FbServer *fs)
-{
-}
+void fb2_flush([[maybe_unused]] FbServer *fs) {}
 
 void fb2_release([[maybe_unused]] FbServer *fs)
 {

@@ -93,8 +93,8 @@ void reserve(Range range)
 void *map_into(size_t index, int fd, size_t bytes, size_t size)
 {
     const Range range = reserved.entries[index];
-    void *pixels = mmap(reinterpret_cast<void *>(range.start), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-                        fd, 0);
+    void *pixels =
+        mmap(reinterpret_cast<void *>(range.start), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);
     if (pixels == MAP_FAILED || range.size == size) // after a failure the range may be a hole that others fill
         range_drop(reserved, index);
     else

@@ -244,8 +244,8 @@ void draw_alone(FbServer *fs, ImageSurface *surface)
         set_alpha(surface->img, false);
         set_alpha(backend->work_img, false);
     }
-    image_render(fs, backend, surface->img, backend->work_img, &surface->aux_region, surface->area.x1,
-                 surface->area.y1, fs->rotation);
+    image_render(fs, backend, surface->img, backend->work_img, &surface->aux_region, surface->area.x1, surface->area.y1,
+                 fs->rotation);
     if (backend->secondary != 0) {
         set_alpha(surface->img, true);
         set_alpha(backend->work_img, true);
@@ -297,8 +297,8 @@ bool is_drawn_opaque(const ImageSurface *surface)
         return false;
     const Box *first = region_rects(&surface->opaque_area);
     const int32_t x = surface->area.x1;
-    const Box moved = region_box(Rect{wrap_add(first->x1, x), wrap_add(first->y1, x), wrap_add(first->x2, x),
-                                      wrap_add(first->y2, x)});
+    const Box moved = region_box(
+        Rect{wrap_add(first->x1, x), wrap_add(first->y1, x), wrap_add(first->x2, x), wrap_add(first->y2, x)});
     return region_contained_in_rectangle(&surface->aux_region, &moved) != 0;
 }
 
@@ -326,8 +326,8 @@ void draw_stack(FbServer *fs)
 {
     for (int32_t i = 0; i < fs->n_surface; i++) {
         const ImageSurface *surface = fs->surfaces[i];
-        const bool visited = surface_has(surface, SURFACE_SHOWN) ? !region_is_empty(&surface->aux_region)
-                                                                 : has_alpha_output(surface);
+        const bool visited =
+            surface_has(surface, SURFACE_SHOWN) ? !region_is_empty(&surface->aux_region) : has_alpha_output(surface);
         if (visited)
             draw_surface(fs, i);
     }
