@@ -218,7 +218,7 @@ TEST(Converters, RandomRectangles)
 // Whether the tests above can notice anything at all.
 TEST(GuardedBufferDeathTest, TrapsOneByteTooFar)
 {
-    for (size_t size : {0, 1, 100, 4096, 5000}) {
+    for (size_t size : {0u, 1u, 100u, 4096u, 5000u}) {
         const GuardedBuffer at_end(size, GuardedBuffer::AT_END);
         const GuardedBuffer at_start(size, GuardedBuffer::AT_START);
         memset(at_end.all().data(), 1, at_end.all().size());

@@ -34,7 +34,7 @@ ImageOwner pixman_row(pixman_format_code_t format, const void *pixels, size_t n)
 void pixman_compose(pixman_op_t op, pixman_format_code_t src_format, const Pixels &src, pixman_format_code_t dst_format,
                     void *dst)
 {
-    const size_t dst_size = PIXMAN_FORMAT_BPP(dst_format) / 8;
+    const size_t dst_size = dst_format == PIXMAN_r5g6b5 ? 2 : 4;
     for (size_t at = 0; at < src.size(); at += 16384) {
         const size_t n = std::min<size_t>(16384, src.size() - at);
         const ImageOwner from = pixman_row(src_format, src.data() + at, n);
