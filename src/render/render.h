@@ -57,7 +57,7 @@ RENDER_CONVERTER(render_rgb_to_16_90_quiet);
 
 // What image_render needs to know of a converter, found by find_converter.
 struct ConverterChoice {
-    Converter run;
+    Converter run;      // prints nothing
     Converter announce; // null, or what has to be printed once per rectangle before `run`
     uint8_t src_size;   // bytes per pixel
     uint8_t dst_size;

@@ -22,5 +22,6 @@ int main(void)
 	xc_image_unref(image);
 
 	printf("%d %d %d %d, offset %td, %08x\n", both.x1, both.y1, both.x2, both.y2, offset, (unsigned)blended);
-	return both.x1 == 5 && both.y1 == 0 && both.x2 == 10 && both.y2 == 5 && offset == 24 && blended == 0xFFFFFFFFu ? 0 : 1;
+	const int crossed = both.x1 == 5 && both.y1 == 0 && both.x2 == 10 && both.y2 == 5;
+	return crossed && offset == 24 && blended == 0xFFFFFFFFu ? 0 : 1;
 }
