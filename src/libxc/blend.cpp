@@ -4,8 +4,7 @@
 
 #include <cstring>
 
-namespace
-{
+namespace {
 
 // Two bytes of a pixel at a time, in bits 0..7 and 16..23 of a word, with the bits above each free for carries.
 constexpr uint32_t PAIR = 0x00FF00FF;

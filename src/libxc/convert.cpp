@@ -2,8 +2,7 @@
 // Whole rectangles of 32-bit pixels into the formats with fewer bits.
 #include "xc.h"
 
-namespace
-{
+namespace {
 
 constexpr uint16_t pixel_to_16(uint32_t p)
 {

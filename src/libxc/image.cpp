@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-namespace
-{
+namespace {
 
 struct FormatInfo {
     int format;

@@ -2,8 +2,7 @@
 // Which converter serves a pair of images at a rotation.
 #include "render.h"
 
-namespace
-{
+namespace {
 
 constexpr int ANY = -1;
 

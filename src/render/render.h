@@ -20,8 +20,8 @@
 using Converter = int32_t (*)(const FbServer *fs, const void *src, void *dst, int32_t sx, int32_t sy, int32_t dx,
                               int32_t dy, int32_t w, int32_t h, int32_t sstride, int32_t dstride);
 
-#define RENDER_CONVERTER(name)                                                                                   \
-    int32_t name(const FbServer *fs, const void *src, void *dst, int32_t sx, int32_t sy, int32_t dx, int32_t dy, \
+#define RENDER_CONVERTER(name)                                                                                         \
+    int32_t name(const FbServer *fs, const void *src, void *dst, int32_t sx, int32_t sy, int32_t dx, int32_t dy,       \
                  int32_t w, int32_t h, int32_t sstride, int32_t dstride)
 
 RENDER_CONVERTER(render_rgb_to_16);

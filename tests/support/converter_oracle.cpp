@@ -5,8 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace
-{
+namespace {
 
 struct Colour {
     uint32_t red, green, blue; // as wide as their format makes them

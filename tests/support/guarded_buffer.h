@@ -10,8 +10,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-class GuardedBuffer
-{
+class GuardedBuffer {
 public:
     enum Side { AT_START, AT_END };
 

@@ -17,8 +17,7 @@
 
 #include <gtest/gtest.h>
 
-namespace random_cases
-{
+namespace random_cases {
 
 using Random = std::mt19937;
 
@@ -44,8 +43,7 @@ inline uint32_t seed()
 inline char repeat_hint[128]; // of the running case, ready for a signal handler
 
 // Says on a memory trap which case it was, then leaves the trap to whom it belonged (a sanitizer reports it).
-class TrapReport
-{
+class TrapReport {
 public:
     TrapReport()
     {

@@ -10,8 +10,7 @@
 
 #include "../../src/base/output.h"
 
-class StdoutCapture
-{
+class StdoutCapture {
 public:
     StdoutCapture()
     {

@@ -12,8 +12,7 @@
 #include "../support/converter_oracle.h"
 #include "../support/stdout_capture.h"
 
-namespace
-{
+namespace {
 
 constexpr Converter ALL_FROM_RGB_TO_16[] = {render_rgb_to_16, render_rgb_to_16_90_quiet, render_rgb_to_16_270,
                                             render_rgb_to_16_x2};

@@ -16,8 +16,7 @@
 #include "../support/random_cases.h"
 #include "../support/stdout_capture.h"
 
-namespace
-{
+namespace {
 
 using random_cases::between;
 using random_cases::Random;
@@ -94,9 +93,7 @@ void set_strides(const ConverterFacts &facts, ConverterArguments &args, int32_t 
     args.dstride = right * step + more_dst;
 }
 
-class EveryConverter : public testing::TestWithParam<ConverterFacts>
-{
-};
+class EveryConverter : public testing::TestWithParam<ConverterFacts> {};
 
 INSTANTIATE_TEST_SUITE_P(, EveryConverter, testing::ValuesIn(converter_facts().begin(), converter_facts().end()),
                          [](const auto &info) { return std::string(info.param.name); });

@@ -7,8 +7,7 @@
 
 #include "../support/converter_oracle.h"
 
-namespace
-{
+namespace {
 
 constexpr int ROTATIONS[] = {0, 90, 270, 180, 45, -90, 1, 360, 450, INT_MAX, INT_MIN};
 constexpr int DEPTHS[] = {16, 18, 32, 24, 0, 1, 8, 12, 15, 17, 19, 30, 31, 33, 64, 255};

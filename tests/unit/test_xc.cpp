@@ -9,8 +9,7 @@
 #include <gtest/gtest.h>
 
 // The library's allocations come through here (linked with --wrap), to be counted and to fail when told to.
-namespace
-{
+namespace {
 
 int calloc_fails_in = 0; // the how manieth call fails; 0: none
 long live = 0;           // blocks in use
@@ -43,8 +42,7 @@ void __wrap_free(void *block)
 }
 }
 
-namespace
-{
+namespace {
 
 constexpr int OWN = 0;
 constexpr int BORROWED = 1;

@@ -13,8 +13,7 @@
 #include "../support/guarded_buffer.h"
 #include "../support/random_cases.h"
 
-namespace
-{
+namespace {
 
 using Pixels = std::vector<uint32_t>;
 using Row = void (*)(const uint32_t *, uint32_t *, int32_t);
