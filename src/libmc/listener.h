@@ -8,8 +8,8 @@
 namespace libmc {
 
 struct Listener {
-    int fd;      // listening, non-blocking; -1: closed
-    int lock_fd; // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
+    int fd;       // listening, non-blocking; -1: closed
+    int lock_fd;  // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
     dev_t device; // what was bound, so that nothing else is ever removed
     ino_t inode;
     sockaddr_un address;
