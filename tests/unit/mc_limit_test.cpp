@@ -12,8 +12,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class McLimit : public McTest
-{
+class McLimit : public McTest {
 protected:
     void SetUp() override
     {
@@ -30,8 +29,7 @@ protected:
 };
 
 // As long as it lives this process has no free descriptor.
-class NoDescriptors
-{
+class NoDescriptors {
 public:
     NoDescriptors()
     {

@@ -13,8 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class McServer : public McTest
-{
+class McServer : public McTest {
 protected:
     void SetUp() override
     {
