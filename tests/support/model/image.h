@@ -11,7 +11,8 @@
 
 namespace model {
 
-// A client's shared memory as the test holds it. The server may have mapped more bytes than there are: those read as 0.
+// A client's shared memory as the test holds it. The server may have mapped more bytes than there are (any more): those
+// read as 0.
 struct ClientMemory {
     const uint8_t *data = nullptr;
     size_t size = 0;
@@ -25,10 +26,9 @@ struct Image {
     int depth = 32;
     int format = XRGB32;
     bool alpha = false;
-    int64_t extent = 0;         // bytes
-    ClientMemory shared;        // a client's image
-    std::vector<uint8_t> bytes; // every other image
-    bool is_shared = false;
+    int64_t extent = 0; // bytes
+    const ClientMemory *shared = nullptr; // a client's image; not owned
+    std::vector<uint8_t> bytes;           // every other image
 };
 
 int depth_of_format(int format);
@@ -44,8 +44,8 @@ inline bool image_read(const Image &image, int64_t offset, int n, uint32_t &valu
 {
     if (offset < 0 || offset > image.extent - n)
         return false;
-    size_t size = image.is_shared ? image.shared.size : image.bytes.size();
-    const uint8_t *data = image.is_shared ? image.shared.data : image.bytes.data();
+    size_t size = image.shared ? image.shared->size : image.bytes.size();
+    const uint8_t *data = image.shared ? image.shared->data : image.bytes.data();
     value = 0;
     for (int i = 0; i < n; i++) {
         size_t at = static_cast<size_t>(offset + i);

@@ -93,7 +93,7 @@ struct Model {
     std::vector<int> in_use;       // outputs in order of first use
     Output outputs[N_OUTPUTS];
     std::map<int, Client> clients;
-    std::map<std::string, ClientMemory> shared_memory; // objects that clients have made and named
+    std::map<std::string, const ClientMemory *> shared_memory; // objects that have a name; not owned
     std::string out, err;                              // printed so far
     std::vector<std::string> calls;                    // what the outputs' functions were called with
 };

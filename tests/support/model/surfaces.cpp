@@ -19,7 +19,7 @@ Model model_new(int32_t width, int32_t height, const Device &primary, const Devi
 
 namespace {
 
-Image shared_image(int32_t w, int32_t h, const ClientMemory &memory, int format, int32_t stride)
+Image shared_image(int32_t w, int32_t h, const ClientMemory *memory, int format, int32_t stride)
 {
     Image image;
     image.width = w;
@@ -29,7 +29,6 @@ Image shared_image(int32_t w, int32_t h, const ClientMemory &memory, int format,
     image.depth = depth_of_format(format);
     image.alpha = format == ARGB32;
     image.shared = memory;
-    image.is_shared = true;
     image.extent = wrap(int64_t{stride} * h);
     return image;
 }
@@ -167,7 +166,7 @@ int add_surface(Model &m, const Surface &described)
 }
 
 // The bytes that the server maps for a surface. Aborts where there is no object or nothing can be mapped.
-ClientMemory map_memory(Model &m, const std::string &name, int32_t size)
+const ClientMemory *map_memory(Model &m, const std::string &name, int32_t size)
 {
     auto object = m.shared_memory.find(name);
     if (object == m.shared_memory.end()) {
@@ -178,7 +177,7 @@ ClientMemory map_memory(Model &m, const std::string &name, int32_t size)
         m.err += size == 0 ? "mmap: Invalid argument\n" : "mmap: Cannot allocate memory\n";
         throw Aborted{"0", "create"};
     }
-    ClientMemory memory = object->second;
+    const ClientMemory *memory = object->second;
     m.shared_memory.erase(object);
     return memory;
 }
@@ -227,7 +226,7 @@ void create(Model &m, Client &client, const std::vector<Argument> &arguments)
         print(m.out, "Invalid pfb width/height (%d/%d)\n", w, h);
         return;
     }
-    ClientMemory memory = map_memory(m, shm_name, wrap(int64_t{stride} * h));
+    const ClientMemory *memory = map_memory(m, shm_name, wrap(int64_t{stride} * h));
     int format = format_of_request(depth, alpha);
     if (format < 0) {
         print(m.out, "unsupported color depth&alpha combination:depth=%d alpha=%d\n", depth, alpha);
