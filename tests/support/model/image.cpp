@@ -98,7 +98,8 @@ void conversion_run(const Conversion &c, const Image &src, Image &dst, int64_t s
     auto pixel = [&](int64_t i, int64_t j, int64_t to) {
         uint32_t p, below;
         int64_t from = (pitch(src) * (sy + j) + sx + i) * sn;
-        if (image_read(src, from, sn, p) && image_read(dst, to * dn, dn, below))
+        // What cannot be written is not looked at either: a look can find a client's memory short.
+        if (image_read(dst, to * dn, dn, below) && image_read(src, from, sn, p))
             image_write(dst, to * dn, dn, convert(c.rule, p, below));
     };
     if (c.turned) {

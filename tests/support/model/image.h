@@ -12,11 +12,14 @@
 namespace model {
 
 // A client's shared memory as the test holds it. The server may have mapped more bytes than there are (any more): those
-// read as 0.
+// read as 0, and the first look at a page of which nothing is there is told of once.
 struct ClientMemory {
     const uint8_t *data = nullptr;
     size_t size = 0;
+    mutable enum { WHOLE, FOUND_SHORT, TOLD } state = WHOLE;
 };
+
+inline constexpr size_t PAGE = 4096;
 
 enum { ARGB32 = 0, XRGB32 = 1, RGB16 = 3, RGB18 = 8 };
 
@@ -49,6 +52,8 @@ inline bool image_read(const Image &image, int64_t offset, int n, uint32_t &valu
     value = 0;
     for (int i = 0; i < n; i++) {
         size_t at = static_cast<size_t>(offset + i);
+        if (at >= size && at >= (size + PAGE - 1) / PAGE * PAGE && image.shared->state == ClientMemory::WHOLE)
+            image.shared->state = ClientMemory::FOUND_SHORT;
         value |= static_cast<uint32_t>(at < size ? data[at] : 0) << 8 * i;
     }
     return true;

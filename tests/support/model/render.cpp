@@ -252,7 +252,20 @@ void render_image(Model &m, const Image &src, Image &dst, const Region &region, 
     }
 }
 
-void render(Model &m)
+namespace {
+
+void tell_of_short_memory(Model &m)
+{
+    for (const Surface &s : m.surfaces) {
+        const ClientMemory *memory = s.scale ? s.scale->original.shared : s.image.shared;
+        if (memory->state != ClientMemory::FOUND_SHORT)
+            continue;
+        memory->state = ClientMemory::TOLD;
+        m.err += "shared memory of " + s.name + " is too short: what is missing shows as zero\n";
+    }
+}
+
+void run_pass(Model &m)
 {
     m.pending = false;
     for (size_t i = m.surfaces.size(); i-- > 0;) {
@@ -276,6 +289,14 @@ void render(Model &m)
         draw_among_others(m, i);
     if (count > 1 || cleared)
         present_all(m);
+}
+
+} // namespace
+
+void render(Model &m)
+{
+    run_pass(m);
+    tell_of_short_memory(m);
 }
 
 } // namespace model

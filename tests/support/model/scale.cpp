@@ -63,8 +63,9 @@ void set_scale(Model &m, Surface &s, const int32_t v[8])
         return;
     const Image &client = s.scale ? s.scale->original : s.image;
     bool positive = sw > 0 && sh > 0 && dw > 0 && dh > 0;
-    if (!positive || int64_t{dw} * dh > INT32_MAX / ((client.depth + 7) >> 3)) {
-        print(m.out, "REFUSED\n");
+    bool fits = same || int64_t{dw} * dh <= INT32_MAX / ((client.depth + 7) >> 3);
+    if (!positive || !fits) {
+        print(m.out, "fs_set_scale: invalid size: source %d x %d destination %d x %d\n", sw, sh, dw, dh);
         return;
     }
     Rect target = {dx, dy, wrap(int64_t{dx} + dw), wrap(int64_t{dy} + dh)};
