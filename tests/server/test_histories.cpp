@@ -3,6 +3,7 @@
 //   PFB_HISTORY=config:seed       plays one history (a negative seed: one that may end in an abort)
 //   PFB_HISTORY_SECONDS=n         plays for n seconds per configuration, from a new seed
 //   PFB_HISTORY_SEED=n            starts from another seed
+//   PFB_HISTORY_SHRINK=0          reports a history that goes wrong as it is
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,7 +14,7 @@
 
 namespace {
 
-constexpr int COMMANDS = 20000;
+constexpr int COMMANDS = 40000; // at least, in each configuration
 constexpr int LENGTH = 250;     // of one history
 constexpr int ABORT_EVERY = 6;  // histories of which one may end in an abort
 constexpr int MAY_ABORT = 1000; // its length at most
@@ -37,7 +38,8 @@ size_t play(const Config &config, long seed)
     History history = planned(config, seed);
     std::string wrong = history_play(config, history);
     if (!wrong.empty()) {
-        History shortest = history_shrink(config, history);
+        bool shrinks = environment_number("PFB_HISTORY_SHRINK", 1) != 0;
+        History shortest = shrinks ? history_shrink(config, history) : history;
         ADD_FAILURE() << "PFB_HISTORY=" << config.name << ":" << seed << "\n"
                       << wrong << "shortest form:\n"
                       << history_text(shortest) << history_play(config, shortest);

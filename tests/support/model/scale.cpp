@@ -107,17 +107,16 @@ void refresh_row(Surface &s, int64_t x1, int64_t x2, int64_t y)
 {
     const Scale &k = *s.scale;
     int n = k.original.depth == 32 ? 4 : 2;
-    int32_t limit = n == 4 ? 0x10000 : 0xFFFF;
-    int64_t source_row = wrap(y * k.y_step + k.y_start) >> 16;
-    int32_t start = wrap(x1 * k.x_step + k.x_start);
+    int64_t limit = n == 4 ? 0x10000 : 0xFFFF;
+    int64_t source_row = (y * k.y_step + k.y_start) >> 16;
+    int64_t start = x1 * k.x_step + k.x_start;
     int64_t source_x = start >> 16;
-    int32_t fraction = start & 0xFFFF;
+    int64_t fraction = start & 0xFFFF;
     for (int64_t x = x1; x < x2; x++) {
         uint32_t p;
         if (image_read(k.original, source_row * k.original.stride + source_x * n, n, p))
             image_write(s.image, y * s.image.stride + x * n, n, p);
-        fraction = wrap(int64_t{fraction} + k.x_step);
-        for (; fraction > limit; fraction -= 0x10000)
+        for (fraction += k.x_step; fraction > limit; fraction -= 0x10000)
             source_x++;
     }
 }
