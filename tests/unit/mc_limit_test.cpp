@@ -167,7 +167,7 @@ TEST_F(McLimit, AcceptingTakesTurns)
     turn();
     EXPECT_EQ(factory->n_connections, static_cast<unsigned>(libmc::ACCEPTS_PER_TURN));
     turn();
-    EXPECT_EQ(factory->n_connections, 2u * libmc::ACCEPTS_PER_TURN);
+    EXPECT_EQ(factory->n_connections, static_cast<unsigned>(2 * libmc::ACCEPTS_PER_TURN));
 }
 
 } // namespace
