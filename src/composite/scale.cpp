@@ -83,10 +83,9 @@ void set_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
 {
     xc_image *orig_img = surface_client_image(surface);
     const int64_t row = orig_img != nullptr ? int64_t{(orig_img->depth + 7) >> 3} * r.dst_w : 0;
-    xc_image *scaled = row > 0 && row <= INT32_MAX
-                           ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format, 0, 0,
-                                                    static_cast<int32_t>(row))
-                           : nullptr;
+    xc_image *scaled = row > 0 && row <= INT32_MAX ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format,
+                                                                            0, 0, static_cast<int32_t>(row))
+                                                   : nullptr;
     if (scaled == nullptr) {
         print_refusal(r);
         return;
