@@ -147,9 +147,16 @@ Action create(Planner &p, int client)
     a.size = static_cast<uint32_t>(bytes);
     a.seed = static_cast<uint32_t>(r.next());
     a.style = r.below(4);
-    a.arguments = {number(r.chance(60) ? 1 : 0), number(depth), number(r.chance(25) ? 0 : place(p, across(p))),
-                   number(r.chance(25) ? 0 : place(p, down(p))), number(w), number(h), number(stride),
-                   number(r.chance(2) ? extreme(r) : r.below(4)), number(new_rotation(p)), text("#")};
+    a.arguments = {number(r.chance(60) ? 1 : 0),
+                   number(depth),
+                   number(r.chance(25) ? 0 : place(p, across(p))),
+                   number(r.chance(25) ? 0 : place(p, down(p))),
+                   number(w),
+                   number(h),
+                   number(stride),
+                   number(r.chance(2) ? extreme(r) : r.below(4)),
+                   number(new_rotation(p)),
+                   text("#")};
     return a;
 }
 

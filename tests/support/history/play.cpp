@@ -95,8 +95,8 @@ std::vector<std::string> sorted_notices(const std::string &text)
         lines.push_back(text.substr(at, end + 1 - at));
     }
     for (size_t i = 0; i < lines.size(); i++) {
-        for (size_t j = i; j > 0 && lines[j].rfind("shared memory", 0) == 0 && lines[j - 1].rfind("shared memory", 0) == 0 &&
-                           lines[j] < lines[j - 1];
+        for (size_t j = i; j > 0 && lines[j].rfind("shared memory", 0) == 0 &&
+                           lines[j - 1].rfind("shared memory", 0) == 0 && lines[j] < lines[j - 1];
              j--)
             std::swap(lines[j], lines[j - 1]);
     }
