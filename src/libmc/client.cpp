@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: MIT
+// The client side: blocking, without a main loop.
+#include "connection.h"
+#include "names.h"
+#include "wire.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace libmc;
+
+namespace {
+
+constexpr int64_t FOR_EVER = -1;
+
+int64_t now_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// However the kernel tells that the other side is gone, callers see EPIPE.
+void unify_errno()
+{
+    if (errno == ECONNRESET || errno == ECONNREFUSED || errno == ENOTCONN)
+        errno = EPIPE;
+}
+
+// Waits for `events` until the deadline (FOR_EVER: without one). False with errno set, ETIMEDOUT in particular. A
+// deadline that has passed still looks once.
+bool wait_until(int fd, short events, int64_t deadline)
+{
+    for (;;) {
+        int64_t left = -1;
+        if (deadline != FOR_EVER) {
+            left = deadline - now_ms();
+            left = left < 0 ? 0 : left > INT_MAX ? INT_MAX : left;
+        }
+        pollfd entry = {fd, events, 0};
+        const int n = poll(&entry, 1, static_cast<int>(left));
+        if (n > 0)
+            return true;
+        if (n == 0)
+            errno = ETIMEDOUT;
+        if (n == 0 || errno != EINTR)
+            return false;
+    }
+}
+
+int connect_socket(const sockaddr_un &address)
+{
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    int result;
+    do {
+        result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    } while (result < 0 && errno == EINTR);
+    if (result == 0)
+        return fd;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
+}
+
+int send_greeting(mc_connection *connection)
+{
+    mc_packet *greeting = mc_packet_new_command(GREETING_COMMAND);
+    if (!greeting)
+        return -1;
+    mc_packet_build_args(greeting, GREETING_SIGNATURE, PROTOCOL_VERSION, connection->name);
+    const int result = packet_send(connection->fd, greeting, 0, 0);
+    const int error = errno;
+    mc_packet_free(greeting);
+    errno = error;
+    return result;
+}
+
+// Throws away the answers that nobody waits for, so that a client that only ever sends does not count as one that does
+// not read. Bounded: a server that answers faster than this reads must not hold the client here.
+void discard_answers(int fd)
+{
+    char byte;
+    for (int i = 0; i < 64; i++)
+        if (recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_TRUNC) <= 0)
+            break;
+}
+
+bool usable(const mc_connection *connection, const mc_packet *request)
+{
+    if (connection->side == Side::client && request)
+        return true;
+    errno = EINVAL;
+    return false;
+}
+
+int send_until(mc_connection *connection, const mc_packet *request, int64_t deadline)
+{
+    discard_answers(connection->fd);
+    connection->serial++;
+    while (packet_send(connection->fd, request, connection->serial, MSG_DONTWAIT) < 0) {
+        if (errno != EAGAIN) {
+            unify_errno();
+            return -1;
+        }
+        if (!wait_until(connection->fd, POLLOUT, deadline))
+            return -1;
+    }
+    return 0;
+}
+
+enum class Taken { nothing, other, answer, failure };
+
+// Takes one packet, if one is there, and says whether it answers the last request.
+Taken take_answer(mc_connection *connection, mc_packet *packet)
+{
+    const ssize_t n = packet_receive(connection->fd, packet);
+    if (n < 0 && errno == EAGAIN)
+        return Taken::nothing;
+    if (n < 0 && errno == ECONNRESET) // answers from before may still be there
+        return Taken::other;
+    if (n < 0)
+        return Taken::failure;
+    if (n == 0) {
+        errno = EPIPE;
+        return Taken::failure;
+    }
+    if (packet_decode(packet, static_cast<size_t>(n))) {
+        errno = EPROTO;
+        return Taken::failure;
+    }
+    return packet_serial(packet) == connection->serial ? Taken::answer : Taken::other;
+}
+
+bool receive_until(mc_connection *connection, mc_packet *packet, int64_t deadline)
+{
+    for (;;) {
+        switch (take_answer(connection, packet)) {
+        case Taken::answer:
+            return true;
+        case Taken::failure:
+            return false;
+        case Taken::other:
+            break;
+        case Taken::nothing:
+            if (!wait_until(connection->fd, POLLIN, deadline))
+                return false;
+        }
+    }
+}
+
+} // namespace
+
+mc_connection *mc_connect(const char *service_name, const char *client_name)
+{
+    sockaddr_un address;
+    if (service_address(service_name, &address) < 0)
+        return nullptr;
+    if (!client_name || strlen(client_name) > MC_NAME_MAX) {
+        errno = client_name ? ENAMETOOLONG : EINVAL;
+        return nullptr;
+    }
+    const int fd = connect_socket(address);
+    if (fd < 0)
+        return nullptr;
+    mc_connection *connection = connection_new(Side::client, fd, client_name);
+    if (connection && send_greeting(connection) == 0)
+        return connection;
+    unify_errno();
+    const int error = errno;
+    if (connection)
+        mc_close(connection);
+    else
+        close(fd);
+    errno = error;
+    return nullptr;
+}
+
+int mc_send(mc_connection *connection, const mc_packet *request)
+{
+    return usable(connection, request) ? send_until(connection, request, FOR_EVER) : -1;
+}
+
+mc_packet *mc_call(mc_connection *connection, const mc_packet *request, int timeout_ms)
+{
+    if (!usable(connection, request))
+        return nullptr;
+    const int64_t deadline = timeout_ms < 0 ? FOR_EVER : now_ms() + timeout_ms;
+    mc_packet *answer = mc_packet_new(0);
+    if (!answer)
+        return nullptr;
+    if (send_until(connection, request, deadline) == 0 && receive_until(connection, answer, deadline))
+        return answer;
+    const int error = errno;
+    mc_packet_free(answer);
+    errno = error;
+    return nullptr;
+}

@@ -1,0 +1,263 @@
+// SPDX-License-Identifier: MIT
+// A service: accepts clients, within limits, and never lets a client that cannot be accepted keep the loop awake.
+#include "factory.h"
+#include "log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace libmc;
+
+namespace libmc {
+
+namespace {
+
+struct FactorySource {
+    GSource base;
+    mc_factory *factory; // outlives the source: mc_factory_close destroys the source first
+};
+
+// Lines about clients that were turned away: at most one in REST_US, since such clients may come as a flood.
+[[gnu::format(printf, 2, 3)]] void report_refusal(mc_factory *factory, const char *format, ...)
+{
+    const gint64 now = g_get_monotonic_time();
+    if (now < factory->quiet_until) {
+        factory->unreported++;
+        return;
+    }
+    char reason[160];
+    va_list values;
+    va_start(values, format);
+    vsnprintf(reason, sizeof reason, format, values);
+    va_end(values);
+    if (factory->unreported)
+        log_line("%s: %s (and %u refusals before that were not reported)", factory->service, reason,
+                 factory->unreported);
+    else
+        log_line("%s: %s", factory->service, reason);
+    factory->unreported = 0;
+    factory->quiet_until = now + REST_US;
+}
+
+void reserve_refill(mc_factory *factory)
+{
+    if (factory->reserve_fd < 0)
+        factory->reserve_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void accepting_rest(mc_factory *factory)
+{
+    factory->resting = true;
+    g_source_modify_unix_fd(factory->source, factory->poll_tag, static_cast<GIOCondition>(0));
+    g_source_set_ready_time(factory->source, g_get_monotonic_time() + REST_US);
+}
+
+void accepting_resume(mc_factory *factory)
+{
+    factory->resting = false;
+    reserve_refill(factory);
+    g_source_modify_unix_fd(factory->source, factory->poll_tag, G_IO_IN);
+    g_source_set_ready_time(factory->source, -1);
+}
+
+int accept_fd(mc_factory *factory)
+{
+    return accept4(factory->listener.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+}
+
+// Descriptors have run out. The reserve makes room for the client to be accepted and turned away; left waiting, it
+// would keep the listening socket readable for ever.
+bool turn_away(mc_factory *factory)
+{
+    report_refusal(factory, "refused a client: no descriptor is free");
+    if (factory->reserve_fd < 0)
+        return false;
+    close(factory->reserve_fd);
+    const int fd = accept_fd(factory);
+    if (fd >= 0)
+        close(fd);
+    factory->reserve_fd = -1;
+    reserve_refill(factory);
+    return fd >= 0 && factory->reserve_fd >= 0;
+}
+
+// The one that has waited longest makes way: a client that means well greets at once.
+void drop_oldest_ungreeted(mc_factory *factory)
+{
+    mc_connection *oldest = nullptr;
+    for (mc_connection *connection = factory->connections; connection; connection = connection->next)
+        if (!connection->greeted)
+            oldest = connection;
+    if (oldest) {
+        report_refusal(factory, "dropped the client of pid %d: %u clients have not greeted yet",
+                       static_cast<int>(oldest->pid), factory->n_ungreeted);
+        mc_close(oldest);
+    }
+}
+
+void factory_add(mc_factory *factory, mc_connection *connection)
+{
+    connection->factory = factory;
+    connection->next = factory->connections;
+    factory->connections = connection;
+    factory->n_connections++;
+    factory->n_ungreeted++;
+}
+
+void adopt(mc_factory *factory, int fd)
+{
+    if (factory->n_connections >= factory->limits.connections) {
+        report_refusal(factory, "refused a client: %u connections are open already", factory->n_connections);
+        close(fd);
+        return;
+    }
+    if (factory->n_ungreeted >= factory->limits.ungreeted)
+        drop_oldest_ungreeted(factory);
+    mc_connection *connection = connection_new(Side::server, fd, "");
+    if (!connection) {
+        report_refusal(factory, "refused a client: no memory");
+        close(fd);
+        return;
+    }
+    factory_add(factory, connection);
+    connection_await_greeting(connection, g_get_monotonic_time() + factory->limits.greeting_wait_us);
+}
+
+// False when this turn is over.
+bool accept_one(mc_factory *factory)
+{
+    const int fd = accept_fd(factory);
+    if (fd >= 0) {
+        adopt(factory, fd);
+        return true;
+    }
+    switch (errno) {
+    case EAGAIN:
+        return false;
+    case EINTR:
+    case ECONNABORTED:
+        return true;
+    case EMFILE:
+    case ENFILE:
+        if (turn_away(factory))
+            return true;
+        break;
+    default:
+        report_refusal(factory, "cannot accept: %s", strerror(errno));
+    }
+    accepting_rest(factory);
+    return false;
+}
+
+gboolean accept_turn(GSource *source, GSourceFunc, gpointer)
+{
+    mc_factory *factory = reinterpret_cast<FactorySource *>(source)->factory;
+    if (factory->resting)
+        accepting_resume(factory);
+    for (int i = 0; i < ACCEPTS_PER_TURN; i++)
+        if (!accept_one(factory))
+            break;
+    return G_SOURCE_CONTINUE;
+}
+
+GSourceFuncs factory_source_funcs = {nullptr, nullptr, accept_turn, nullptr, nullptr, nullptr};
+
+void factory_attach(mc_factory *factory)
+{
+    GSource *source = g_source_new(&factory_source_funcs, sizeof(FactorySource));
+    reinterpret_cast<FactorySource *>(source)->factory = factory;
+    g_source_set_name(source, "mc factory");
+    g_source_set_priority(source, TURN_PRIORITY);
+    factory->poll_tag = g_source_add_unix_fd(source, factory->listener.fd, G_IO_IN);
+    g_source_attach(source, nullptr);
+    factory->source = source;
+}
+
+mc_factory *factory_new(const char *service, mc_connection_func callback, void *user_data)
+{
+    auto *factory = static_cast<mc_factory *>(calloc(1, sizeof(mc_factory)));
+    char *name = strdup(service);
+    if (!factory || !name) {
+        free(factory);
+        free(name);
+        return nullptr;
+    }
+    factory->refs = 1;
+    factory->service = name;
+    factory->callback = callback;
+    factory->user_data = user_data;
+    factory->limits = {CONNECTIONS_MAX, UNGREETED_MAX, GREETING_WAIT_US};
+    return factory;
+}
+
+} // namespace
+
+void factory_ref(mc_factory *factory)
+{
+    factory->refs++;
+}
+
+void factory_unref(mc_factory *factory)
+{
+    if (--factory->refs > 0)
+        return;
+    free(factory->service);
+    free(factory);
+}
+
+void factory_remove(mc_connection *connection)
+{
+    mc_factory *factory = connection->factory;
+    mc_connection **link = &factory->connections;
+    while (*link != connection)
+        link = &(*link)->next;
+    *link = connection->next;
+    factory->n_connections--;
+    if (!connection->greeted)
+        factory->n_ungreeted--;
+    connection->factory = nullptr;
+}
+
+} // namespace libmc
+
+mc_factory *mc_factory_open(const char *service_name, mc_connection_func callback, void *user_data, void *reserved)
+{
+    if (!service_name || !callback || reserved) {
+        log_line("mc_factory_open: a service name and a callback are needed, and the last argument is null");
+        return nullptr;
+    }
+    mc_factory *factory = factory_new(service_name, callback, user_data);
+    if (!factory) {
+        log_line("%s: no memory", service_name);
+        return nullptr;
+    }
+    if (!listener_open(&factory->listener, service_name)) {
+        factory_unref(factory);
+        return nullptr;
+    }
+    factory->reserve_fd = -1;
+    reserve_refill(factory);
+    factory_attach(factory);
+    return factory;
+}
+
+void mc_factory_close(mc_factory *factory)
+{
+    if (!factory || factory->closed)
+        return;
+    factory->closed = true;
+    g_source_destroy(factory->source);
+    g_source_unref(factory->source);
+    while (factory->connections)
+        mc_close(factory->connections);
+    listener_close(&factory->listener);
+    if (factory->reserve_fd >= 0)
+        close(factory->reserve_fd);
+    factory_unref(factory);
+}

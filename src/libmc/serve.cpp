@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: MIT
+// A server-side connection on the main loop: greeting, requests, replies, and every way in which it ends.
+#include "factory.h"
+#include "log.h"
+#include "wire.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+
+using namespace libmc;
+
+namespace libmc {
+
+namespace {
+
+struct ConnectionSource {
+    GSource base;
+    mc_connection *connection; // outlives the source: mc_close destroys the source first
+};
+
+void connection_detach(mc_connection *connection)
+{
+    if (!connection->source)
+        return;
+    g_source_destroy(connection->source);
+    g_source_unref(connection->source);
+    connection->source = nullptr;
+}
+
+void connection_leave(mc_connection *connection)
+{
+    connection_detach(connection);
+    if (connection->factory)
+        factory_remove(connection);
+}
+
+// The other side is gone. The source goes first: whatever the handler does or leaves undone, an ended connection never
+// wakes the loop again, and the handler runs once.
+void connection_hang_up(mc_connection *connection)
+{
+    if (connection->hung_up || connection->closed)
+        return;
+    connection->hung_up = true;
+    connection_detach(connection);
+    connection_close_fd(connection);
+    if (connection->hup)
+        connection->hup(connection);
+    else
+        mc_close(connection);
+}
+
+bool connection_is_live(const mc_connection *connection)
+{
+    return connection->source != nullptr; // neither closed nor hung up nor waiting to be attached
+}
+
+// An empty datagram reads like the end. Where the other side has closed as well, the end is what counts.
+bool has_hung_up(int fd)
+{
+    pollfd entry = {fd, POLLRDHUP, 0};
+    return poll(&entry, 1, 0) > 0;
+}
+
+void send_reply(mc_connection *connection, const mc_packet *reply, uint32_t serial)
+{
+    if (*mc_packet_command(reply)) {
+        char word[256];
+        log_line("a handler answered with a request (\"%s\"); it was not sent",
+                 log_escape(mc_packet_command(reply), word, sizeof word));
+        return;
+    }
+    if (packet_send(connection->fd, reply, serial, MSG_DONTWAIT) == 0)
+        return;
+    if (errno == EAGAIN)
+        connection_drop(connection, "does not read its replies");
+    else if (errno != EPIPE && errno != ECONNRESET) // gone: what it sent before is still to be handled
+        connection_drop(connection, "cannot be sent to: %s", strerror(errno));
+}
+
+void serve_request(mc_connection *connection, mc_packet *request)
+{
+    const mc_handler_func handler = connection_handler(connection, mc_packet_command(request));
+    if (!handler)
+        return;
+    mc_packet *reply = handler(connection, request);
+    if (!reply)
+        return;
+    if (connection_is_live(connection))
+        send_reply(connection, reply, packet_serial(request));
+    mc_packet_free(reply);
+}
+
+// In words what is wrong with a greeting, or null with the client's name in *name.
+const char *greeting_fault(const mc_packet *packet, const char **name)
+{
+    int32_t version;
+    if (strcmp(mc_packet_command(packet), GREETING_COMMAND) != 0 ||
+        strcmp(mc_packet_signature(packet), GREETING_SIGNATURE) != 0)
+        return "its first packet is not a greeting";
+    mc_packet_parse_args(packet, GREETING_SIGNATURE, &version, name);
+    if (version != PROTOCOL_VERSION)
+        return "it speaks another version of the protocol";
+    if (strlen(*name) > MC_NAME_MAX)
+        return "its name is too long";
+    return nullptr;
+}
+
+void take_greeting(mc_connection *connection, const mc_packet *packet)
+{
+    const char *name;
+    if (const char *fault = greeting_fault(packet, &name)) {
+        connection_drop(connection, "%s", fault);
+        return;
+    }
+    mc_factory *factory = connection->factory;
+    strcpy(connection->name, name); // at most MC_NAME_MAX bytes, checked above
+    connection->greeted = true;
+    factory->n_ungreeted--;
+    g_source_set_ready_time(connection->source, -1);
+    factory_ref(factory);
+    factory->callback(factory, connection, factory->user_data);
+    if (!connection->attached)
+        connection_detach(connection); // until mc_glib_init
+    factory_unref(factory);
+}
+
+// Handles the next packet. False when there is none.
+bool take_packet(mc_connection *connection)
+{
+    mc_packet packet; // not static: a handler may run the main loop
+    packet.borrowed = true;
+    const ssize_t n = packet_receive(connection->fd, &packet);
+    if (n < 0 && errno == EAGAIN)
+        return false;
+    if (n < 0 && errno == ECONNRESET)
+        return true;
+    if (n < 0)
+        connection_drop(connection, "cannot be read: %s", strerror(errno));
+    else if (n == 0 && has_hung_up(connection->fd) && !connection->greeted)
+        connection_drop(connection, "hung up without a greeting");
+    else if (n == 0 && has_hung_up(connection->fd))
+        connection_hang_up(connection);
+    else if (n == 0)
+        connection_drop(connection, "malformed packet: empty datagram");
+    else if (const char *fault = packet_decode(&packet, static_cast<size_t>(n)))
+        connection_drop(connection, "malformed packet: %s", fault);
+    else if (!connection->greeted)
+        take_greeting(connection, &packet);
+    else
+        serve_request(connection, &packet);
+    return true;
+}
+
+bool greeting_is_late(const mc_connection *connection)
+{
+    if (connection->greeted || !connection_is_live(connection))
+        return false;
+    const gint64 deadline = g_source_get_ready_time(connection->source);
+    return deadline >= 0 && deadline <= g_source_get_time(connection->source);
+}
+
+gboolean connection_turn(GSource *source, GSourceFunc, gpointer)
+{
+    mc_connection *connection = reinterpret_cast<ConnectionSource *>(source)->connection;
+    connection_ref(connection);
+    for (int i = 0; i < PACKETS_PER_TURN && connection_is_live(connection); i++)
+        if (!take_packet(connection))
+            break;
+    if (greeting_is_late(connection))
+        connection_drop(connection, "no greeting in time");
+    connection_unref(connection);
+    return G_SOURCE_CONTINUE;
+}
+
+// Without prepare and check GLib dispatches the source whenever its descriptor or its ready time asks for it.
+GSourceFuncs connection_source_funcs = {nullptr, nullptr, connection_turn, nullptr, nullptr, nullptr};
+
+void connection_attach(mc_connection *connection)
+{
+    GSource *source = g_source_new(&connection_source_funcs, sizeof(ConnectionSource));
+    reinterpret_cast<ConnectionSource *>(source)->connection = connection;
+    g_source_set_name(source, "mc connection");
+    g_source_set_priority(source, TURN_PRIORITY);
+    g_source_add_unix_fd(source, connection->fd, G_IO_IN);
+    g_source_attach(source, nullptr);
+    connection->source = source;
+    connection->leave = connection_leave;
+}
+
+} // namespace
+
+void connection_await_greeting(mc_connection *connection, gint64 deadline)
+{
+    connection_attach(connection);
+    g_source_set_ready_time(connection->source, deadline);
+}
+
+void connection_drop(mc_connection *connection, const char *format, ...)
+{
+    if (connection->hung_up || connection->closed)
+        return;
+    char name[4 * MC_NAME_MAX + 1];
+    char reason[160];
+    va_list values;
+    va_start(values, format);
+    vsnprintf(reason, sizeof reason, format, values);
+    va_end(values);
+    log_line("dropped client \"%s\" (pid %d): %s", log_escape(connection->name, name, sizeof name),
+             static_cast<int>(connection->pid), reason);
+    connection_hang_up(connection);
+}
+
+} // namespace libmc
+
+int mc_glib_init(mc_connection *connection)
+{
+    if (connection->side != Side::server || connection->fd < 0 || connection->closed)
+        return -1;
+    connection->attached = true;
+    if (!connection->source)
+        connection_attach(connection);
+    return 0;
+}
