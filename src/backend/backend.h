@@ -6,7 +6,7 @@
 
 // Filled in by init. Sizes in pixels, strides and memory in bytes.
 struct ScreenInfo {
-    int32_t width;  // in: requested, -1 for none; out: replaced by the device's when both were -1
+    int32_t width; // in: requested, -1 for none; out: replaced by the device's when both were -1
     int32_t height;
     uint32_t depth; // bits per pixel as the device reports it
     uint32_t red_mask;

@@ -54,8 +54,9 @@ void *fb_init([[maybe_unused]] FbServer *fs, ScreenInfo *info)
     switch_console_to_graphics();
     open_device();
     mapped = nullptr;
-    // Read twice: some drivers settle their mode on the first question.
-    if (!framebuffer_describe(fb_fd, &fix, &var) || !framebuffer_describe(fb_fd, &fix, &var))
+    // The mode is read twice: some drivers settle it on the first question.
+    if (!framebuffer_read_fixed(fb_fd, &fix) || !framebuffer_read_mode(fb_fd, &var) ||
+        !framebuffer_read_mode(fb_fd, &var))
         return nullptr;
     mapped_bytes = fix.smem_len;
     void *pixels = framebuffer_map(fb_fd, mapped_bytes);
@@ -71,13 +72,9 @@ void *fb_init([[maybe_unused]] FbServer *fs, ScreenInfo *info)
     return mapped;
 }
 
-void fb_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region)
-{
-}
+void fb_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region) {}
 
-void fb_flush([[maybe_unused]] FbServer *fs)
-{
-}
+void fb_flush([[maybe_unused]] FbServer *fs) {}
 
 void fb_release([[maybe_unused]] FbServer *fs)
 {

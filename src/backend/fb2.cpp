@@ -77,7 +77,7 @@ void *qarno_fb2_init([[maybe_unused]] FbServer *fs, ScreenInfo *info)
         fs_assert(0);
     }
     fb2_ptr = nullptr;
-    if (!framebuffer_describe(fb2_fd, &fb2_fix, &fb2_info))
+    if (!framebuffer_read_fixed(fb2_fd, &fb2_fix) || !framebuffer_read_mode(fb2_fd, &fb2_info))
         return nullptr;
     width = static_cast<int32_t>(fb2_info.xres);
     height = static_cast<int32_t>(fb2_info.yres);
@@ -100,13 +100,9 @@ void *qarno_fb2_init([[maybe_unused]] FbServer *fs, ScreenInfo *info)
     return fb2_ptr;
 }
 
-void fb2_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region)
-{
-}
+void fb2_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region) {}
 
-void fb2_flush([[maybe_unused]] FbServer *fs)
-{
-}
+void fb2_flush([[maybe_unused]] FbServer *fs) {}
 
 void fb2_release([[maybe_unused]] FbServer *fs)
 {

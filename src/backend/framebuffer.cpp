@@ -33,12 +33,16 @@ int framebuffer_open(const char *first, const char *second)
     return fd == -1 && second != nullptr ? open(second, O_RDWR | O_CLOEXEC) : fd;
 }
 
-bool framebuffer_describe(int fd, fb_fix_screeninfo *fix, fb_var_screeninfo *var)
+bool framebuffer_read_fixed(int fd, fb_fix_screeninfo *fix)
 {
     *fix = fb_fix_screeninfo{};
+    return device_ioctl(fd, FBIOGET_FSCREENINFO, fix, "FBIOGET_FSCREENINFO");
+}
+
+bool framebuffer_read_mode(int fd, fb_var_screeninfo *var)
+{
     *var = fb_var_screeninfo{};
-    if (!device_ioctl(fd, FBIOGET_FSCREENINFO, fix, "FBIOGET_FSCREENINFO") ||
-        !device_ioctl(fd, FBIOGET_VSCREENINFO, var, "FBIOGET_VSCREENINFO"))
+    if (!device_ioctl(fd, FBIOGET_VSCREENINFO, var, "FBIOGET_VSCREENINFO"))
         return false;
     if (var->xres == 0) { // everything divides by it
         errno = ENODEV;

@@ -9,8 +9,9 @@
 // Opens `first` read-write, or `second` (may be null) when that fails. -1 when neither can be had.
 int framebuffer_open(const char *first, const char *second);
 
-// Reads the device's description, fixed and variable. False after a message.
-bool framebuffer_describe(int fd, fb_fix_screeninfo *fix, fb_var_screeninfo *var);
+// Read the device's description, its fixed and its variable half. False after a message; a width of 0 is refused.
+bool framebuffer_read_fixed(int fd, fb_fix_screeninfo *fix);
+bool framebuffer_read_mode(int fd, fb_var_screeninfo *var);
 
 // Maps the whole framebuffer memory, visible or not. Null after a message.
 void *framebuffer_map(int fd, uint32_t bytes);

@@ -87,8 +87,8 @@ bool flush(Stream &stream)
     bool done = write_waiting(stream);
     if (done && stream.dropped > 0) {
         char notice[NOTICE_MAX];
-        const int n = snprintf(notice, sizeof notice, "%u lines of output dropped: nobody was reading\n",
-                               stream.dropped);
+        const int n =
+            snprintf(notice, sizeof notice, "%u lines of output dropped: nobody was reading\n", stream.dropped);
         stream.dropped = 0;
         append(stream, notice, static_cast<size_t>(n));
         done = write_waiting(stream);

@@ -17,4 +17,7 @@ constexpr int32_t wrap_mul(int32_t a, int32_t b)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
 }
-constexpr int32_t wrap_shl(int32_t a, int bits) { return static_cast<int32_t>(static_cast<uint32_t>(a) << bits); }
+constexpr int32_t wrap_shl(int32_t a, int bits)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(a) << bits);
+}

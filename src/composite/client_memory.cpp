@@ -1,17 +1,21 @@
 // SPDX-License-Identifier: MIT
 #include "client_memory.h"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
 
+enum class Fault : uint8_t { NONE, SEEN, TOLD };
+
 struct Range {
     uintptr_t start;
     size_t size; // whole pages
+    Fault fault; // of a live one: whether pages of it were missing
 };
 
 // Ranges in no particular order. There are about as many as clients at the same time.
@@ -23,6 +27,13 @@ struct RangeList {
 
 RangeList live;     // mapped for a client
 RangeList reserved; // inaccessible, free for the next client
+volatile sig_atomic_t fault_seen;
+
+size_t page_size()
+{
+    static const auto size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    return size;
+}
 
 bool range_add(RangeList &list, Range range)
 {
@@ -45,8 +56,7 @@ void range_drop(RangeList &list, size_t index)
 
 size_t whole_pages(size_t bytes)
 {
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    return (bytes + page - 1) / page * page;
+    return (bytes + page_size() - 1) / page_size() * page_size();
 }
 
 // The smallest reservation that holds `size` bytes, or reserved.n.
@@ -67,7 +77,7 @@ void reserve(Range range)
     for (size_t i = 0; i < reserved.n;) {
         const Range other = reserved.entries[i];
         if (other.start + other.size == range.start)
-            range = Range{other.start, other.size + range.size};
+            range = Range{other.start, other.size + range.size, Fault::NONE};
         else if (range.start + range.size == other.start)
             range.size += other.size;
         else {
@@ -83,19 +93,61 @@ void reserve(Range range)
 void *map_into(size_t index, int fd, size_t bytes, size_t size)
 {
     const Range range = reserved.entries[index];
-    void *pixels = mmap(reinterpret_cast<void *>(range.start), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED,
-                        fd, 0);
+    void *pixels =
+        mmap(reinterpret_cast<void *>(range.start), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);
     if (pixels == MAP_FAILED || range.size == size) // after a failure the range may be a hole that others fill
         range_drop(reserved, index);
     else
-        reserved.entries[index] = Range{range.start + size, range.size - size};
+        reserved.entries[index] = Range{range.start + size, range.size - size, Fault::NONE};
     return pixels;
+}
+
+// Everything from the missing page to the end of the range becomes zeros. Runs inside the signal handler: the lists do
+// not change while pixels are read.
+bool cover_missing_pages(uintptr_t address)
+{
+    for (size_t i = 0; i < live.n; i++) {
+        Range &range = live.entries[i];
+        if (address < range.start || address - range.start >= range.size)
+            continue;
+        const uintptr_t page = address / page_size() * page_size();
+        if (mmap(reinterpret_cast<void *>(page), range.start + range.size - page, PROT_READ,
+                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) == MAP_FAILED)
+            return false;
+        if (range.fault == Fault::NONE)
+            range.fault = Fault::SEEN;
+        fault_seen = 1;
+        return true;
+    }
+    return false;
+}
+
+void handle_sigbus(int signo, siginfo_t *info, void *)
+{
+    const int saved_errno = errno;
+    if (!cover_missing_pages(reinterpret_cast<uintptr_t>(info->si_addr)))
+        signal(signo, SIG_DFL); // not a client's: the access is tried again, and kills
+    errno = saved_errno;
+}
+
+void catch_sigbus()
+{
+    static bool caught;
+    if (caught)
+        return;
+    page_size(); // known before the handler needs it
+    struct sigaction action {};
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = handle_sigbus;
+    caught = sigaction(SIGBUS, &action, nullptr) == 0;
 }
 
 } // namespace
 
 void *client_memory_map(int fd, size_t bytes)
 {
+    catch_sigbus();
     const size_t size = whole_pages(bytes);
     if (size < bytes) // more than there is address space: let the system say so
         return mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -103,8 +155,22 @@ void *client_memory_map(int fd, size_t bytes)
     void *pixels = index < reserved.n ? map_into(index, fd, bytes, size)
                                       : mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (pixels != MAP_FAILED)
-        range_add(live, Range{reinterpret_cast<uintptr_t>(pixels), size});
+        range_add(live, Range{reinterpret_cast<uintptr_t>(pixels), size, Fault::NONE});
     return pixels;
+}
+
+void *client_memory_take_truncated()
+{
+    if (fault_seen == 0)
+        return nullptr;
+    for (size_t i = 0; i < live.n; i++) {
+        if (live.entries[i].fault != Fault::SEEN)
+            continue;
+        live.entries[i].fault = Fault::TOLD;
+        return reinterpret_cast<void *>(live.entries[i].start);
+    }
+    fault_seen = 0;
+    return nullptr;
 }
 
 void client_memory_retire(void *pixels)

@@ -101,8 +101,8 @@ void image_render(FbServer *fs, [[maybe_unused]] Backend *backend, xc_image *src
         err_printf("No render function: src depth: %d dst depth: %d\n", src->depth, dst->depth);
         fs_assert(0);
     }
-    Transfer t{fs, choice, src, dst, converter_grid(src, choice->src_size), converter_grid(dst, choice->dst_size),
-               0,  0,      0,   0,   0,                                     0};
+    Transfer t{fs, choice, src, dst, converter_grid(src, choice->src_size), converter_grid(dst, choice->dst_size), 0, 0,
+               0,  0,      0,   0};
     const Box *rects = region_rects(region);
     for (int i = 0; i < n; i++) {
         const Box *box = &rects[i];

@@ -53,8 +53,8 @@ void make_images(const FbServer *fs, Backend *backend, const ScreenInfo &info, v
 {
     const int format = screen_format(info);
     backend->work_img = xc_image_new_with_data(fs->w, fs->h, nullptr, format, 0, 0, wrap_mul(fs->w, 4));
-    backend->frame_img = xc_image_new_with_data(info.width, info.height, pixels, format, 0, 1,
-                                                static_cast<int32_t>(info.stride));
+    backend->frame_img =
+        xc_image_new_with_data(info.width, info.height, pixels, format, 0, 1, static_cast<int32_t>(info.stride));
     // The declared size may be larger than the device, or stand for another turn: the mapped bytes are what counts.
     if (backend->frame_img != nullptr)
         backend->frame_img->extent = info.memory;

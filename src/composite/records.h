@@ -73,10 +73,10 @@ struct ImageSurface {
     int32_t level;       // higher is nearer the viewer
     int32_t rotation;    // the display rotation that the client expects
     int32_t lock_counter;
-    int32_t color_plane; // -1: none
-    uint32_t flags;      // SURFACE_*
-    char *name;          // owned
-    xc_image *img;       // owned; the client's image, or the scaled one while scale_state is set
+    int32_t color_plane;     // -1: none
+    uint32_t flags;          // SURFACE_*
+    char *name;              // owned
+    xc_image *img;           // owned; the client's image, or the scaled one while scale_state is set
     ScaleState *scale_state; // owned; null: not scaled
     Backend *backend;        // not owned; null: none could be had
 };
@@ -85,10 +85,10 @@ struct FbServer {
     ImageSurface **surfaces; // owned, with what it refers to; level ascending, index 0 is the bottom
     int32_t n_surface;
     int32_t surface_capacity;
-    int32_t rotation;      // degrees
-    int32_t w;             // logical screen, pixels; -1 x -1 until the device's size is known
+    int32_t rotation; // degrees
+    int32_t w;        // logical screen, pixels; -1 x -1 until the device's size is known
     int32_t h;
-    int32_t native_w;      // panel
+    int32_t native_w; // panel
     int32_t native_h;
     int32_t rotation_lock; // render-lock counts held for a rotation
     int32_t lock_count;    // render lock: 0 is unlocked
@@ -97,5 +97,16 @@ struct FbServer {
     Backend **backends; // the array is owned, the records are static; order of first use
 };
 
-inline bool surface_has(const ImageSurface *surface, uint32_t flag) { return (surface->flags & flag) != 0; }
-inline bool image_has_alpha(const xc_image *image) { return image != nullptr && (image->flags & XC_IMAGE_ALPHA) != 0; }
+inline bool surface_has(const ImageSurface *surface, uint32_t flag)
+{
+    return (surface->flags & flag) != 0;
+}
+inline bool image_has_alpha(const xc_image *image)
+{
+    return image != nullptr && (image->flags & XC_IMAGE_ALPHA) != 0;
+}
+// The image that the client draws into, scaled or not. May be null.
+inline xc_image *surface_client_image(const ImageSurface *surface)
+{
+    return surface->scale_state != nullptr ? surface->scale_state->orig_img : surface->img;
+}

@@ -12,6 +12,7 @@
 #include "../base/assert.h"
 #include "../base/output.h"
 #include "../base/wrap.h"
+#include "client_memory.h"
 #include "extent.h"
 
 namespace {
@@ -243,8 +244,8 @@ void draw_alone(FbServer *fs, ImageSurface *surface)
         set_alpha(surface->img, false);
         set_alpha(backend->work_img, false);
     }
-    image_render(fs, backend, surface->img, backend->work_img, &surface->aux_region, surface->area.x1,
-                 surface->area.y1, fs->rotation);
+    image_render(fs, backend, surface->img, backend->work_img, &surface->aux_region, surface->area.x1, surface->area.y1,
+                 fs->rotation);
     if (backend->secondary != 0) {
         set_alpha(surface->img, true);
         set_alpha(backend->work_img, true);
@@ -296,8 +297,8 @@ bool is_drawn_opaque(const ImageSurface *surface)
         return false;
     const Box *first = region_rects(&surface->opaque_area);
     const int32_t x = surface->area.x1;
-    const Box moved = region_box(Rect{wrap_add(first->x1, x), wrap_add(first->y1, x), wrap_add(first->x2, x),
-                                      wrap_add(first->y2, x)});
+    const Box moved = region_box(
+        Rect{wrap_add(first->x1, x), wrap_add(first->y1, x), wrap_add(first->x2, x), wrap_add(first->y2, x)});
     return region_contained_in_rectangle(&surface->aux_region, &moved) != 0;
 }
 
@@ -325,8 +326,8 @@ void draw_stack(FbServer *fs)
 {
     for (int32_t i = 0; i < fs->n_surface; i++) {
         const ImageSurface *surface = fs->surfaces[i];
-        const bool visited = surface_has(surface, SURFACE_SHOWN) ? !region_is_empty(&surface->aux_region)
-                                                                 : has_alpha_output(surface);
+        const bool visited =
+            surface_has(surface, SURFACE_SHOWN) ? !region_is_empty(&surface->aux_region) : has_alpha_output(surface);
         if (visited)
             draw_surface(fs, i);
     }
@@ -350,6 +351,21 @@ void draw(FbServer *fs, const Drawers &drawers, bool cleared)
     }
 }
 
+// ---- faults ----
+
+void report_truncated(const FbServer *fs)
+{
+    while (const void *pixels = client_memory_take_truncated()) {
+        for (int32_t i = 0; i < fs->n_surface; i++) {
+            const ImageSurface *surface = fs->surfaces[i];
+            const xc_image *image = surface_client_image(surface);
+            if (image != nullptr && image->pixels == pixels)
+                err_printf("shared memory of %s is too short: what is missing shows as zero\n",
+                           surface->name != nullptr ? surface->name : "(null)");
+        }
+    }
+}
+
 } // namespace
 
 int fs_render(void *data)
@@ -363,6 +379,7 @@ int fs_render(void *data)
     } else {
         err_printf("dirty region is empty!!!!!!!!!!!!!!!!!!!!\n");
     }
+    report_truncated(fs);
     out_flush();
     return G_SOURCE_REMOVE;
 }

@@ -79,19 +79,14 @@ void remove_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
     surface->flags |= SURFACE_DIRTY;
 }
 
-// The image that a client draws into.
-xc_image *client_image(const ImageSurface *surface)
-{
-    return surface->scale_state != nullptr ? surface->scale_state->orig_img : surface->img;
-}
-
 void set_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
 {
-    xc_image *orig_img = client_image(surface);
-    const int32_t pixel_bytes = orig_img != nullptr ? (orig_img->depth + 7) >> 3 : 0;
-    xc_image *scaled = orig_img != nullptr ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format, 0, 0,
-                                                                    wrap_mul(pixel_bytes, r.dst_w))
-                                           : nullptr;
+    xc_image *orig_img = surface_client_image(surface);
+    const int64_t row = orig_img != nullptr ? int64_t{(orig_img->depth + 7) >> 3} * r.dst_w : 0;
+    xc_image *scaled = row > 0 && row <= INT32_MAX
+                           ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format, 0, 0,
+                                                    static_cast<int32_t>(row))
+                           : nullptr;
     if (scaled == nullptr) {
         print_refusal(r);
         return;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "../base/output.h"
+#include "surface_list.h"
 
 FbServer *fs_new(int32_t width, int32_t height)
 {
@@ -26,11 +27,8 @@ void fs_destroy(FbServer *fs)
         if (fs->backends[0] != nullptr)
             fs_remove_backend(fs, fs->backends[0]->name);
     }
-    // The process ends here: what else the surfaces hold goes with it.
-    for (int32_t i = 0; i < fs->n_surface; i++) {
-        xc_image_unref(fs->surfaces[i]->img);
-        free(fs->surfaces[i]);
-    }
+    for (int32_t i = 0; i < fs->n_surface; i++)
+        surface_free(fs->surfaces[i]);
     free(fs->backends);
     free(fs->surfaces);
     free(fs);

@@ -25,10 +25,10 @@ xc_image *client_image(int32_t width, int32_t height, int32_t stride, int32_t fo
     return image;
 }
 
-void release_resources(ImageSurface *surface)
+} // namespace
+
+void surface_free(ImageSurface *surface)
 {
-    xc_image *client = surface->scale_state != nullptr ? surface->scale_state->orig_img : surface->img;
-    void *pixels = client != nullptr ? client->pixels : nullptr;
     region_uninit(&surface->opaque_area);
     region_uninit(&surface->dirty_region); // aux_region is empty between passes and holds nothing
     if (surface->scale_state != nullptr)
@@ -37,10 +37,8 @@ void release_resources(ImageSurface *surface)
     xc_image_unref(surface->img);
     free(surface->clip);
     free(surface->name);
-    client_memory_retire(pixels);
+    free(surface);
 }
-
-} // namespace
 
 ImageSurface *fs_add_surface(FbServer *fs, int32_t x, int32_t y, int32_t width, int32_t height, int32_t stride,
                              int32_t format, int32_t level, int32_t rotation, void *pixels, const char *name)
@@ -101,9 +99,11 @@ void fs_remove_surface(FbServer *fs, ImageSurface *surface)
         if (backend != nullptr && image_has_alpha(backend->frame_img))
             region_union_rect(backend->clear_region, backend->clear_region, &surface->drawing_area);
     }
-    release_resources(surface);
+    const xc_image *client = surface_client_image(surface);
+    void *pixels = client != nullptr ? client->pixels : nullptr;
+    surface_free(surface);
+    client_memory_retire(pixels);
     if (backend != nullptr && --backend->use_count == 0)
         fs_remove_backend(fs, backend->name);
-    free(surface);
     fs_release_rotation(fs);
 }

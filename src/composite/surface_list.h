@@ -11,3 +11,5 @@ void surface_list_add(FbServer *fs, ImageSurface *surface);
 int32_t surface_list_find(const FbServer *fs, const ImageSurface *surface);
 // Takes the entry at `index` out and closes the gap.
 void surface_list_take(FbServer *fs, int32_t index);
+// Frees a surface that is in no list, with all that it owns; the client's pixels are not its own. In surface.cpp.
+void surface_free(ImageSurface *surface);

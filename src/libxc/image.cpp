@@ -29,7 +29,10 @@ const FormatInfo *find_format(int format)
     return nullptr;
 }
 
-constexpr int pixel_size(int depth) { return depth == 16 ? 2 : 4; }
+constexpr int pixel_size(int depth)
+{
+    return depth == 16 ? 2 : 4;
+}
 
 // The product of two 32-bit numbers always fits 64 bits; in size_t it may not.
 constexpr size_t bytes_declared(int32_t stride, int32_t height)

@@ -47,7 +47,10 @@ constexpr Rule RULES[] = {
     {18, 18, ANY, ANY, 270, {render_32_to_32_270, nullptr, 4, 4, false}},
 };
 
-constexpr bool allows(int wanted, int value) { return wanted == ANY || wanted == value; }
+constexpr bool allows(int wanted, int value)
+{
+    return wanted == ANY || wanted == value;
+}
 
 } // namespace
 

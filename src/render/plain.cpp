@@ -77,8 +77,7 @@ RENDER_CONVERTER(render_argb_to_32_alpha4)
 
 RENDER_CONVERTER(render_rgb_to_32_alpha4)
 {
-    return walk_pixels<uint32_t, uint32_t, pixel_rgb_to_alpha4>(
-        {fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
+    return walk_pixels<uint32_t, uint32_t, pixel_rgb_to_alpha4>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }
 
 RENDER_CONVERTER(render_16_to_16_x2)

@@ -20,8 +20,8 @@
 using Converter = int32_t (*)(const FbServer *fs, const void *src, void *dst, int32_t sx, int32_t sy, int32_t dx,
                               int32_t dy, int32_t w, int32_t h, int32_t sstride, int32_t dstride);
 
-#define RENDER_CONVERTER(name)                                                                                   \
-    int32_t name(const FbServer *fs, const void *src, void *dst, int32_t sx, int32_t sy, int32_t dx, int32_t dy, \
+#define RENDER_CONVERTER(name)                                                                                         \
+    int32_t name(const FbServer *fs, const void *src, void *dst, int32_t sx, int32_t sy, int32_t dx, int32_t dy,       \
                  int32_t w, int32_t h, int32_t sstride, int32_t dstride)
 
 RENDER_CONVERTER(render_rgb_to_16);
@@ -57,7 +57,7 @@ RENDER_CONVERTER(render_rgb_to_16_90_quiet);
 
 // What image_render needs to know of a converter, found by find_converter.
 struct ConverterChoice {
-    Converter run;
+    Converter run;      // prints nothing
     Converter announce; // null, or what has to be printed once per rectangle before `run`
     uint8_t src_size;   // bytes per pixel
     uint8_t dst_size;

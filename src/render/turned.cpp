@@ -53,9 +53,8 @@ RENDER_CONVERTER(render_rgb_to_18_90)
     return walk_rectangle<uint32_t, xc_convert_rgba_to_18_90>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }
 
-// 270 degrees. These do not turn the rectangle: they walk it row by row and put it where an unturned converter would.
-// A display that is set to 270 degrees shows its picture unturned, and clients of such devices draw for that. Do not
-// mend it here.
+// 270 degrees. These turn nothing: they walk the rectangle row by row and put it where an unturned converter would.
+// It looks like an oversight and is meant: what reaches a panel at 270 degrees stands as it was drawn.
 
 RENDER_CONVERTER(render_rgb_to_16_270)
 {

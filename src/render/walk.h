@@ -24,7 +24,10 @@ struct Call {
     int32_t dstride;
 };
 
-inline bool call_is_empty(const Call &call) { return call.w < 1 || call.h < 1; }
+inline bool call_is_empty(const Call &call)
+{
+    return call.w < 1 || call.h < 1;
+}
 
 // Bytes per row in whole pixels. The stride counts as unsigned.
 template <typename Pixel> constexpr ptrdiff_t pitch_of(int32_t stride)
@@ -87,7 +90,8 @@ int32_t walk_rectangle(const Call &call)
 }
 
 // Onto a panel that stands a quarter turn from the screen: a source column, read from the bottom up, becomes a row of
-// the panel. Source pixel (sx + i, sy + j) lands at row dx + i, column native_w - 1 - dy - j.
+// the panel. Source pixel (sx + i, sy + j) lands at row dx + i, column native_w - 1 - dy - j. The panel's memory may be
+// slow and uncached, so it is the writing that goes straight ahead and the reading that jumps.
 template <typename Src, typename Dst, Dst pixel(Src)> int32_t walk_columns(const Call &call)
 {
     if (call_is_empty(call))

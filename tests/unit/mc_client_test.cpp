@@ -14,8 +14,7 @@ namespace {
 
 using Packet = std::unique_ptr<mc_packet, decltype(&mc_packet_free)>;
 
-class McClient : public McTest
-{
+class McClient : public McTest {
 protected:
     void SetUp() override
     {
@@ -40,7 +39,8 @@ protected:
         bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
         return bytes;
     }
-    // Calls "ask" in a thread of the client's own; `play` is the server meanwhile. Returns the answer; errno in `error`.
+    // Calls "ask" in a thread of the client's own; `play` is the server meanwhile. Returns the answer; errno in
+    // `error`.
     Packet call_while(int timeout_ms, const std::function<void()> &play)
     {
         mc_packet *answer = nullptr;

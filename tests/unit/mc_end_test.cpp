@@ -12,8 +12,7 @@ using testing::IsEmpty;
 
 mc_factory *factory; // what the handlers below close
 
-class McEnd : public McTest
-{
+class McEnd : public McTest {
 protected:
     void SetUp() override
     {
@@ -124,7 +123,7 @@ TEST_F(McEnd, ClosedInItsOwnRequestHandler)
         events.push_back(mc_packet_command(request));
         std::erase(connections, connection);
         mc_close(connection);
-        mc_close(connection); // twice inside the handler does no harm
+        mc_close(connection);    // twice inside the handler does no harm
         return mc_packet_new(0); // to nobody, but still the library's to free
     });
     ASSERT_TRUE(raw_send(fd, header(1, "one", "")));

@@ -12,8 +12,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-class McFault : public McTest
-{
+class McFault : public McTest {
 protected:
     void SetUp() override
     {
@@ -48,7 +47,8 @@ protected:
         ASSERT_TRUE(raw_send(fd, header(1, "after", "")));
         settle();
         EXPECT_THAT(events, ElementsAre("connect bad", "bad: before ", "hup bad"));
-        EXPECT_THAT(log_lines, ElementsAre(AllOf(StartsWith("libmc: dropped client \"bad\" (pid "), HasSubstr(reason))));
+        EXPECT_THAT(log_lines,
+                    ElementsAre(AllOf(StartsWith("libmc: dropped client \"bad\" (pid "), HasSubstr(reason))));
         EXPECT_TRUE(raw_at_end(fd));
     }
     void expect_not_greeted(const std::string &bytes, const std::string &reason)
@@ -81,7 +81,8 @@ TEST_F(McFault, MalformedPackets)
 TEST_F(McFault, OversizeDatagram)
 {
     // Well formed but for its length, so that a check of the first MC_PACKET_MAX bytes alone would be taken in.
-    expect_dropped(header(1, "echo", "s") + padded_text(std::string(MC_PACKET_MAX, 'x')), "longer than a packet may be");
+    expect_dropped(header(1, "echo", "s") + padded_text(std::string(MC_PACKET_MAX, 'x')),
+                   "longer than a packet may be");
     expect_dropped(header(1, "w", "s") + padded_text(std::string(MC_PACKET_MAX - 9, 'x')) + u32(0),
                    "longer than a packet may be");
 }

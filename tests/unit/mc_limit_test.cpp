@@ -12,8 +12,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class McLimit : public McTest
-{
+class McLimit : public McTest {
 protected:
     void SetUp() override
     {
@@ -30,8 +29,7 @@ protected:
 };
 
 // As long as it lives this process has no free descriptor.
-class NoDescriptors
-{
+class NoDescriptors {
 public:
     NoDescriptors()
     {
@@ -169,7 +167,7 @@ TEST_F(McLimit, AcceptingTakesTurns)
     turn();
     EXPECT_EQ(factory->n_connections, static_cast<unsigned>(libmc::ACCEPTS_PER_TURN));
     turn();
-    EXPECT_EQ(factory->n_connections, 2u * libmc::ACCEPTS_PER_TURN);
+    EXPECT_EQ(factory->n_connections, static_cast<unsigned>(2 * libmc::ACCEPTS_PER_TURN));
 }
 
 } // namespace

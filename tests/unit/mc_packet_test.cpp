@@ -198,10 +198,10 @@ void expect_same_when_rebuilt(const mc_packet &packet, uint64_t case_number)
         const char *string;
     } v[MC_ARGS_MAX];
     const char *signature = mc_packet_signature(&packet);
-    const int count = mc_packet_parse_args(
-        &packet, signature, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9, v + 10, v + 11, v + 12,
-        v + 13, v + 14, v + 15, v + 16, v + 17, v + 18, v + 19, v + 20, v + 21, v + 22, v + 23, v + 24, v + 25, v + 26,
-        v + 27, v + 28, v + 29, v + 30, v + 31);
+    const int count =
+        mc_packet_parse_args(&packet, signature, v, v + 1, v + 2, v + 3, v + 4, v + 5, v + 6, v + 7, v + 8, v + 9,
+                             v + 10, v + 11, v + 12, v + 13, v + 14, v + 15, v + 16, v + 17, v + 18, v + 19, v + 20,
+                             v + 21, v + 22, v + 23, v + 24, v + 25, v + 26, v + 27, v + 28, v + 29, v + 30, v + 31);
     ASSERT_EQ(static_cast<size_t>(count), strlen(signature)) << "case " << case_number;
     Packet again = command(mc_packet_command(&packet));
     ASSERT_NE(again, nullptr) << "case " << case_number;

@@ -56,8 +56,7 @@ mc_packet *with_serial(mc_packet *packet, uint32_t serial)
     return packet;
 }
 
-class McPage : public McTest
-{
+class McPage : public McTest {
 protected:
     void SetUp() override
     {
@@ -170,14 +169,19 @@ TEST_F(McPage, ThePythonClientTalksToARealService)
         },
         nullptr, nullptr);
     ASSERT_NE(factory, nullptr);
-    const int status = reap_in_loop(start({python, "-B", path("page_client.py")}));
+    const int status =
+        reap_in_loop(start({"sh", "-c", "exec \"$0\" -B \"$1\" 0 >\"$1.out\"", python, path("page_client.py")}));
     settle();
     EXPECT_EQ(status, 0);
+    std::ifstream output(path("page_client.py.out"));
+    std::string line;
+    EXPECT_TRUE(std::getline(output, line));
+    EXPECT_EQ(line, "bits per pixel on the screen: 16");
     ASSERT_FALSE(created.empty());
     EXPECT_EQ(shm_open(created.c_str(), O_RDWR, 0), -1); // nothing is left behind
-    EXPECT_THAT(events, ElementsAre("connect fb.example", "fb.example: get_native_color_depth ",
-                                    "fb.example: create iiiiiiiiis", "fb.example: show ", "fb.example: dirty iiii",
-                                    "hup fb.example"));
+    EXPECT_THAT(events, ElementsAre("connect fb.example", "fb.example: create iiiiiiiiis",
+                                    "fb.example: get_native_color_depth ", "fb.example: show ",
+                                    "fb.example: dirty iiii", "hup fb.example"));
     EXPECT_THAT(log_lines, IsEmpty());
     mc_factory_close(factory);
 }

@@ -13,8 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class McServer : public McTest
-{
+class McServer : public McTest {
 protected:
     void SetUp() override
     {
@@ -201,17 +200,17 @@ TEST_F(McServer, AFloodStarvesNeitherAnotherClientNorIdleWork)
     const Fd meek = raw_client("svc", "meek");
     settle();
     events.clear();
-    static unsigned idle_runs;
+    static int idle_runs;
     idle_runs = 0;
     const guint idle = g_idle_add([](gpointer) -> gboolean { return idle_runs++, G_SOURCE_CONTINUE; }, nullptr);
     for (int i = 0; i < 5 * libmc::PACKETS_PER_TURN; i++)
         ASSERT_TRUE(raw_send(flood, header(1, "w", "")));
     ASSERT_TRUE(raw_send(meek, header(1, "w", "")));
-    for (unsigned round = 1; round <= 5; round++) {
+    for (int round = 1; round <= 5; round++) {
         ASSERT_TRUE(turn());
         EXPECT_EQ(idle_runs, round);
         EXPECT_THAT(events, Contains("meek: w ").Times(1));
-        EXPECT_THAT(events, Contains("flood: w ").Times(static_cast<int>(round) * libmc::PACKETS_PER_TURN));
+        EXPECT_THAT(events, Contains("flood: w ").Times(round * libmc::PACKETS_PER_TURN));
     }
     g_source_remove(idle);
 }

@@ -110,7 +110,8 @@ void settle()
 
 bool turn_until(const std::function<bool()> &done)
 {
-    const guint alarm = g_timeout_add_seconds(30, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+    const guint alarm = g_timeout_add_seconds(
+        30, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
     const gint64 end = g_get_monotonic_time() + 30 * G_USEC_PER_SEC;
     bool is_done = done();
     while (!is_done && g_get_monotonic_time() < end) {
@@ -263,7 +264,8 @@ pid_t start(const std::vector<std::string> &words)
 int reap_in_loop(pid_t child)
 {
     int status = -1;
-    const guint tick = g_timeout_add(5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+    const guint tick = g_timeout_add(
+        5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
     const bool ended = turn_until([&] { return waitpid(child, &status, WNOHANG) == child; });
     g_source_remove(tick);
     if (!ended) {

@@ -14,8 +14,7 @@
 #include "wire.h"
 
 // A descriptor that is closed with its scope.
-class Fd
-{
+class Fd {
 public:
     explicit Fd(int fd = -1) : fd_(fd) {}
     Fd(Fd &&other) noexcept : fd_(other.release()) {}
@@ -40,8 +39,7 @@ void note_connection(mc_factory *factory, mc_connection *connection, void *user_
 mc_packet *note_request(mc_connection *connection, mc_packet *request);
 int note_hangup(mc_connection *connection);
 
-class McTest : public testing::Test
-{
+class McTest : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override; // fails on descriptors that were left open
@@ -68,12 +66,12 @@ Wait next_wait();
 
 // The format written out once more, independently of the library.
 std::string u32(uint32_t value);
-std::string padded_text(const std::string &text);              // with its NUL, filled up to a multiple of 4
+std::string padded_text(const std::string &text); // with its NUL, filled up to a multiple of 4
 std::string header(uint32_t serial, const std::string &word, const std::string &signature);
 std::string greeting(const std::string &name, uint32_t version = 1);
 
-Fd raw_connect(const std::string &service);                            // nothing sent yet
-Fd raw_client(const std::string &service, const std::string &name);    // greeted
+Fd raw_connect(const std::string &service);                         // nothing sent yet
+Fd raw_client(const std::string &service, const std::string &name); // greeted
 bool raw_send(const Fd &fd, const std::string &bytes);
 std::string raw_receive(const Fd &fd); // what is there, without waiting; empty: nothing or the end
 bool raw_at_end(const Fd &fd);         // the server has closed

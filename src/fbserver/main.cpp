@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+// fbserver: shows the shared-memory surfaces of many processes on one framebuffer.
+#include "../base/output.h"
+#include "command.h"
+#include "connection.h"
+#include "main_loop.h"
+#include "options.h"
+
+namespace {
+
+// What is left of the log when a reader is slow at the end.
+constexpr int LAST_LINES_MS = 50;
+
+// The message channel's lines go where the rest of the log goes.
+void log_line(const char *line)
+{
+    err_printf("%s\n", line);
+}
+
+int start_up_error()
+{
+    out_drain(LAST_LINES_MS);
+    return -1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    signals_install();
+    Options options;
+    if (options_parse(argc, argv, &options) < 0)
+        return start_up_error();
+    options_print(&options);
+    if (output_scale < 1) {
+        out_puts("output scale must be bigger than 1"); // 1 itself is accepted
+        return start_up_error();
+    }
+    fs = fs_new(options.w, options.h);
+    if (fs == nullptr)
+        return start_up_error();
+    if (options.benchmark != 0) {
+        out_drain(LAST_LINES_MS);
+        return 0; // measures start-up alone: nothing is opened, nothing is taken down
+    }
+    out_flush();
+    mc_set_log(log_line);
+    mc_factory *factory = mc_factory_open("pfb", on_new_connection, nullptr, nullptr);
+    main_loop_run();
+
+    mc_factory_close(factory);
+    fs_destroy(fs);
+    fs = nullptr;
+    out_drain(LAST_LINES_MS);
+    return 0;
+}

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: MIT
+// The main loop and the signals that end it.
+#pragma once
+
+#include <glib.h>
+
+// Null before start-up.
+extern GMainLoop *loop;
+
+// Ends the loop on SIGINT (2) and SIGTERM (15).
+void handle_signal(int signo);
+
+// SIGPIPE is ignored (a vanished client must not end the server), SIGINT and SIGTERM end the main loop.
+void signals_install();
+
+// Creates the loop and runs it until a signal ends it. From just before, SIGINT and SIGTERM come in only while the
+// loop waits: quitting takes a lock that the interrupted thread might hold.
+void main_loop_run();
