@@ -133,7 +133,8 @@ int mc_send(mc_connection *connection, const mc_packet *request);
 
 /* Sends a request and waits for its answer, for at most timeout_ms milliseconds (-1: for ever). Answers to earlier
  * requests that were given up are skipped. Returns the answer, the caller's to free, or NULL with errno set
- * (ETIMEDOUT; EPIPE: the server is gone; EPROTO: the answer is malformed). A request that the server does not answer always runs into the time-out. */
+ * (ETIMEDOUT; EPIPE: the server is gone; EPROTO: the answer is malformed).
+ * A request that the server does not answer always runs into the time-out. */
 mc_packet *mc_call(mc_connection *connection, const mc_packet *request, int timeout_ms);
 
 /* The socket, to poll for hang-up (POLLHUP) in a main loop of the caller's. Owned by the connection. */
