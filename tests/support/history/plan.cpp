@@ -52,6 +52,19 @@ bool propose_release(Planner &p, Action &a)
     return false;
 }
 
+// What is damaged and not drawn yet meets a new scale.
+bool propose_scale(Planner &p, Action &a)
+{
+    for (const auto &[id, client] : p.m.clients) {
+        const Surface *s = client.surface ? model_surface(p.m, client.surface) : nullptr;
+        if (s && !s->dirty_region.empty() && p.random.chance(3)) {
+            a = plan_scale(p, id);
+            return true;
+        }
+    }
+    return false;
+}
+
 Action draw(Planner &p)
 {
     const auto &object = p.objects[static_cast<size_t>(p.random.below(static_cast<int>(p.objects.size())))];
@@ -81,7 +94,7 @@ Action propose(Planner &p)
         if (p.m.outputs[device].broken ? p.random.chance(40) : p.random.below(250) == 0)
             return toggle(device);
     }
-    if (propose_release(p, a))
+    if (propose_release(p, a) || propose_scale(p, a))
         return a;
     if (p.random.chance(22))
         return a;

@@ -18,5 +18,6 @@ struct Planner {
 std::vector<model::Argument> plan_rectangle(Planner &p);
 Action plan_connect(Planner &p);
 Action plan_create(Planner &p, int client);
+Action plan_scale(Planner &p, int client);
 // Any request but "create".
 Action plan_request(Planner &p, int client);

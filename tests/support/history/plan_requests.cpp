@@ -182,6 +182,8 @@ std::vector<Argument> scale_arguments(Planner &p, int client)
         dw = sw;
         dh = sh;
     }
+    if (r.chance(3)) // a row of so many pixels wraps 32 bits in bytes
+        dw = 0x40000000 + r.below(20);
     return {number(sx), number(sy), number(sw), number(sh), number(place(p, across(p))), number(place(p, down(p))),
             number(dw), number(dh)};
 }
@@ -242,6 +244,13 @@ std::vector<Argument> clip_rectangle(Planner &p, int client)
     if (s && s->clip && p.random.chance(20))
         return {number(s->clip->x1), number(s->clip->y1), number(model::wrap(int64_t{s->clip->x2} - s->clip->x1)),
                 number(model::wrap(int64_t{s->clip->y2} - s->clip->y1))};
+    if (s && s->clip && p.random.chance(20)) { // all but one value as they are
+        std::vector<Argument> near = {number(s->clip->x1), number(s->clip->y1),
+                                      number(model::wrap(int64_t{s->clip->x2} - s->clip->x1)),
+                                      number(model::wrap(int64_t{s->clip->y2} - s->clip->y1))};
+        near[static_cast<size_t>(p.random.below(4))] = number(p.random.between(1, 30));
+        return near;
+    }
     if (p.random.chance(30))
         return {number(-5), number(-5), number(200), number(200)};
     return plan_rectangle(p);
@@ -320,6 +329,16 @@ void spoil(Planner &p, std::vector<Argument> &arguments)
 }
 
 } // namespace
+
+Action plan_scale(Planner &p, int client)
+{
+    Action a;
+    a.kind = Action::REQUEST;
+    a.client = client;
+    a.word = "set_scale";
+    a.arguments = scale_arguments(p, client);
+    return a;
+}
 
 Action plan_request(Planner &p, int client)
 {

@@ -219,6 +219,17 @@ std::string compare(Player &p, const model::Reply &expected_reply, const model::
     return wrong;
 }
 
+// A name that the server has taken is gone at once; one that it has refused stays.
+std::string compare_name(const Player &p, const std::string &object)
+{
+    int fd = shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    bool found = fd >= 0, expected = p.m.shared_memory.count(object) != 0;
+    if (found)
+        close(fd);
+    return found == expected ? ""
+                             : "the name of the shared memory is " + std::string(found ? "still there\n" : "gone\n");
+}
+
 std::string compare_status(Player &p)
 {
     fs_dump_status(fs);
@@ -268,7 +279,7 @@ void child_step(Player &p, size_t index, const Action &a)
         child_abort(p, a, object, aborted);
     }
     model::Reply reply = server_do(p, a, object);
-    std::string wrong = compare(p, expected, reply);
+    std::string wrong = compare(p, expected, reply) + (a.makes ? compare_name(p, object) : "");
     if (wrong.empty() && index % STATUS_EVERY == 0)
         wrong = compare_status(p);
     if (!wrong.empty())
