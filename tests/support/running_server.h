@@ -21,7 +21,7 @@ struct ServerOptions {
 
 class RunningServer {
 public:
-    // Starts it and waits until it listens, and points this process's clients at it.
+    // Starts it and waits until it listens, and points this process's clients at it. Throws when it does not get there.
     explicit RunningServer(const ServerOptions &options = {});
     // Ends what still runs. A test failure: anything left behind, and a report of a sanitizer.
     ~RunningServer();
@@ -41,7 +41,8 @@ public:
     int stop(int signal_number);
 
 private:
-    void wait_for_panel();
+    bool wait_for_panel();
+    bool has_ended() const;
     void expect_no_report() const;
 
     TemporaryFolder folder_;

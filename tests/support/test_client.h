@@ -27,7 +27,7 @@ struct SurfaceRequest {
 
 class TestClient {
 public:
-    // Connects under a name. A test failure when that is not possible.
+    // Connects under a name. Throws when that is not possible.
     explicit TestClient(const std::string &name);
     ~TestClient();
     TestClient(const TestClient &) = delete;
