@@ -57,8 +57,8 @@ TEST(Options, WithoutAnyEverythingHasItsDefault)
 
 TEST(Options, EachOneShowsInTheSummary)
 {
-    expect_summary({"-fb", "/dev/fb7", "-console", "/dev/tty9", "-use-input", "-scale", "3", "640", "480", "1"},
-                   summary("640", "480", "1", "/dev/fb7", "/dev/tty9", "3"));
+    expect_summary({"-fb", "/nonexistent/fb7", "-console", "/nonexistent/tty9", "-use-input", "-scale", "3", "640", "480", "1"},
+                   summary("640", "480", "1", "/nonexistent/fb7", "/nonexistent/tty9", "3"));
     expect_summary({"-send-event", "10.0.0.1", "320"}, summary("320", "-1", "0", "(null)", "(null)", "1"));
     expect_summary({"800", "-use-input", "600"}, summary("800", "600", "1", "(null)", "(null)", "1"));
     expect_summary({"-fb", "a", "-fb", "b"}, summary("-1", "-1", "0", "b", "(null)", "1"));
