@@ -66,7 +66,7 @@ ProgramStart panel_start(const std::string &folder, const ServerOptions &options
     start.words.insert(start.words.end(), {"--", program});
     start.words.insert(start.words.end(), options.server.begin(), options.server.end());
     start.environment = server_environment(folder);
-    start.close_out = options.close_out;
+    start.closed = options.closed;
     return start;
 }
 

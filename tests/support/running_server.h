@@ -16,7 +16,7 @@ struct ServerOptions {
     std::vector<std::string> server = {}; // the server's arguments
     int out_fd = -1;             // its streams; -1: collected in files
     int err_fd = -1;
-    bool close_out = false;
+    std::vector<int> closed = {}; // streams that it starts without
 };
 
 class RunningServer {
