@@ -43,6 +43,7 @@ TEST(Log, ALongRunIntoAPipeIsCompleteAndInOrder)
     {
         TestClient client(name);
         client.create(PICTURE, 0, 0, 3);
+        client.native_depth(); // the server has it before the next "create" takes its place here
         for (int i = 0; i < 4000; i++) {
             client.send("status");
             expected += dump(name, i % 100, 0);
@@ -153,24 +154,28 @@ TEST(Log, AReaderThatIsGone)
     EXPECT_EQ(server.err(), "");
 }
 
-// A descriptor that the server opens must not take the place of its standard output and be written lines.
-TEST(Log, WithoutAStandardOutput)
+// A descriptor that the server opens must not take the place of a stream that it was started without: lines of the log
+// would go into the lock file, to a client or onto the screen.
+TEST(Log, WithoutStandardStreams)
 {
-    RunningServer server({.close_out = true});
-    TestClient client("fb.chatty");
-    client.create(PICTURE, 0, 0, 3);
-    client.send("show");
-    for (int i = 0; i < 100; i++)
-        client.send("status");
-    EXPECT_EQ(client.native_depth(), 32);
-    PictureComposer composer(160, 120);
-    composer.draw(PICTURE, 0, 0);
-    EXPECT_EQ(panel_shows(server.panel(), composer.picture(32)), "");
-    TestClient next("fb.next");
-    next.create(PICTURE, 0, 0, 3);
-    EXPECT_EQ(next.native_depth(), 32) << "clients still get through";
-    EXPECT_EQ(server.stop(SIGTERM), 0);
-    EXPECT_EQ(server.err(), "");
+    for (const std::vector<int> &closed : {std::vector<int>{1}, {0, 1}, {0, 1, 2}}) {
+        RunningServer server({.closed = closed});
+        for (int stream : closed)
+            EXPECT_EQ(link_target("/proc/" + std::to_string(server.pid()) + "/fd/" + std::to_string(stream)),
+                      "/dev/null");
+        TestClient client("fb.chatty");
+        client.create(PICTURE, 0, 0, 3);
+        client.send("show");
+        for (int i = 0; i < 100; i++)
+            client.send("status");
+        EXPECT_EQ(client.native_depth(), 32);
+        PictureComposer composer(160, 120);
+        composer.draw(PICTURE, 0, 0);
+        EXPECT_EQ(panel_shows(server.panel(), composer.picture(32)), "");
+        EXPECT_EQ(file_text(server.socket_path() + ".lock"), "");
+        EXPECT_EQ(server.stop(SIGTERM), 0);
+        EXPECT_EQ(server.err(), "");
+    }
 }
 
 TEST(Log, BothStreamsInOnePipeKeepTheirOrder)
