@@ -41,6 +41,8 @@ int32_t place(Planner &p, int32_t size)
 {
     if (p.random.chance(1))
         return extreme(p.random);
+    if (p.random.chance(1)) // at the rim of what regions hold
+        return p.random.chance(50) ? INT16_MAX - p.random.below(30) : INT16_MIN - p.random.below(30);
     return p.random.chance(70) ? p.random.between(0, size - 1) : p.random.between(-20, size + 10);
 }
 
