@@ -115,6 +115,7 @@ void set_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
     fs_assert_in("fs_set_scale", surface->img->depth == orig_img->depth);
     fill_mapping(surface->scale_state, r);
     surface->area = surface->scale_state->dst_rect;
+    fs_drop_reports(surface);
     region_reset(&surface->dirty_region, &surface->scale_state->src_rect);
     if (!image_has_alpha(orig_img)) {
         const Rect whole{0, 0, r.dst_w, r.dst_h};

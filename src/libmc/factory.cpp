@@ -71,20 +71,28 @@ int accept_fd(mc_factory *factory)
     return accept4(factory->listener.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 }
 
+enum class Accepting { next, done, rest };
+
 // Descriptors have run out. The reserve makes room for the client to be accepted and turned away; left waiting, it
-// would keep the listening socket readable for ever.
-bool turn_away(mc_factory *factory)
+// would keep the listening socket readable for ever. (The kernel says EMFILE even when nobody waits.)
+Accepting turn_away(mc_factory *factory)
 {
-    report_refusal(factory, "refused a client: no descriptor is free");
-    if (factory->reserve_fd < 0)
-        return false;
+    if (factory->reserve_fd < 0) {
+        report_refusal(factory, "cannot accept: no descriptor is free");
+        return Accepting::rest;
+    }
     close(factory->reserve_fd);
     const int fd = accept_fd(factory);
-    if (fd >= 0)
+    const bool nobody_waits = fd < 0 && errno == EAGAIN;
+    if (fd >= 0) {
+        report_refusal(factory, "refused a client: no descriptor is free");
         close(fd);
+    }
     factory->reserve_fd = -1;
     reserve_refill(factory);
-    return fd >= 0 && factory->reserve_fd >= 0;
+    if (factory->reserve_fd < 0)
+        return Accepting::rest;
+    return fd >= 0 ? Accepting::next : nobody_waits ? Accepting::done : Accepting::rest;
 }
 
 // The one that has waited longest makes way: a client that means well greets at once.
@@ -129,30 +137,26 @@ void adopt(mc_factory *factory, int fd)
     connection_await_greeting(connection, g_get_monotonic_time() + factory->limits.greeting_wait_us);
 }
 
-// False when this turn is over.
-bool accept_one(mc_factory *factory)
+Accepting accept_one(mc_factory *factory)
 {
     const int fd = accept_fd(factory);
     if (fd >= 0) {
         adopt(factory, fd);
-        return true;
+        return Accepting::next;
     }
     switch (errno) {
     case EAGAIN:
-        return false;
+        return Accepting::done;
     case EINTR:
     case ECONNABORTED:
-        return true;
+        return Accepting::next;
     case EMFILE:
     case ENFILE:
-        if (turn_away(factory))
-            return true;
-        break;
+        return turn_away(factory);
     default:
         report_refusal(factory, "cannot accept: %s", strerror(errno));
+        return Accepting::rest;
     }
-    accepting_rest(factory);
-    return false;
 }
 
 gboolean accept_turn(GSource *source, GSourceFunc, gpointer)
@@ -160,9 +164,11 @@ gboolean accept_turn(GSource *source, GSourceFunc, gpointer)
     mc_factory *factory = reinterpret_cast<FactorySource *>(source)->factory;
     if (factory->resting)
         accepting_resume(factory);
-    for (int i = 0; i < ACCEPTS_PER_TURN; i++)
-        if (!accept_one(factory))
-            break;
+    Accepting accepting = Accepting::next;
+    for (int i = 0; i < ACCEPTS_PER_TURN && accepting == Accepting::next; i++)
+        accepting = accept_one(factory);
+    if (accepting == Accepting::rest)
+        accepting_rest(factory);
     return G_SOURCE_CONTINUE;
 }
 

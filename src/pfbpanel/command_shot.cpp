@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+#include "commands.h"
+
+#include "message.h"
+#include "options.h"
+#include "picture.h"
+
+namespace {
+
+gboolean raw;
+
+const GOptionEntry ENTRIES[] = {
+    SCREEN_OPTION_ENTRIES,
+    {"raw", 'r', 0, G_OPTION_ARG_NONE, &raw, "Write the visible rows' bytes, without padding", nullptr},
+    {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},
+};
+
+const OptionText TEXT = {
+    "FILE",
+    "Writes what a panel shows as a PNG picture. Without a choice it is the panel that this command runs on, else\n"
+    "the only one that is running, else the machine's own framebuffer.",
+    "Channels of 5 and 6 bits are widened by repeating their upper bits. The second layer's alpha is written as it\n"
+    "stands in memory, and so are the colours that go with it.",
+    false,
+};
+
+bool write_picture(const char *file, const Screen &screen)
+{
+    std::vector<uint8_t> rows;
+    screen_copy(screen, &rows);
+    if (raw)
+        return picture_write_raw(file, rows);
+    const bool alpha = screen_options.layer2 && screen.var.transp.length > 0;
+    return picture_write_png(file, screen, picture_decode(screen, rows, alpha), alpha);
+}
+
+} // namespace
+
+int command_shot(int argc, char **argv)
+{
+    ScreenChoice choice;
+    if (!options_parse(TEXT, ENTRIES, &argc, &argv) || !options_screen(&choice))
+        return STATUS_USAGE;
+    if (argc != 2) {
+        complain("shot takes one file name (see --help)");
+        return STATUS_USAGE;
+    }
+    Screen screen;
+    if (!screen_open(choice, &screen))
+        return STATUS_FAILED;
+    const bool written = write_picture(argv[1], screen);
+    screen_close(&screen);
+    return written ? STATUS_DONE : STATUS_FAILED;
+}

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: MIT
+#include "picture.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <png.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "message.h"
+
+namespace {
+
+uint32_t load_pixel(const uint8_t *bytes, uint32_t count)
+{
+    uint32_t pixel = 0;
+    for (uint32_t i = 0; i < count; i++)
+        pixel |= uint32_t{bytes[i]} << (8 * i);
+    return pixel;
+}
+
+uint8_t widen(uint32_t value, uint32_t bits)
+{
+    if (bits == 0)
+        return 0;
+    if (bits >= 8)
+        return static_cast<uint8_t>(value >> (bits - 8));
+    uint32_t wide = value << (8 - bits);
+    for (uint32_t known = bits; known < 8; known *= 2)
+        wide |= wide >> known;
+    return static_cast<uint8_t>(wide);
+}
+
+uint8_t channel(uint32_t pixel, const fb_bitfield &field)
+{
+    if (field.offset >= 32 || field.length >= 32)
+        return 0;
+    return widen(pixel >> field.offset & ((1u << field.length) - 1), field.length);
+}
+
+// A file to be filled beside `path`; null after a message.
+FILE *open_beside(const std::string &path, std::string *temporary)
+{
+    *temporary = path + ".XXXXXX";
+    const int fd = mkstemp(temporary->data());
+    if (fd < 0) {
+        complain_errno(path.c_str());
+        return nullptr;
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(fd, 0666 & ~mask);
+    return fdopen(fd, "wb");
+}
+
+bool finish(FILE *file, bool written, const std::string &temporary, const std::string &path)
+{
+    written = fclose(file) == 0 && written;
+    if (written && rename(temporary.c_str(), path.c_str()) == 0)
+        return true;
+    complain_errno(path.c_str());
+    unlink(temporary.c_str());
+    return false;
+}
+
+} // namespace
+
+std::vector<uint8_t> picture_decode(const Screen &screen, const std::vector<uint8_t> &rows, bool alpha)
+{
+    const uint32_t bytes = screen_pixel_bytes(screen);
+    std::vector<uint8_t> pixels;
+    pixels.reserve(rows.size() / bytes * 4);
+    for (size_t at = 0; at + bytes <= rows.size(); at += bytes) {
+        const uint32_t pixel = load_pixel(rows.data() + at, bytes);
+        pixels.push_back(channel(pixel, screen.var.red));
+        pixels.push_back(channel(pixel, screen.var.green));
+        pixels.push_back(channel(pixel, screen.var.blue));
+        if (alpha)
+            pixels.push_back(channel(pixel, screen.var.transp));
+    }
+    return pixels;
+}
+
+bool picture_write_png(const std::string &path, const Screen &screen, const std::vector<uint8_t> &pixels, bool alpha)
+{
+    std::string temporary;
+    FILE *file = open_beside(path, &temporary);
+    if (file == nullptr)
+        return false;
+    png_image image = {};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = screen.var.xres;
+    image.height = screen.var.yres;
+    image.format = alpha ? PNG_FORMAT_RGBA : PNG_FORMAT_RGB;
+    const bool written = png_image_write_to_stdio(&image, file, 0, pixels.data(), 0, nullptr) != 0;
+    return finish(file, written, temporary, path);
+}
+
+bool picture_write_raw(const std::string &path, const std::vector<uint8_t> &rows)
+{
+    std::string temporary;
+    FILE *file = open_beside(path, &temporary);
+    if (file == nullptr)
+        return false;
+    const bool written = fwrite(rows.data(), 1, rows.size(), file) == rows.size();
+    return finish(file, written, temporary, path);
+}
