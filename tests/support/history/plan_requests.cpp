@@ -164,10 +164,10 @@ std::vector<Argument> scale_arguments(Planner &p, int client)
     Random &r = p.random;
     Surface *s = surface_of(p, client);
     int32_t w = 20, h = 20;
-    if (s && s->image.width < 200 && s->image.height < 200) {
-        const model::Image &image = s->scale && r.chance(80) ? s->scale->original : s->image;
-        w = image.width;
-        h = image.height;
+    const model::Image *image = !s ? nullptr : s->scale && r.chance(80) ? &s->scale->original : &s->image;
+    if (image && image->width < 200 && image->height < 200) {
+        w = image->width;
+        h = image->height;
     }
     std::vector<Argument> arguments;
     if (r.chance(20)) {
