@@ -114,6 +114,16 @@ int region_add_i(Region *region, const Region *other)
     return region_union(region, region, other);
 }
 
+int region_add_boxes(Region *region, const Box *boxes, int n)
+{
+    Region sum;
+    if (!pixman_region_init_rects(&sum, boxes, n))
+        return 0;
+    const int done = region_union(region, region, &sum);
+    region_uninit(&sum);
+    return done;
+}
+
 int region_intersect(Region *result, const Region *a, const Region *b)
 {
     return pixman_region_intersect(result, unchanged(a), unchanged(b));

@@ -30,6 +30,8 @@ long environment_number(const char *name, long otherwise)
 History planned(const Config &config, long seed)
 {
     uint64_t number = static_cast<uint64_t>(labs(seed)) * 1000003u;
+    for (const char *c = config.name; *c; c++)
+        number = number * 31 + static_cast<uint64_t>(*c);
     return history_plan(config, number, seed < 0 ? MAY_ABORT : LENGTH, seed < 0);
 }
 

@@ -139,9 +139,9 @@ std::string history_text(const History &history)
         case Action::REQUEST:
             text += "  " + who + a.word;
             for (const model::Argument &argument : a.arguments)
-                text += argument.type == 'i'  ? " " + std::to_string(argument.number)
-                        : a.object            ? " #" + std::to_string(a.object)
-                                              : " \"" + argument.text + "\"";
+                text += argument.type == 'i' ? " " + std::to_string(argument.number)
+                        : a.object           ? " #" + std::to_string(a.object)
+                                             : " \"" + argument.text + "\"";
             text += "\n";
             break;
         case Action::HANG_UP:

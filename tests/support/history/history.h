@@ -23,12 +23,12 @@ struct Action {
     int client = 0;
     std::string word; // the command, or the name of a new connection
     std::vector<model::Argument> arguments;
-    int object = 0;        // shared-memory object; 0: none
-    bool makes = false;    // the object is made before the request (its name is the request's last argument)
-    uint32_t size = 0;     // of the object, bytes
-    uint32_t seed = 0;     // of the pixels
-    int style = 0;         // of the pixels
-    int device = 0;        // model::PRIMARY or SECOND
+    int object = 0;     // shared-memory object; 0: none
+    bool makes = false; // the object is made before the request (its name is the request's last argument)
+    uint32_t size = 0;  // of the object, bytes
+    uint32_t seed = 0;  // of the pixels
+    int style = 0;      // of the pixels
+    int device = 0;     // model::PRIMARY or SECOND
 };
 
 using History = std::vector<Action>;

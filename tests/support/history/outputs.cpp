@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "outputs.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,7 +19,8 @@ const char *fb_device;
 
 namespace {
 
-constexpr uint8_t BEFORE = 0xC5;
+constexpr uint8_t AROUND = 0xC5;
+constexpr size_t WORD = 4; // real devices are mapped at word boundaries at least
 
 const char *const output_names[] = {"fb", "fb2"};
 
@@ -92,18 +94,19 @@ void memory_output_set(int which, const model::Device &device, const uint8_t *co
         abort();
     }
     MemoryOutput &output = memory_outputs[which];
-    output = {device, false, first + pages - device.memory, first};
-    memset(first, BEFORE, pages - device.memory);
+    output = {device, false, first + pages - (device.memory + WORD - 1) / WORD * WORD, first, first + pages};
+    memset(first, AROUND, pages);
     memcpy(output.memory, contents, device.memory);
 }
 
 bool memory_outputs_unharmed()
 {
     for (const MemoryOutput &output : memory_outputs) {
-        for (const uint8_t *at = output.first; at < output.memory; at++) {
-            if (*at != BEFORE)
-                return false;
-        }
+        const uint8_t *end = output.memory + output.device.memory;
+        auto untouched = [](uint8_t byte) { return byte == AROUND; };
+        if (!std::all_of<const uint8_t *>(output.first, output.memory, untouched) ||
+            !std::all_of<const uint8_t *>(end, output.last, untouched))
+            return false;
     }
     return true;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Two framebuffers in memory in place of the devices: a touch beyond their last byte traps, one before their first
-// is found by outputs_unharmed. They note what they are called with.
+// Two framebuffers in memory in place of the devices: a touch beyond their last word traps, others beside their bytes
+// are found by memory_outputs_unharmed. They note what they are called with.
 #pragma once
 
 #include <string>
@@ -11,8 +11,8 @@
 struct MemoryOutput {
     model::Device device;
     bool broken;
-    uint8_t *memory; // device.memory bytes
-    uint8_t *first;  // of the accessible bytes before it
+    uint8_t *memory;             // device.memory bytes
+    const uint8_t *first, *last; // of the accessible bytes around it, last excluded
 };
 
 extern MemoryOutput memory_outputs[2]; // model::PRIMARY and SECOND

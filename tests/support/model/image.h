@@ -29,13 +29,16 @@ struct Image {
     int depth = 32;
     int format = XRGB32;
     bool alpha = false;
-    int64_t extent = 0; // bytes
+    int64_t extent = 0;                   // bytes
     const ClientMemory *shared = nullptr; // a client's image; not owned
     std::vector<uint8_t> bytes;           // every other image
 };
 
 int depth_of_format(int format);
-inline int pixel_bytes(const Image &image) { return image.depth == 16 ? 2 : 4; }
+inline int pixel_bytes(const Image &image)
+{
+    return image.depth == 16 ? 2 : 4;
+}
 // Pixels from one row to the next: the stride rounded down to whole pixels, taken as unsigned.
 inline int64_t pitch(const Image &image)
 {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // What the display server does, in plain words: a value that is told the same things as the server (requests, hang-ups,
-// turns of the main loop) and then holds the bytes that each output must show and the lines that must have been printed.
-// Slow, one pixel at a time, and sharing no code with the server. Copies are independent of each other.
+// turns of the main loop) and then holds the bytes that each output must show and the lines that must have been
+// printed. Slow, one pixel at a time, and sharing no code with the server. Copies are independent of each other.
 #pragma once
 
 #include <map>
@@ -88,14 +88,14 @@ struct Model {
     bool pending = false; // an idle render waits
     int32_t selected = 0;
     int next_id = 1;
-    bool with_pixels = true; // false: everything but the pixels, for planning ahead
+    bool with_pixels = true;       // false: everything but the pixels, for planning ahead
     std::vector<Surface> surfaces; // bottom first
     std::vector<int> in_use;       // outputs in order of first use
     Output outputs[N_OUTPUTS];
     std::map<int, Client> clients;
     std::map<std::string, const ClientMemory *> shared_memory; // objects that have a name; not owned
-    std::string out, err;                              // printed so far
-    std::vector<std::string> calls;                    // what the outputs' functions were called with
+    std::string out, err;                                      // printed so far
+    std::vector<std::string> calls;                            // what the outputs' functions were called with
 };
 
 // A server started with a size; -1 x -1 takes the device's. `device` [SECOND] is the second layer.
@@ -111,7 +111,10 @@ std::string model_status(const Model &m);
 // ---- the steps, for each other ----
 
 // Arithmetic of requests wraps at 32 bits.
-inline int32_t wrap(int64_t value) { return static_cast<int32_t>(static_cast<uint64_t>(value)); }
+inline int32_t wrap(int64_t value)
+{
+    return static_cast<int32_t>(static_cast<uint64_t>(value));
+}
 // Prints like printf onto `text`.
 [[gnu::format(printf, 2, 3)]] void print(std::string &text, const char *format, ...);
 inline void require(bool holds, const char *expression, const char *function)
@@ -122,7 +125,10 @@ inline void require(bool holds, const char *expression, const char *function)
 
 Surface *model_surface(Model &m, int id);
 // False for surfaces without an output and on the one that shows nothing.
-inline bool has_screen(const Surface &s) { return s.output == PRIMARY || s.output == SECOND; }
+inline bool has_screen(const Surface &s)
+{
+    return s.output == PRIMARY || s.output == SECOND;
+}
 bool output_has_alpha(const Model &m, const Surface &s);
 bool takes_part(const Model &m, const Surface &s);
 void schedule(Model &m);

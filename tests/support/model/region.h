@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Sets of points with 16-bit coordinates, as the lists of rectangles that a reader of the server's messages sees:
-// bands from top to bottom, in each band spans from left to right that do not touch, and no two bands that could be one.
+// bands from top to bottom, in each band spans from left to right that do not touch, and no two bands that could be
+// one.
 #pragma once
 
 #include <cstdint>

@@ -169,9 +169,20 @@ Reply model_request(Model &m, int client, const std::string &word, const std::ve
     }
     if (serve_general(m, word, arguments))
         return {};
-    static const char *const surface_words[] = {"lock_area",   "unlock",    "dirty",     "show",     "hide",
-                                                "move",        "resize",    "set_layer", "set_clip", "opaque_area",
-                                                "color_plane", "set_scale", "set_sync",  "get_native_color_depth",
+    static const char *const surface_words[] = {"lock_area",
+                                                "unlock",
+                                                "dirty",
+                                                "show",
+                                                "hide",
+                                                "move",
+                                                "resize",
+                                                "set_layer",
+                                                "set_clip",
+                                                "opaque_area",
+                                                "color_plane",
+                                                "set_scale",
+                                                "set_sync",
+                                                "get_native_color_depth",
                                                 "block_until_unlock"};
     bool known = false;
     for (const char *w : surface_words)
