@@ -73,8 +73,10 @@ void draw_surface(PictureComposer &composer, const Panel &panel, std::istringstr
     std::string name, format, kind, word;
     int x, y, width, height;
     line >> name >> format >> x >> y >> width >> height >> kind;
-    const Pixels pixels = kind == "photograph" ? pixels_photograph(format_of(format), width, height, seed)
-                                               : pixels_random(format_of(format), width, height, seed);
+    // Rows of whole words: pixman takes no others.
+    const int padding = format == "rgb565" ? width % 2 * 2 : 0;
+    const Pixels pixels = kind == "photograph" ? pixels_photograph(format_of(format), width, height, seed, padding)
+                                               : pixels_random(format_of(format), width, height, seed, padding);
     write_pixels(folder + "/" + name + ".pixels", pixels);
     std::optional<uint32_t> plane;
     composer.clear_clip();

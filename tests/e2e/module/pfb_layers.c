@@ -20,6 +20,7 @@
 #define RECORDS 64
 #define COMMAND_APPLY 3
 #define COMMAND_READ 4
+#define FLAG_COMMIT 0x2000
 
 static int bpp[DEVICES] = {32, 32};
 static int width[DEVICES] = {160, 160};
@@ -44,6 +45,17 @@ static bool is_layer(const struct fb_info *info)
 	return info == infos[devices - 1];
 }
 
+// A driver takes the words that it knows; the others are its own. The commit bit ends with the request.
+static void apply(const u32 *block)
+{
+	static const int known[] = {0, 29, 33, 34, 35, 46};
+	int i;
+
+	for (i = 0; i < ARRAY_SIZE(known); i++)
+		layer_block[known[i]] = block[known[i]];
+	layer_block[29] &= ~FLAG_COMMIT;
+}
+
 static int layer_control(u32 __user *argument)
 {
 	u32 block[BLOCK_WORDS];
@@ -53,7 +65,7 @@ static int layer_control(u32 __user *argument)
 	if (n_records < RECORDS)
 		memcpy(records[n_records++], block, sizeof(block));
 	if (block[0] == COMMAND_APPLY) {
-		memcpy(layer_block, block, sizeof(block));
+		apply(block);
 		return 0;
 	}
 	if (block[0] == COMMAND_READ)
