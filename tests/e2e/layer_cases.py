@@ -123,7 +123,7 @@ def layer_life(machine, report, name, life, scene):
     machine.clients['fb2.first'] = int(machine.run(
         f"client fb2.first {scene.pixel_path(scene.surfaces[0])} '{invisible}' get_native_color_depth"
         ' > /var/log/fb2.first & echo $!'))
-    machine.wait_for('test -s /proc/layer-control')
+    machine.wait_for('grep -q . /proc/layer-control')
     blocks = records(machine)
     report.check(f'{name}: the start block{life}',
                  len(blocks) == 1 and {word: blocks[0][word] for word in START} == START, describe(blocks))
