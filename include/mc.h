@@ -70,10 +70,11 @@ int mc_packet_build_args(mc_packet *packet, const char *signature, ...);
 typedef void (*mc_connection_func)(mc_factory *factory, mc_connection *connection, void *user_data);
 
 /* A request has arrived. `request` is the library's and ends with the call. The packet returned (or NULL for no
- * answer) goes to the client and is freed by the library. */
+ * answer) goes to the client and is freed by the library. It is a packet of mc_packet_new, without a command word. */
 typedef mc_packet *(*mc_handler_func)(mc_connection *connection, mc_packet *request);
 
-/* The client is gone, or was dropped for a fault. The handler calls mc_close (and may return its result). */
+/* The client is gone, or was dropped for a fault. Runs once; the socket is closed already. The handler calls mc_close
+ * (and may return its result). Without such a handler the library closes the connection itself. */
 typedef int (*mc_hup_func)(mc_connection *connection);
 
 /*
@@ -99,7 +100,7 @@ void *mc_user_data(const mc_connection *connection);
 
 /* The name that the client gave. Owned by the connection. */
 const char *mc_connection_name(const mc_connection *connection);
-/* Who the client is, as the kernel told at connect; -1 where unknown. */
+/* Who the client is, as the kernel told at connect; -1 where unknown. For a socketpair: who made the pair. */
 pid_t mc_connection_pid(const mc_connection *connection);
 uid_t mc_connection_uid(const mc_connection *connection);
 
@@ -126,12 +127,14 @@ void mc_set_log(mc_log_func log);
 mc_connection *mc_connect(const char *service_name, const char *client_name);
 
 /* Sends a request and does not wait for an answer; blocks while the server is behind. The packet stays the caller's.
- * Returns 0, or -1 with errno set (EPIPE: the server is gone). */
+ * Answers that have arrived are thrown away: nobody waits for them any more.
+ * Returns 0, or -1 with errno set (EPIPE: the server is gone; EINVAL: not a connection of mc_connect). */
 int mc_send(mc_connection *connection, const mc_packet *request);
 
 /* Sends a request and waits for its answer, for at most timeout_ms milliseconds (-1: for ever). Answers to earlier
  * requests that were given up are skipped. Returns the answer, the caller's to free, or NULL with errno set
- * (ETIMEDOUT; EPIPE: the server is gone). A request that the server does not answer always runs into the time-out. */
+ * (ETIMEDOUT; EPIPE: the server is gone; EPROTO: the answer is malformed).
+ * A request that the server does not answer always runs into the time-out. */
 mc_packet *mc_call(mc_connection *connection, const mc_packet *request, int timeout_ms);
 
 /* The socket, to poll for hang-up (POLLHUP) in a main loop of the caller's. Owned by the connection. */

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <sys/time.h>
 
 #include "../base/assert.h"
@@ -28,7 +29,58 @@ int32_t end_of(int32_t origin, int32_t size)
     return static_cast<int32_t>(std::clamp<int64_t>(end, INT32_MIN, INT32_MAX));
 }
 
+// A region of this many rectangles is united with one more at once; beyond it reports wait in a batch.
+constexpr int32_t DIRECT_RECTS = 64;
+
+bool make_room(ReportBatch *batch, int32_t capacity)
+{
+    if (batch->n < batch->capacity)
+        return true;
+    auto *boxes = static_cast<Box *>(realloc(batch->boxes, sizeof(Box) * static_cast<size_t>(capacity)));
+    if (boxes == nullptr)
+        return false;
+    batch->boxes = boxes;
+    batch->capacity = capacity;
+    return true;
+}
+
+// The batch is folded when it is as large as the region, so each report is looked at a few times only.
+void batch_report(ImageSurface *surface, const Rect &rect)
+{
+    ReportBatch *batch = &surface->reports;
+    const int32_t rects = region_num_rects(&surface->dirty_region);
+    if (batch->n >= rects)
+        fs_fold_reports(surface);
+    if (make_room(batch, std::max(2 * batch->capacity, DIRECT_RECTS)))
+        batch->boxes[batch->n++] = region_box(rect);
+    else
+        region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
+}
+
+void add_report(ImageSurface *surface, const Rect &rect)
+{
+    if (region_num_rects(&surface->dirty_region) < DIRECT_RECTS)
+        region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
+    else
+        batch_report(surface, rect);
+}
+
 } // namespace
+
+void fs_fold_reports(ImageSurface *surface)
+{
+    ReportBatch *batch = &surface->reports;
+    if (batch->n == 0)
+        return;
+    region_add_boxes(&surface->dirty_region, batch->boxes, batch->n);
+    fs_drop_reports(surface);
+}
+
+void fs_drop_reports(ImageSurface *surface)
+{
+    free(surface->reports.boxes);
+    surface->reports = ReportBatch{};
+}
 
 void fs_schedule_render(FbServer *fs)
 {
@@ -44,7 +96,7 @@ void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int
     if (surface->color_plane != -1)
         return;
     const Rect rect{x, y, end_of(x, width), end_of(y, height)};
-    region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
+    add_report(surface, rect);
     fs_schedule_render(fs);
 }
 

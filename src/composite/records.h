@@ -63,6 +63,13 @@ struct ScaleState {
     int32_t y_step;
 };
 
+// Damage reports that wait to enter a region all at once: one by one, n scattered rectangles cost n x n steps.
+struct ReportBatch {
+    Box *boxes; // owned
+    int32_t n;
+    int32_t capacity;
+};
+
 struct ImageSurface {
     Rect area;           // screen
     Rect drawing_area;   // screen: area cropped to the screen and to clip
@@ -79,6 +86,7 @@ struct ImageSurface {
     xc_image *img;           // owned; the client's image, or the scaled one while scale_state is set
     ScaleState *scale_state; // owned; null: not scaled
     Backend *backend;        // not owned; null: none could be had
+    ReportBatch reports;     // surface: belongs to dirty_region, see fs_fold_reports
 };
 
 struct FbServer {

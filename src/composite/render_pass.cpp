@@ -73,6 +73,7 @@ void collect_parts(ImageSurface *surface, Region *damage)
 // What opaque surfaces hide is not taken out here but when it is assigned: all visible damage reaches the outputs.
 void collect_surface(const FbServer *fs, ImageSurface *surface)
 {
+    fs_fold_reports(surface);
     if (surface->scale_state != nullptr) {
         if (surface_has(surface, SURFACE_DIRTY))
             region_union_rect(&surface->dirty_region, &surface->dirty_region, &surface->scale_state->src_rect);
@@ -119,6 +120,13 @@ void subtract_opaque(const ImageSurface *surface, Region *damage)
     region_uninit(&opaque);
 }
 
+// Cheaper than the intersection, and mostly the answer: damage is small, surfaces are many.
+bool is_far_from(const Region *damage, const Rect &area)
+{
+    const Box &extents = damage->extents;
+    return area.x1 >= extents.x2 || area.x2 <= extents.x1 || area.y1 >= extents.y2 || area.y2 <= extents.y1;
+}
+
 // Top to bottom; surfaces further down never draw what an opaque area above them hides.
 Drawers assign(const FbServer *fs)
 {
@@ -126,7 +134,7 @@ Drawers assign(const FbServer *fs)
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
         ImageSurface *surface = fs->surfaces[i];
         Region *damage = damage_of(surface);
-        if (damage == nullptr || !takes_part(surface))
+        if (damage == nullptr || !takes_part(surface) || is_far_from(damage, surface->drawing_area))
             continue;
         region_intersect_rect(&surface->aux_region, damage, &surface->drawing_area);
         if (region_is_empty(&surface->aux_region))

@@ -82,10 +82,10 @@ void remove_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
 void set_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
 {
     xc_image *orig_img = surface_client_image(surface);
-    const int32_t pixel_bytes = orig_img != nullptr ? (orig_img->depth + 7) >> 3 : 0;
-    xc_image *scaled = orig_img != nullptr ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format, 0, 0,
-                                                                    wrap_mul(pixel_bytes, r.dst_w))
-                                           : nullptr;
+    const int64_t row = orig_img != nullptr ? int64_t{(orig_img->depth + 7) >> 3} * r.dst_w : 0;
+    xc_image *scaled = row > 0 && row <= INT32_MAX ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format,
+                                                                            0, 0, static_cast<int32_t>(row))
+                                                   : nullptr;
     if (scaled == nullptr) {
         print_refusal(r);
         return;
@@ -115,6 +115,7 @@ void set_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
     fs_assert_in("fs_set_scale", surface->img->depth == orig_img->depth);
     fill_mapping(surface->scale_state, r);
     surface->area = surface->scale_state->dst_rect;
+    fs_drop_reports(surface);
     region_reset(&surface->dirty_region, &surface->scale_state->src_rect);
     if (!image_has_alpha(orig_img)) {
         const Rect whole{0, 0, r.dst_w, r.dst_h};

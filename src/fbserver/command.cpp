@@ -108,10 +108,12 @@ const Command *find_command(const char *word)
     return nullptr;
 }
 
-// The arguments by the signature, one at a time; returns how many there were.
+// The arguments by the signature; returns how many there were. A string stands alone or after nine integers.
 int decode(const mc_packet *request, const char *signature, Call *call)
 {
     int32_t *i = call->i;
+    if (signature[0] == 's')
+        return mc_packet_parse_args(request, signature, &call->s);
     return mc_packet_parse_args(request, signature, &i[0], &i[1], &i[2], &i[3], &i[4], &i[5], &i[6], &i[7], &i[8],
                                 &call->s);
 }

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
 // fbserver: shows the shared-memory surfaces of many processes on one framebuffer.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "../base/output.h"
 #include "command.h"
 #include "connection.h"
@@ -10,6 +13,18 @@ namespace {
 
 // What is left of the log when a reader is slow at the end.
 constexpr int LAST_LINES_MS = 50;
+
+// A service manager may start the server without them. The next descriptor to be opened would take their place, and
+// the log would go to a client, into the lock file or onto the screen.
+void open_missing_standard_streams()
+{
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
 
 // The message channel's lines go where the rest of the log goes.
 void log_line(const char *line)
@@ -27,6 +42,7 @@ int start_up_error()
 
 int main(int argc, char **argv)
 {
+    open_missing_standard_streams();
     signals_install();
     Options options;
     if (options_parse(argc, argv, &options) < 0)

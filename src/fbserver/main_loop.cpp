@@ -19,14 +19,22 @@ int poll_with_signals(GPollFD *fds, guint n, gint timeout_ms)
     return ppoll(reinterpret_cast<pollfd *>(fds), n, timeout_ms < 0 ? nullptr : &timeout, &mask_while_waiting);
 }
 
-void let_signals_in_while_waiting()
+sigset_t ending_signals()
 {
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGINT);
     sigaddset(&ending, SIGTERM);
-    sigprocmask(SIG_BLOCK, &ending, &mask_while_waiting);
-    g_main_context_set_poll_func(nullptr, poll_with_signals);
+    return ending;
+}
+
+// A signal of the start has no loop to quit, and GLib says so in the log. That takes locks and memory that the
+// interrupted code may hold, so the signal comes in here, where nothing is held, and not where it arrived.
+void let_early_signals_in()
+{
+    const sigset_t ending = ending_signals();
+    sigprocmask(SIG_SETMASK, &mask_while_waiting, nullptr);
+    sigprocmask(SIG_BLOCK, &ending, nullptr);
 }
 
 } // namespace
@@ -44,8 +52,10 @@ void signals_install()
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
 
+    const sigset_t both = ending_signals();
+    sigprocmask(SIG_BLOCK, &both, &mask_while_waiting);
     struct sigaction ending {};
-    sigemptyset(&ending.sa_mask);
+    ending.sa_mask = both; // GLib aborts when one interrupts its report of the other
     ending.sa_handler = handle_signal;
     sigaction(SIGINT, &ending, nullptr);
     sigaction(SIGTERM, &ending, nullptr);
@@ -53,7 +63,8 @@ void signals_install()
 
 void main_loop_run()
 {
-    let_signals_in_while_waiting();
+    let_early_signals_in();
+    g_main_context_set_poll_func(nullptr, poll_with_signals);
     loop = g_main_loop_new(nullptr, FALSE);
     loop = g_main_loop_ref(loop); // never freed: a late signal still finds it
     output_watch_start();

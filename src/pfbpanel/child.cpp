@@ -9,8 +9,7 @@
 #include "environment.h"
 #include "message.h"
 
-namespace
-{
+namespace {
 
 constexpr int PASSED_ON[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2};
 

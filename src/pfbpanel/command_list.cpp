@@ -8,8 +8,7 @@
 #include "message.h"
 #include "options.h"
 
-namespace
-{
+namespace {
 
 const GOptionEntry ENTRIES[] = {
     {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr},

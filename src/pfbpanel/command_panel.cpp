@@ -12,8 +12,7 @@
 #include "message.h"
 #include "options.h"
 
-namespace
-{
+namespace {
 
 struct PanelOptions {
     char *size;
@@ -55,12 +54,21 @@ std::string help_text()
            "started, 2 for a wrong option, 1 when the panel could not be made.";
 }
 
-// "WxH", to the end of the text.
+bool parse_number(const std::string &text, uint32_t *number)
+{
+    guint64 value;
+    if (!g_ascii_string_to_unsigned(text.c_str(), 10, 1, UINT32_MAX, &value, nullptr))
+        return false;
+    *number = static_cast<uint32_t>(value);
+    return true;
+}
+
+// "WxH"
 bool parse_size(const std::string &text, DeviceWish *wish)
 {
-    char rest;
-    const bool digits = !text.empty() && text.find_first_not_of("0123456789x") == std::string::npos;
-    return digits && text.size() < 16 && sscanf(text.c_str(), "%ux%u%c", &wish->width, &wish->height, &rest) == 2;
+    const size_t x = text.find('x');
+    return x != std::string::npos && parse_number(text.substr(0, x), &wish->width) &&
+           parse_number(text.substr(x + 1), &wish->height);
 }
 
 bool parse_format(const std::string &name, DeviceWish *wish)
@@ -116,13 +124,9 @@ bool describe_second(const std::string &text, PanelDevice *device)
     DeviceWish wish = {};
     if (!parse_wish(text.substr(0, format), text.substr(format + 1, stride - format - 1), &wish))
         return false;
-    if (stride != std::string::npos) {
-        guint64 bytes;
-        if (!g_ascii_string_to_unsigned(text.c_str() + stride + 1, 10, 1, UINT32_MAX, &bytes, nullptr)) {
-            complain("--layer2: %s is no stride", text.c_str() + stride + 1);
-            return false;
-        }
-        wish.stride = static_cast<uint32_t>(bytes);
+    if (stride != std::string::npos && !parse_number(text.substr(stride + 1), &wish.stride)) {
+        complain("--layer2: %s is no stride", text.c_str() + stride + 1);
+        return false;
     }
     return describe("--layer2", wish, "pfbpanel fb2", device);
 }

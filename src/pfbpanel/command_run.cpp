@@ -8,8 +8,7 @@
 #include "message.h"
 #include "options.h"
 
-namespace
-{
+namespace {
 
 const GOptionEntry ENTRIES[] = {
     {"name", 'n', 0, G_OPTION_ARG_STRING, &screen_options.name, "The panel of this name", "NAME"},

@@ -5,8 +5,7 @@
 #include "options.h"
 #include "picture.h"
 
-namespace
-{
+namespace {
 
 gboolean raw;
 

@@ -9,8 +9,7 @@
 #include "message.h"
 #include "options.h"
 
-namespace
-{
+namespace {
 
 constexpr double DEFAULT_SECONDS = 5;
 constexpr int DEFAULT_RATE = 200;

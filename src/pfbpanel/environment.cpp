@@ -8,8 +8,7 @@
 
 #include "message.h"
 
-namespace
-{
+namespace {
 
 const char *const LIBRARY = "libpfbpanel-preload.so";
 

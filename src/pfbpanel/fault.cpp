@@ -3,8 +3,7 @@
 
 #include <sstream>
 
-namespace
-{
+namespace {
 
 struct FaultWord {
     const char *word;

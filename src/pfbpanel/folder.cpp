@@ -14,22 +14,20 @@
 
 #include "message.h"
 
-namespace
-{
+namespace {
 
 const std::string PREFIX = "pfbpanel-";
 constexpr size_t NAME_LENGTH_MAX = 64;
 
-// The folders in which panels may stand, the preferred one first.
-std::vector<std::string> bases()
+// The folder in which the user's panels stand: the first of these that can be written to.
+std::string base()
 {
-    std::vector<std::string> found;
     const char *const wanted[] = {getenv("XDG_RUNTIME_DIR"), getenv("TMPDIR"), "/tmp"};
-    for (const char *base : wanted) {
-        if (base != nullptr && base[0] == '/' && std::find(found.begin(), found.end(), base) == found.end())
-            found.push_back(base);
+    for (const char *folder : wanted) {
+        if (folder != nullptr && folder[0] == '/' && access(folder, W_OK | X_OK) == 0)
+            return folder;
     }
-    return found;
+    return "/tmp";
 }
 
 std::string parent(const std::string &path)
@@ -103,15 +101,17 @@ bool remove_stale(const std::string &path)
     return stale;
 }
 
-std::vector<std::string> panels_in(const std::string &base)
+// Running or not.
+std::vector<std::string> panels()
 {
     std::vector<std::string> found;
-    DIR *directory = opendir(base.c_str());
+    const std::string folder = base();
+    DIR *directory = opendir(folder.c_str());
     if (directory == nullptr)
         return found;
     while (const dirent *entry = readdir(directory)) {
         if (strncmp(entry->d_name, PREFIX.c_str(), PREFIX.size()) == 0)
-            found.push_back(base + "/" + entry->d_name);
+            found.push_back(folder + "/" + entry->d_name);
     }
     closedir(directory);
     std::sort(found.begin(), found.end());
@@ -177,15 +177,8 @@ bool make_lock(PanelFolder *folder)
 
 bool make_hidden(PanelFolder *folder)
 {
-    for (const std::string &base : bases()) {
-        folder->path = base + "/.pfbpanel-XXXXXX";
-        if (mkdtemp(folder->path.data()) != nullptr) {
-            for (const std::string &panel : panels_in(base))
-                remove_stale(panel);
-            return true;
-        }
-    }
-    return false;
+    folder->path = base() + "/.pfbpanel-XXXXXX";
+    return mkdtemp(folder->path.data()) != nullptr;
 }
 
 bool rename_to(PanelFolder *folder, const std::string &path)
@@ -222,6 +215,8 @@ bool folder_name_is_valid(const std::string &name)
 bool folder_make(const std::string &name, const PanelState &state, const PanelFaults &faults, PanelFolder *folder)
 {
     *folder = {"", -1, nullptr};
+    for (const std::string &panel : panels())
+        remove_stale(panel);
     if (!make_hidden(folder)) {
         complain_errno(folder->path.c_str());
         return false;
@@ -258,11 +253,9 @@ bool folder_is_running(const std::string &path)
 std::vector<std::string> folder_list()
 {
     std::vector<std::string> running;
-    for (const std::string &base : bases()) {
-        for (const std::string &panel : panels_in(base)) {
-            if (folder_is_running(panel))
-                running.push_back(panel);
-        }
+    for (const std::string &panel : panels()) {
+        if (folder_is_running(panel))
+            running.push_back(panel);
     }
     return running;
 }

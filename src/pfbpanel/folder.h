@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Panel folders: where they are, how they come, are found and go.
 //
+// They stand in $XDG_RUNTIME_DIR, $TMPDIR or /tmp: the first that can be written to.
+//
 // A folder is made under a hidden name, filled, locked, and then renamed to "pfbpanel-NAME" (an unnamed panel's NAME
 // has a dot in it, which a given name cannot have). So a folder that can be found is complete, two panels cannot take
 // the same name, and a folder whose lock nobody holds belonged to a pfbpanel that was killed.

@@ -4,8 +4,7 @@
 #include <cstdio>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 // Little-endian pixels; bit fields are {offset, length, msb_right}.
 constexpr PanelFormat FORMATS[] = {

@@ -11,8 +11,7 @@
 
 #include "message.h"
 
-namespace
-{
+namespace {
 
 uint32_t load_pixel(const uint8_t *bytes, uint32_t count)
 {

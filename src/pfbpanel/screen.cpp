@@ -12,8 +12,7 @@
 #include "folder.h"
 #include "message.h"
 
-namespace
-{
+namespace {
 
 bool is_chosen(const ScreenChoice &choice)
 {

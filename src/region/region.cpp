@@ -114,6 +114,16 @@ int region_add_i(Region *region, const Region *other)
     return region_union(region, region, other);
 }
 
+int region_add_boxes(Region *region, const Box *boxes, int n)
+{
+    Region sum;
+    if (!pixman_region_init_rects(&sum, boxes, n))
+        return 0;
+    const int done = region_union(region, region, &sum);
+    region_uninit(&sum);
+    return done;
+}
+
 int region_intersect(Region *result, const Region *a, const Region *b)
 {
     return pixman_region_intersect(result, unchanged(a), unchanged(b));
@@ -134,9 +144,19 @@ int region_subtract(Region *result, const Region *minuend, const Region *subtrah
 
 void region_translate(Region *region, int32_t dx, int32_t dy)
 {
-    // Farther than the whole coordinate range everything is out, however far: the sums inside pixman stay defined.
+    // Farther than the whole coordinate range everything is out, however far: the sums stay defined.
     constexpr int32_t FAR = 2 * (SHRT_MAX + 1);
-    pixman_region_translate(region, std::clamp(dx, -FAR, FAR), std::clamp(dy, -FAR, FAR));
+    const int32_t x = std::clamp(dx, -FAR, FAR);
+    const int32_t y = std::clamp(dy, -FAR, FAR);
+    // What leaves the plane is cut off first: pixman keeps empty rectangles of it.
+    const Rect stays{SHRT_MIN - x, SHRT_MIN - y, SHRT_MAX - x, SHRT_MAX - y};
+    const Box &extents = region->extents;
+    if (extents.x1 < stays.x1 || extents.y1 < stays.y1 || extents.x2 > stays.x2 || extents.y2 > stays.y2)
+        region_intersect_rect(region, region, &stays);
+    if (region_is_empty(region))
+        region_make_empty(region);
+    else
+        pixman_region_translate(region, x, y);
 }
 
 void region_reset(Region *region, const Rect *rect)

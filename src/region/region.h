@@ -31,6 +31,8 @@ int region_union(Region *result, const Region *a, const Region *b);
 // An empty rectangle returns 0 and leaves `result` untouched.
 int region_union_rect(Region *result, const Region *src, const Rect *rect);
 int region_add_i(Region *region, const Region *other); // unites other into region
+// Unites n boxes into the region, in one go: they may overlap, be empty and be in any order.
+int region_add_boxes(Region *region, const Box *boxes, int n);
 int region_intersect(Region *result, const Region *a, const Region *b);
 int region_intersect_rect(Region *result, const Region *src, const Rect *rect);
 int region_subtract(Region *result, const Region *minuend, const Region *subtrahend);

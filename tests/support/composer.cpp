@@ -24,12 +24,24 @@ uint32_t widened_666(uint32_t p)
     return (p & 0x3F000) << 6 | (p & 0x00FC0) << 4 | (p & 0x0003F) << 2;
 }
 
+// pixman's rows start at whole words.
+Pixels aligned(const Pixels &pixels)
+{
+    Pixels copy = pixels_new(pixels.format, pixels.width, pixels.height, pixels.width % 2 * 2);
+    for (int y = 0; y < pixels.height; y++) {
+        for (int x = 0; x < pixels.width; x++)
+            copy.set(x, y, pixels.at(x, y));
+    }
+    return copy;
+}
+
 // pixman repeats a channel's upper bits below it when it widens one; here they are zero.
 Pixels widened(const Pixels &pixels)
 {
     Pixels wide = pixels_new(PixelFormat::XRGB, pixels.width, pixels.height);
     if (pixels.format == PixelFormat::RGB565) {
-        pixman_image_t *from = image_over(PIXMAN_r5g6b5, pixels);
+        const Pixels rows = aligned(pixels);
+        pixman_image_t *from = image_over(PIXMAN_r5g6b5, rows);
         pixman_image_t *to = image_over(PIXMAN_x8r8g8b8, wide);
         pixman_image_composite32(PIXMAN_OP_SRC, from, nullptr, to, 0, 0, 0, 0, 0, 0, pixels.width, pixels.height);
         pixman_image_unref(from);

@@ -44,8 +44,8 @@ void close_others()
     redirect(start.in_fd, STDIN_FILENO);
     redirect(start.out_fd, STDOUT_FILENO);
     redirect(start.err_fd, STDERR_FILENO);
-    if (start.close_out)
-        close(STDOUT_FILENO);
+    for (int stream : start.closed)
+        close(stream);
     close_others();
     for (const auto &[name, value] : start.environment)
         setenv(name.c_str(), value.c_str(), 1);
@@ -149,6 +149,12 @@ ProgramResult program_run(ProgramStart start)
 int shell_status(int status)
 {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string link_target(const std::string &path)
+{
+    std::error_code error;
+    return std::filesystem::read_symlink(path, error).string();
 }
 
 std::string file_text(const std::string &path)

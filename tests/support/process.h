@@ -22,11 +22,11 @@ std::string shared_memory_prefix();
 
 struct ProgramStart {
     std::vector<std::string> words; // the program's path and its arguments
-    std::vector<std::pair<std::string, std::string>> environment; // set in addition
+    std::vector<std::pair<std::string, std::string>> environment = {}; // set in addition
     int in_fd = -1;  // become its standard streams; -1: /dev/null. They stay the caller's.
     int out_fd = -1;
     int err_fd = -1;
-    bool close_out = false; // starts it without a standard output
+    std::vector<int> closed = {}; // standard streams that it starts without
 };
 
 // The program ends with a SIGTERM when this process goes first. -1 when it could not be forked.
@@ -45,6 +45,7 @@ ProgramResult program_run(ProgramStart start);
 // What a shell would call the status: the exit status, or 128 + the signal that ended it.
 int shell_status(int status);
 
+std::string link_target(const std::string &path); // "" for what is no link
 std::string file_text(const std::string &path);
 bool file_exists(const std::string &path);
 size_t count_of(const std::string &text, const std::string &part);

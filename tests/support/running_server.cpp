@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,7 +66,7 @@ ProgramStart panel_start(const std::string &folder, const ServerOptions &options
     start.words.insert(start.words.end(), {"--", program});
     start.words.insert(start.words.end(), options.server.begin(), options.server.end());
     start.environment = server_environment(folder);
-    start.close_out = options.close_out;
+    start.closed = options.closed;
     return start;
 }
 
@@ -80,18 +81,27 @@ RunningServer::RunningServer(const ServerOptions &options) : own_out_(options.ou
     if (own_err_)
         close(start.err_fd);
     setenv("MC_RUNTIME_DIR", folder().c_str(), 1);
-    wait_for_panel();
+    if (wait_for_panel() && wait_until([&] { return is_listening() || has_ended(); }) && is_listening())
+        return;
+    kill(pfbpanel_, SIGTERM);
+    program_wait(pfbpanel_);
+    throw std::runtime_error("the server does not start: " + err()); // ends the test
 }
 
-void RunningServer::wait_for_panel()
+// The panel's folder appears complete; the program's process id is entered as soon as it runs.
+bool RunningServer::wait_for_panel()
 {
-    const bool started = wait_until([&] {
+    wait_until([&] {
         panel_folder_ = find_panel_folder(folder());
-        return !panel_folder_.empty() || waitpid(pfbpanel_, nullptr, WNOHANG | WNOWAIT) != 0;
+        return !panel_folder_.empty() || has_ended();
     });
-    ASSERT_TRUE(started && !panel_folder_.empty()) << "no panel: " << err();
-    ASSERT_TRUE(panel_.open(panel_folder_)) << panel_folder_;
-    EXPECT_TRUE(wait_until([&] { return is_listening() && pid() > 0; })) << "the server does not listen: " << err();
+    return panel_.open(panel_folder_) && wait_until([&] { return pid() > 0 || has_ended(); });
+}
+
+bool RunningServer::has_ended() const
+{
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(pfbpanel_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
 }
 
 RunningServer::~RunningServer()
@@ -112,10 +122,14 @@ void RunningServer::expect_no_report() const
     }
 }
 
-// The socket is there from bind on, and answers from listen on.
+// The kernel's table of sockets has the flag SO_ACCEPTCON from listen on; a connection would disturb the server.
 bool RunningServer::is_listening() const
 {
-    return count_of(file_text("/proc/net/unix"), socket_path()) > 0 && file_exists(socket_path());
+    for (const std::string &line : lines_of(file_text("/proc/net/unix"))) {
+        if (count_of(line, " " + socket_path()) > 0 && count_of(line, " 00010000 ") > 0)
+            return true;
+    }
+    return false;
 }
 
 int RunningServer::stop(int signal_number)

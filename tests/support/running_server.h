@@ -16,12 +16,12 @@ struct ServerOptions {
     std::vector<std::string> server = {}; // the server's arguments
     int out_fd = -1;             // its streams; -1: collected in files
     int err_fd = -1;
-    bool close_out = false;
+    std::vector<int> closed = {}; // streams that it starts without
 };
 
 class RunningServer {
 public:
-    // Starts it and waits until it listens, and points this process's clients at it.
+    // Starts it and waits until it listens, and points this process's clients at it. Throws when it does not get there.
     explicit RunningServer(const ServerOptions &options = {});
     // Ends what still runs. A test failure: anything left behind, and a report of a sanitizer.
     ~RunningServer();
@@ -41,7 +41,8 @@ public:
     int stop(int signal_number);
 
 private:
-    void wait_for_panel();
+    bool wait_for_panel();
+    bool has_ended() const;
     void expect_no_report() const;
 
     TemporaryFolder folder_;

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -39,7 +40,8 @@ std::string unused_shared_memory_name()
 
 TestClient::TestClient(const std::string &name) : connection_(mc_connect("pfb", name.c_str()))
 {
-    EXPECT_NE(connection_, nullptr) << "cannot connect: " << strerror(errno);
+    if (connection_ == nullptr)
+        throw std::runtime_error(name + " cannot connect: " + strerror(errno)); // ends the test
 }
 
 TestClient::~TestClient()
@@ -198,7 +200,11 @@ ClientProcess::ClientProcess(const std::function<void(ClientSteps &)> &client)
             _exit(1);
         close(ends[0]);
         ClientSteps steps(ends[1]);
-        client(steps);
+        try {
+            client(steps);
+        } catch (const std::exception &error) {
+            ADD_FAILURE() << error.what();
+        }
         _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     EXPECT_GT(pid_, 0) << strerror(errno);

@@ -27,7 +27,7 @@ struct SurfaceRequest {
 
 class TestClient {
 public:
-    // Connects under a name. A test failure when that is not possible.
+    // Connects under a name. Throws when that is not possible.
     explicit TestClient(const std::string &name);
     ~TestClient();
     TestClient(const TestClient &) = delete;
@@ -35,7 +35,8 @@ public:
 
     void send(const char *word, std::initializer_list<int32_t> values = {});
     void send_text(const char *word, const std::string &text);
-    // Makes shared memory of `request`'s size, zeroed, and sends "create".
+    // Makes shared memory of `request`'s size, zeroed, and sends "create". What an earlier one made must be in the
+    // server's hands: its name goes.
     void create(const SurfaceRequest &request);
     // The same with the picture in it, as it is in `pixels`, at (x, y).
     void create(const Pixels &pixels, int x, int y, int level);

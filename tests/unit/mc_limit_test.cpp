@@ -69,6 +69,8 @@ TEST_F(McLimit, RefusesConnectionsBeyondTheLimit)
     EXPECT_EQ(factory->unreported, 1u); // a flood of refusals is not a flood of lines
     clients.erase(clients.begin());
     settle();
+    EXPECT_EQ(factory->n_connections, 2u);
+    EXPECT_EQ(factory->n_ungreeted, 0u);
     const Fd next = raw_client("svc", "next");
     settle();
     EXPECT_EQ(events.back(), "connect next");
@@ -167,7 +169,7 @@ TEST_F(McLimit, AcceptingTakesTurns)
     turn();
     EXPECT_EQ(factory->n_connections, static_cast<unsigned>(libmc::ACCEPTS_PER_TURN));
     turn();
-    EXPECT_EQ(factory->n_connections, 2u * libmc::ACCEPTS_PER_TURN);
+    EXPECT_EQ(factory->n_connections, static_cast<unsigned>(2 * libmc::ACCEPTS_PER_TURN));
 }
 
 } // namespace

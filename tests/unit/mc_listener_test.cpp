@@ -77,7 +77,7 @@ TEST_F(McListener, LeavesNothingBehind)
 
 TEST_F(McListener, TheModeDoesNotDependOnTheUmask)
 {
-    for (const mode_t mask : {0000, 0022, 0077, 0777}) {
+    for (const mode_t mask : {0000u, 0022u, 0077u, 0777u}) {
         const mode_t before = umask(mask);
         mc_factory *factory = open_noting("svc");
         umask(before);

@@ -31,6 +31,13 @@ protected:
 
 TEST_F(McServer, TellsNameAndCredentialsOfAForkedClient)
 {
+    static pid_t pid;
+    static uid_t uid;
+    factory->callback = [](mc_factory *owner, mc_connection *connection, void *data) {
+        pid = mc_connection_pid(connection);
+        uid = mc_connection_uid(connection);
+        note_connection(owner, connection, data);
+    };
     const pid_t child = in_child([] {
         mc_connection *connection = mc_connect("svc", "fb2.clock");
         mc_packet *request = mc_packet_new_command("add");
@@ -39,11 +46,10 @@ TEST_F(McServer, TellsNameAndCredentialsOfAForkedClient)
         int32_t sum = 0;
         return answer && mc_packet_parse_args(answer, "i", &sum) == 1 && sum == 42 ? 0 : 1;
     });
-    ASSERT_TRUE(turn_until([] { return !connections.empty(); }));
-    EXPECT_EQ(mc_connection_pid(connections[0]), child);
-    EXPECT_EQ(mc_connection_uid(connections[0]), getuid());
     EXPECT_EQ(reap_in_loop(child), 0);
-    ASSERT_TRUE(turn_until([] { return connections.empty(); }));
+    settle();
+    EXPECT_EQ(pid, child);
+    EXPECT_EQ(uid, getuid());
     EXPECT_THAT(events, ElementsAre("connect fb2.clock", "fb2.clock: add ii", "hup fb2.clock"));
     EXPECT_THAT(log_lines, IsEmpty());
 }
@@ -200,17 +206,17 @@ TEST_F(McServer, AFloodStarvesNeitherAnotherClientNorIdleWork)
     const Fd meek = raw_client("svc", "meek");
     settle();
     events.clear();
-    static unsigned idle_runs;
+    static size_t idle_runs;
     idle_runs = 0;
     const guint idle = g_idle_add([](gpointer) -> gboolean { return idle_runs++, G_SOURCE_CONTINUE; }, nullptr);
     for (int i = 0; i < 5 * libmc::PACKETS_PER_TURN; i++)
         ASSERT_TRUE(raw_send(flood, header(1, "w", "")));
     ASSERT_TRUE(raw_send(meek, header(1, "w", "")));
-    for (unsigned round = 1; round <= 5; round++) {
+    for (size_t round = 1; round <= 5; round++) {
         ASSERT_TRUE(turn());
         EXPECT_EQ(idle_runs, round);
         EXPECT_THAT(events, Contains("meek: w ").Times(1));
-        EXPECT_THAT(events, Contains("flood: w ").Times(static_cast<int>(round) * libmc::PACKETS_PER_TURN));
+        EXPECT_THAT(events, Contains("flood: w ").Times(round * size_t{libmc::PACKETS_PER_TURN}));
     }
     g_source_remove(idle);
 }

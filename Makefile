@@ -1,0 +1,61 @@
+# SPDX-License-Identifier: MIT
+# The front door: each target installs what it needs (Debian), builds and runs. All building is Meson's, in build/NAME.
+MAKEFLAGS += --no-print-directory
+.DEFAULT_GOAL := help
+
+prefix ?= /usr/local
+FORMAT ?= xrgb8888
+export PICTURE FORMAT
+
+.PHONY: help build demo panel test test-compilers check sanitize install clean
+
+help:
+	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
+	@echo '                     (PICTURE=FILE: your own picture, FORMAT=rgb565: a 16-bit panel)'
+	@echo 'make panel           the same, kept running; refreshes build/panel.png until Ctrl-C'
+	@echo 'make build           the release build, in build/release'
+	@echo 'make test            debug, sanitized and release builds with gcc, and all tests in each'
+	@echo 'make test-compilers  the same with clang'
+	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
+	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
+	@echo 'make install         the release build to $(prefix) (prefix=/usr, DESTDIR=FOLDER)'
+	@echo 'make clean           removes build/'
+
+build:
+	@scripts/deps build
+	@scripts/build release
+
+demo:
+	@scripts/deps build demo
+	@scripts/build release
+	@scripts/demo
+
+panel:
+	@scripts/deps build demo
+	@scripts/build release
+	@scripts/demo --keep
+
+test:
+	@scripts/deps build demo
+	@scripts/test debug sanitized release
+
+test-compilers:
+	@scripts/deps build demo clang
+	@scripts/test clang-debug clang-sanitized clang-release
+
+sanitize:
+	@scripts/deps build demo
+	@scripts/test sanitized
+
+check:
+	@scripts/deps build check
+	@scripts/check
+
+# Built as whoever owns the tree, installed as root: "make build && sudo make install" leaves no root-owned files there.
+install:
+	@scripts/deps build
+	@scripts/build release -Dprefix=$(prefix)
+	@meson install -C build/release --no-rebuild --quiet $(if $(DESTDIR),--destdir "$(abspath $(DESTDIR))")
+
+clean:
+	rm -rf build

@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: MIT
+// The connection: opening and closing it, and sending requests without ever waiting longer than the caller allows.
+#include "client.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <sys/mman.h>
+
+using namespace libpfb;
+
+namespace {
+
+constexpr char SERVICE[] = "pfb";
+constexpr int DEFAULT_TIMEOUT_MS = 5000;
+constexpr int64_t FOR_EVER = -1;
+
+int64_t now_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+int left(int64_t deadline)
+{
+    if (deadline == FOR_EVER)
+        return -1;
+    const int64_t ms = deadline - now_ms();
+    return static_cast<int>(ms < 0 ? 0 : ms);
+}
+
+const char *server_folder()
+{
+    for (const char *variable : {"MC_RUNTIME_DIR", "XDG_RUNTIME_DIR"}) {
+        const char *folder = getenv(variable);
+        if (folder != nullptr && *folder != '\0')
+            return folder;
+    }
+    return "/run/mc";
+}
+
+// One that belongs to some output.
+bool is_name(const char *name)
+{
+    return name[strspn(name, ".")] != '\0' && strlen(name) <= MC_NAME_MAX;
+}
+
+int fail_connect()
+{
+    const int error = errno;
+    if (error == ENOENT || error == ECONNREFUSED)
+        return fail(PFB_ERROR_NO_SERVER, "pfb_connect", "no server listens at %s/%s.mc: is fbserver running?",
+                    server_folder(), SERVICE);
+    if (error == EACCES)
+        return fail(PFB_ERROR_ACCESS, "pfb_connect", "no permission to connect to %s/%s.mc", server_folder(), SERVICE);
+    return fail_errno("pfb_connect", "connecting");
+}
+
+mc_packet *packet_of(const Request &request)
+{
+    mc_packet *packet = mc_packet_new_command(request.word);
+    if (packet == nullptr)
+        return nullptr;
+    bool built = true;
+    for (int32_t value : request.values)
+        built = built && mc_packet_build_args(packet, "i", value) == 1;
+    if (request.text != nullptr)
+        built = built && mc_packet_build_args(packet, "s", request.text) == 1;
+    if (built)
+        return packet;
+    mc_packet_free(packet);
+    errno = EMSGSIZE;
+    return nullptr;
+}
+
+// A server that lost its only client in the midst of "block until unlock" would stop: what is missing is made up for.
+void end_block(pfb_client *client)
+{
+    if (!client->blocked || client->lost)
+        return;
+    if (client->locks == 0 && send(client, {"pfb_disconnect", "lock_area", {0, 0, 0, 0}}) != PFB_OK)
+        return;
+    send(client, {"pfb_disconnect", "unlock"});
+}
+
+} // namespace
+
+namespace libpfb {
+
+int64_t deadline_of(const pfb_client *client)
+{
+    return client->timeout_ms < 0 ? FOR_EVER : now_ms() + client->timeout_ms;
+}
+
+int check_client(const pfb_client *client, const char *function)
+{
+    if (client == nullptr)
+        return fail(PFB_ERROR_ARGUMENT, function, "the client is NULL");
+    if (client->lost)
+        return fail(PFB_ERROR_STATE, function, "the server did not answer pfb_create: disconnect");
+    return PFB_OK;
+}
+
+int check_surface(const pfb_client *client, const char *function)
+{
+    const int checked = check_client(client, function);
+    if (checked == PFB_OK && client->pixels == nullptr)
+        return fail(PFB_ERROR_STATE, function, "%s has no surface", client->name);
+    return checked;
+}
+
+int wait_for_room(pfb_client *client, const char *function, int64_t deadline)
+{
+    pollfd entry = {mc_fd(client->connection), POLLOUT, 0};
+    for (;;) {
+        const int n = poll(&entry, 1, left(deadline));
+        if (n > 0)
+            return PFB_OK;
+        if (n == 0)
+            return fail(PFB_ERROR_TIMEOUT, function, "the server does not take requests");
+        if (errno != EINTR)
+            return fail_errno(function, "poll");
+    }
+}
+
+int send_now(pfb_client *client, const Request &request)
+{
+    mc_packet *packet = packet_of(request);
+    const int sent = packet != nullptr ? mc_send(client->connection, packet) : -1;
+    const int result = sent == 0 ? int{PFB_OK} : fail_errno(request.function, "sending");
+    mc_packet_free(packet);
+    return result;
+}
+
+int send(pfb_client *client, const Request &request)
+{
+    const int ready = wait_for_room(client, request.function, deadline_of(client));
+    return ready == PFB_OK ? send_now(client, request) : ready;
+}
+
+int call(pfb_client *client, const Request &request, int64_t deadline, mc_packet **answer)
+{
+    mc_packet *packet = packet_of(request);
+    *answer = packet != nullptr ? mc_call(client->connection, packet, left(deadline)) : nullptr;
+    const int result = *answer != nullptr ? int{PFB_OK} : fail_errno(request.function, "asking the server");
+    mc_packet_free(packet);
+    return result;
+}
+
+} // namespace libpfb
+
+pfb_client *pfb_connect(const char *name)
+{
+    if (name == nullptr || !is_name(name)) {
+        fail(PFB_ERROR_ARGUMENT, "pfb_connect", "a name has 1 to %d bytes, not only dots", MC_NAME_MAX);
+        return nullptr;
+    }
+    auto *client = static_cast<pfb_client *>(calloc(1, sizeof(pfb_client)));
+    if (client == nullptr) {
+        fail_errno("pfb_connect", "connecting");
+        return nullptr;
+    }
+    client->connection = mc_connect(SERVICE, name);
+    if (client->connection == nullptr) {
+        fail_connect();
+        free(client);
+        return nullptr;
+    }
+    client->timeout_ms = DEFAULT_TIMEOUT_MS;
+    strcpy(client->name, name); // is_name has measured it
+    return client;
+}
+
+void pfb_disconnect(pfb_client *client)
+{
+    if (client == nullptr)
+        return;
+    end_block(client);
+    mc_close(client->connection);
+    if (client->pixels != nullptr)
+        munmap(client->pixels, static_cast<size_t>(client->stride) * static_cast<size_t>(client->height));
+    free(client);
+}
+
+int pfb_fd(const pfb_client *client)
+{
+    return client != nullptr ? mc_fd(client->connection) : -1;
+}
+
+int pfb_set_timeout(pfb_client *client, int milliseconds)
+{
+    if (client == nullptr || milliseconds < -1)
+        return fail(PFB_ERROR_ARGUMENT, __func__, "%d milliseconds", milliseconds);
+    client->timeout_ms = milliseconds;
+    return PFB_OK;
+}

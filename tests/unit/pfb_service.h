@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: MIT
+// A service in the place of the server, in a thread of its own: it notes what it is sent and answers as it is told.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <glib.h>
+#include <mutex>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "mc.h"
+
+class PfbService {
+public:
+    PfbService();
+    ~PfbService(); // a test failure when something is left in its folder
+    PfbService(const PfbService &) = delete;
+    PfbService &operator=(const PfbService &) = delete;
+
+    // Waits until `n` requests have come in since the last call, and returns them: "WORD SIGNATURE ARGUMENT...", the
+    // name of shared memory as NAME. Fewer after a generous while.
+    std::vector<std::string> take(size_t n);
+    // Waits until a client's hang-up has been handled (a request that comes later does not come from it).
+    void wait_for_hangup();
+
+    void answer(bool answers) { answers_ = answers; }
+    // Between these it handles nothing.
+    void stall() { stall_.lock(); }
+    void go_on() { stall_.unlock(); }
+    // Drops its clients and stops listening.
+    void close();
+
+    std::string socket_path() const { return folder_ + "/pfb.mc"; }
+    // What the last "create" came with: the client's name, its memory's name, state and first four bytes.
+    std::string client_name, memory_name;
+    struct stat memory = {};
+    uint32_t first_word = 0;
+
+private:
+    static void on_connection(mc_factory *factory, mc_connection *connection, void *user_data);
+    static mc_packet *on_request(mc_connection *connection, mc_packet *request);
+    static int on_hangup(mc_connection *connection);
+    void run();
+    void open_memory(const char *name);
+
+    std::string folder_;
+    std::atomic<bool> answers_ = true;
+    std::mutex stall_;
+    std::mutex mutex_; // of what follows
+    std::condition_variable changed_;
+    std::vector<std::string> requests_;
+    bool listening_ = false;
+    int hangups_ = 0;
+    GMainLoop *loop_;
+    std::thread thread_;
+};
