@@ -7,7 +7,7 @@ prefix ?= /usr/local
 FORMAT ?= xrgb8888
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-compilers check sanitize install clean
+.PHONY: help build demo panel test test-compilers check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -18,6 +18,7 @@ help:
 	@echo 'make test-compilers  the same with clang'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
+	@echo 'make format          formats the sources'
 	@echo 'make install         installs to $(prefix) (prefix=/usr, DESTDIR=FOLDER)'
 	@echo 'make clean           removes build/'
 
@@ -50,6 +51,11 @@ sanitize:
 check:
 	@scripts/deps build test check
 	@scripts/check
+
+format:
+	@scripts/deps check
+	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'examples/*.c' 'examples/*.h' | \
+		xargs clang-format -i
 
 # Built as whoever owns the tree, installed as root: "make build && sudo make install" leaves no root-owned files there.
 install:
