@@ -252,6 +252,30 @@ TEST(End, SignalsUnderLoad)
     }
 }
 
+// Clients that never pause keep the main loop's descriptors ready for ever; the signal must get in all the same.
+TEST(End, WhileClientsFlood)
+{
+    for (int signal_number : {SIGTERM, SIGINT}) {
+        RunningServer server;
+        const auto flood = [](ClientSteps &steps) {
+            TestClient client("fb.flood");
+            client.create(pixels_random(PixelFormat::ARGB, 100, 80, 1), 0, 0, 0);
+            client.send("show");
+            client.native_depth();
+            steps.reached();
+            for (;;)
+                client.send("dirty", {0, 0, 100, 80});
+        };
+        ClientProcess one(flood), two(flood), three(flood);
+        for (ClientProcess *process : {&one, &two, &three}) {
+            process->wait();
+            process->go();
+        }
+        EXPECT_EQ(server.stop(signal_number), 0);
+        EXPECT_TRUE(server.panel().is_black());
+    }
+}
+
 // ---- a service is one server's ----
 
 namespace {

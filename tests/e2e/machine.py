@@ -1,0 +1,108 @@
+# SPDX-License-Identifier: MIT
+"""A machine as a board has it: BusyBox, the installed server with its start-up script, and clients."""
+import os
+import subprocess
+import time
+
+import pictures
+from guest import WAIT_SECONDS, Guest
+from initramfs import Initramfs
+
+RESPAWNED = '::respawn:/etc/init.d/fbserver run >> /var/log/fbserver.log 2>&1\n'
+
+
+class Build:
+    """Where the parts are that a machine is put together from."""
+
+    def __init__(self, folder, source):
+        self.folder = folder
+        self.root = os.path.join(folder, 'root')      # what was installed
+        self.kernel = os.path.join(folder, 'kernel')
+        self.programs = os.path.join(folder, 'tree', 'tests', 'e2e')
+        self.source = source
+        self.expected = os.path.join(self.programs, 'e2e-expected')
+
+
+def root_file_system(build, modules, scenes, respawn):
+    root = Initramfs()
+    for folder in ('/proc', '/sys', '/dev', '/run', '/tmp', '/var/log', '/etc/default'):
+        root.folder(folder)
+    root.copy('/bin/busybox', '/bin/busybox', 0o755)
+    for applet in subprocess.check_output(['/bin/busybox', '--list'], text=True).split():
+        if applet != 'busybox':
+            root.link('/bin/' + applet, 'busybox')
+    root.link('/init', 'bin/busybox')
+    root.link('/sbin', 'bin')
+    for name in ('rcS', 'agent'):
+        root.copy(os.path.join(build.source, 'root', name), '/etc/init.d/' + name, 0o755)
+    with open(os.path.join(build.source, 'root', 'inittab')) as file:
+        root.file('/etc/inittab', (file.read() + (RESPAWNED if respawn else '')).encode())
+    root.file('/etc/modules', ' '.join(modules).encode())
+    for module in [*modules, 'pfb_layers']:
+        root.copy(os.path.join(build.kernel, module + '.ko'), f'/lib/modules/{module}.ko')
+    root.program(os.path.join(build.root, 'usr/bin/fbserver'), '/usr/bin/fbserver')
+    root.copy(os.path.join(build.root, 'usr/share/pfb/fbserver.init'), '/etc/init.d/fbserver', 0o755)
+    root.program(os.path.join(build.programs, 'e2e-client'), '/bin/client')
+    root.program(os.path.join(build.programs, 'e2e-device'), '/bin/device')
+    for scene in scenes:
+        for there, here in scene.pixels():
+            root.copy(here, there)
+    return root
+
+
+class Machine(Guest):
+    def __init__(self, build, name, modules, scenes, vga, words='', boot_image=False, respawn=True):
+        folder = os.path.join(build.folder, 'machines', name)
+        os.makedirs(folder, exist_ok=True)
+        for scene in scenes:
+            scene.compose(build.expected, os.path.join(folder, scene.name))
+        archive = os.path.join(folder, 'root.cpio')
+        root_file_system(build, modules, scenes, respawn).write(archive)
+        kernel = os.path.join(build.kernel, 'vmlinuz' if boot_image else 'vmlinux')
+        super().__init__(folder, kernel, words, archive, vga)
+        self.clients = {}
+
+    def wait_for_server(self):
+        """Its process id, once it listens. (The socket is there when it binds it; clients try again by themselves.)"""
+        return int(self.wait_for('pidof fbserver && test -S /run/mc/pfb.mc').split()[0])
+
+    def wait_for_new_server(self, old):
+        return int(self.wait_for(f'p=$(pidof fbserver) && test "$p" != {old} && test -S /run/mc/pfb.mc && echo $p'))
+
+    def start(self, scene, surface):
+        command = scene.client(surface)
+        self.clients[surface.name] = int(self.run(f'{command} > /var/log/{surface.name} & echo $!'))
+
+    def show(self, scene):
+        for surface in scene.surfaces:
+            self.start(scene, surface)
+
+    def signal(self, name, *clients):
+        self.run(f'kill -{name} ' + ' '.join(str(self.clients[client]) for client in clients or self.clients))
+
+    def end_clients(self):
+        if self.clients:
+            self.signal('KILL')
+        self.clients = {}
+
+    def settings(self, arguments):
+        self.run(f"echo 'FBSERVER_ARGS=\"{arguments}\"' > /etc/default/fbserver")
+
+    def wait_for_picture(self, look, expected, depth):
+        """What `look` returns, as soon as it is the expected picture, or after a long time."""
+        end = time.monotonic() + WAIT_SECONDS
+        while True:
+            actual = look()
+            if actual.masked(depth) == expected.masked(depth) or time.monotonic() > end:
+                return actual
+            time.sleep(0.05)
+
+    def screen_after_damage(self, client):
+        self.signal('USR1', client)
+        return self.screen()
+
+    def framebuffer(self, device):
+        """(picture, memory, stride) of a device that the emulator's screen does not show."""
+        width, height, depth, stride, _ = map(int, self.run(f'device info {device}').split())
+        memory = self.memory(device)
+        return pictures.from_memory(memory, width, height, depth, stride), memory, stride
