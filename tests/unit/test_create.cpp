@@ -82,7 +82,7 @@ TEST_F(CreateCommand, AWidthOrHeightBelowOneIsRefusedAndNothingIsOpened)
 {
     SharedObject object(400);
     for (const auto &[w, h] : {std::pair{0, 50}, {50, 0}, {-1, 50}, {50, INT_MIN}, {0, 0}}) {
-        const std::string text = printed([&] {
+        const std::string text = printed([&, w = w, h = h] {
             EXPECT_EQ(create(client, {.place = {0, 0, w, h}}, object.name.c_str()), std::nullopt);
         });
         EXPECT_EQ(text, "Invalid pfb width/height (" + std::to_string(w) + "/" + std::to_string(h) + ")\n");

@@ -159,8 +159,8 @@ TEST_F(Fb2, ReleasingSwitchesTheLayerOffAndKeepsTheDriversOtherWords)
 
 TEST_F(Fb2, AFailedRequestIsReportedAndThereIsNoScreen)
 {
-    for (const unsigned long request : {FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO}) {
-        device.failing_request = request;
+    for (const int request : {FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO}) {
+        device.failing_request = static_cast<unsigned long>(request);
         EXPECT_THAT(complained([&] { EXPECT_EQ(open_screen(), nullptr); }), HasSubstr("Input/output error\n"));
     }
 }

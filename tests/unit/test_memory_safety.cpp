@@ -18,7 +18,7 @@ protected:
     ImageSurface *add_over(size_t bytes, const char *name, Place place, int32_t stride, int32_t format,
                            int32_t rotation = 0)
     {
-        memories.push_back(std::make_unique<GuardedBuffer>(bytes, GuardedBuffer::AT_END));
+        memories.push_back(std::make_unique<GuardedBuffer>(bytes, GuardedBuffer::AT_END, pixel_gap(bytes)));
         uint8_t *pixels = memories.back()->data();
         for (size_t i = 0; i < bytes; i++)
             pixels[i] = 0x11;
@@ -291,7 +291,7 @@ void random_request(FbServer *server, ImageSurface *surface, random_cases::Rando
     case 6:
         return fs_set_opaque_surface(server, surface, r.x1, r.y1, r.x2, r.y2);
     case 7:
-        return fs_set_color_plane(server, surface, random_cases::between(random, 0, 1) == 0 ? -1 : to.x1 * 70000);
+        return fs_set_color_plane(server, surface, random_cases::between(random, 0, 1) == 0 ? -1 : to.x1 * 30000);
     case 8:
     case 9:
         return fs_set_scale(server, surface, r.x1, r.y1, r.x2, r.y2, to.x1, to.y1, to.x2, to.y2);

@@ -181,7 +181,7 @@ TEST_F(Scale, SizesBelowOneAndBeyondMemoryAreRefusedWithOneLine)
                                    // Wider than the image as well: the size is told, not the width.
                                    {{0, 0, 500, 0}, {0, 0, 60, 60}}}) {
         forget_damage();
-        const std::string text = printed([&] { scale(from, to); });
+        const std::string text = printed([&, from = from, to = to] { scale(from, to); });
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
         EXPECT_THAT(text, testing::Not(StartsWith("******WARNING")));
         EXPECT_EQ(surface->scale_state, nullptr);
