@@ -111,6 +111,28 @@ TEST(PictureLeftovers, WhatNobodyCoversStays)
     EXPECT_EQ(server.stop(SIGTERM), 0);
 }
 
+// Surfaces of 16 bits went straight to the panel. Their places wait as damage once they are hidden, and what the
+// server keeps of them for composing must not come to light with the next picture.
+TEST(PictureLeftovers, WhatADirectSurfaceLeftStaysToo)
+{
+    RunningServer server;
+    TestClient left("fb.left"), right("fb.right");
+    const Pixels left_pixels = pixels_random(PixelFormat::RGB565, 50, 50, 1);
+    const Pixels right_pixels = pixels_random(PixelFormat::RGB565, 50, 50, 2);
+    left.create(left_pixels, 0, 0, 0);
+    right.create(right_pixels, 60, 0, 0);
+    show_together({&left, &right});
+    left.send("hide");
+    left.settle();
+    right.send("dirty", {0, 0, 50, 50});
+    right.settle();
+    PictureComposer composer(WIDTH, HEIGHT);
+    composer.draw(left_pixels, 0, 0);
+    composer.draw(right_pixels, 60, 0);
+    EXPECT_EQ(panel_shows(server.panel(), composer.picture(32)), "");
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+}
+
 TEST(PictureLeftovers, TheLastSurfaceOfAnOutputLeavesItBlack)
 {
     RunningServer server;
