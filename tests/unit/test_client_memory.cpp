@@ -207,7 +207,8 @@ TEST(ClientMemory, ForeignMemoryIsLeftAlone)
 {
     in_fork([] {
         client_memory_retire(nullptr);
-        char *own = static_cast<char *>(mmap(nullptr, PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        char *own =
+            static_cast<char *>(mmap(nullptr, PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         client_memory_retire(own);
         EXPECT_TRUE(is_accessible(own));
         char *pixels = map_client(2, 'a');
