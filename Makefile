@@ -7,7 +7,7 @@ prefix ?= /usr/local
 FORMAT ?= xrgb8888
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-compilers check format sanitize install clean
+.PHONY: help build demo panel test test-clang test-compilers check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -15,7 +15,8 @@ help:
 	@echo 'make panel           the same, kept running; refreshes build/panel.png until Ctrl-C'
 	@echo 'make build           everything that is installed, in build/product'
 	@echo 'make test            debug, sanitized and release builds with gcc, and all tests in each'
-	@echo 'make test-compilers  the same with clang'
+	@echo 'make test-clang      all builds with clang, and the tests in one of them'
+	@echo 'make test-compilers  all builds with clang, and all tests in each'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
 	@echo 'make format          formats the sources'
@@ -39,6 +40,12 @@ panel:
 test:
 	@scripts/deps build demo test
 	@scripts/test debug sanitized release
+
+test-clang:
+	@scripts/deps build demo clang test
+	@scripts/build clang-sanitized -Dtests=false
+	@scripts/build clang-release -Dtests=false
+	@scripts/test clang-debug
 
 test-compilers:
 	@scripts/deps build demo test clang
