@@ -13,49 +13,49 @@ help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
 	@echo '                     (PICTURE=FILE: your own picture, FORMAT=rgb565: a 16-bit panel)'
 	@echo 'make panel           the same, kept running; refreshes build/panel.png until Ctrl-C'
-	@echo 'make build           the release build, in build/release'
+	@echo 'make build           everything that is installed, in build/product'
 	@echo 'make test            debug, sanitized and release builds with gcc, and all tests in each'
 	@echo 'make test-compilers  the same with clang'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
-	@echo 'make install         the release build to $(prefix) (prefix=/usr, DESTDIR=FOLDER)'
+	@echo 'make install         installs to $(prefix) (prefix=/usr, DESTDIR=FOLDER)'
 	@echo 'make clean           removes build/'
 
 build:
 	@scripts/deps build
-	@scripts/build release
+	@scripts/build product
 
 demo:
 	@scripts/deps build demo
-	@scripts/build release
+	@scripts/build product
 	@scripts/demo
 
 panel:
 	@scripts/deps build demo
-	@scripts/build release
+	@scripts/build product
 	@scripts/demo --keep
 
 test:
-	@scripts/deps build demo
+	@scripts/deps build demo test
 	@scripts/test debug sanitized release
 
 test-compilers:
-	@scripts/deps build demo clang
+	@scripts/deps build demo test clang
 	@scripts/test clang-debug clang-sanitized clang-release
 
 sanitize:
-	@scripts/deps build demo
+	@scripts/deps build demo test
 	@scripts/test sanitized
 
 check:
-	@scripts/deps build check
+	@scripts/deps build test check
 	@scripts/check
 
 # Built as whoever owns the tree, installed as root: "make build && sudo make install" leaves no root-owned files there.
 install:
 	@scripts/deps build
-	@scripts/build release -Dprefix=$(prefix)
-	@meson install -C build/release --no-rebuild --quiet $(if $(DESTDIR),--destdir "$(abspath $(DESTDIR))")
+	@scripts/build product -Dprefix=$(prefix)
+	@meson install -C build/product --no-rebuild --quiet $(if $(DESTDIR),--destdir "$(abspath $(DESTDIR))")
 
 clean:
 	rm -rf build

@@ -160,8 +160,8 @@ PFB_PUBLIC int pfb_set_opaque_area(pfb_client *client, int32_t x, int32_t y, int
 
 /*
  * Shows a colour in place of the pixels: PFB_PLANE_COLOR(0xRRGGBB) fills the surface, PFB_PLANE_VEIL(n) dims what lies
- * below it to n/256 of its brightness, n from 0 to 254 (on 32-bit screens; nothing happens on others), PFB_PLANE_NONE
- * ends either. Any other value shows nothing at all, and is refused: ARGUMENT.
+ * below it to n/256 of its brightness, n from 0 to 254 (on 32-bit screens; nothing happens on 16-bit ones, and 18-bit
+ * ones show noise), PFB_PLANE_NONE ends either. Any other value shows nothing at all, and is refused: ARGUMENT.
  * It counts from the next time that the surface is drawn: set it before pfb_show. A surface that is drawn while none
  * below it is (or that is alone) shows its pixels all the same; and pfb_dirty is ignored meanwhile: what changes a veil
  * is a change below it.

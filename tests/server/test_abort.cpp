@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <regex>
 
 #include "../support/running_server.h"
 #include "../support/test_client.h"
@@ -14,7 +13,7 @@ namespace {
 
 struct Death {
     const char *before; // a line before the assertion, "" for none
-    const char *file;   // where it stands, as a pattern
+    const char *file;   // where it stands: a path, or the folder of one
     const char *function;
     const char *expression;
 };
@@ -28,20 +27,20 @@ const Pixels SOME_PIXELS = pixels_photograph(PixelFormat::XRGB, 40, 30, 1);
 void expect_death(RunningServer &server, const Death &death)
 {
     EXPECT_EQ(server.stop(0), 128 + SIGABRT);
-    const std::string err = server.err();
-    const std::vector<std::string> lines = lines_of(err);
+    std::vector<std::string> lines = lines_of(server.err());
     ASSERT_FALSE(lines.empty());
-    const std::regex assertion("fbserver: (" + std::string(death.file) + "):[0-9]+: ([a-z0-9_]+): Assertion `(.*)' failed\\.");
-    std::smatch match;
-    ASSERT_TRUE(std::regex_match(lines.back(), match, assertion)) << err;
-    EXPECT_EQ(match[2], death.function);
-    EXPECT_EQ(match[3], death.expression);
-    if (*death.before != '\0') {
-        ASSERT_EQ(lines.size(), 2u) << err;
-        EXPECT_EQ(lines[0], death.before);
-    } else {
-        EXPECT_EQ(lines.size(), 1u) << err;
-    }
+    const std::string last = lines.back();
+    lines.pop_back();
+    const std::string start = std::string("fbserver: ") + death.file;
+    EXPECT_EQ(last.substr(0, start.size()), start);
+    const std::string end = std::string(": ") + death.function + ": Assertion `" + death.expression + "' failed.";
+    ASSERT_GE(last.size(), start.size() + end.size()) << last;
+    EXPECT_EQ(last.substr(last.size() - end.size()), end);
+    const std::string line = last.substr(0, last.size() - end.size());
+    EXPECT_LT(line.find_last_not_of("0123456789"), line.size() - 1) << "no line number: " << last;
+    const std::vector<std::string> expected =
+        *death.before != '\0' ? std::vector<std::string>{death.before} : std::vector<std::string>{};
+    EXPECT_EQ(lines, expected);
 }
 
 void expect_death_by(const std::function<void(TestClient &)> &client, const Death &death,
@@ -82,19 +81,19 @@ TEST(Abort, CreateWithAMissingObject)
             mc_packet_free(packet);
             mc_close(connection);
         },
-        {message("shm_open", ENOENT).c_str(), "src/fbserver/[a-z_]+\\.cpp", "create", "0"});
+        {message("shm_open", ENOENT).c_str(), "src/fbserver/", "create", "0"});
 }
 
 TEST(Abort, CreateThatCannotBeMapped)
 {
     expect_death_by([](TestClient &client) { client.create({.width = 10, .height = 10, .stride = -40}); },
-                    {message("mmap", ENOMEM).c_str(), "src/fbserver/[a-z_]+\\.cpp", "create", "0"});
+                    {message("mmap", ENOMEM).c_str(), "src/fbserver/", "create", "0"});
     // 65536 x 65536 wraps to no byte at all
     expect_death_by(
         [](TestClient &client) {
             client.create({.width = 10, .height = 65536, .stride = 65536, .bytes = 4096});
         },
-        {message("mmap", EINVAL).c_str(), "src/fbserver/[a-z_]+\\.cpp", "create", "0"});
+        {message("mmap", EINVAL).c_str(), "src/fbserver/", "create", "0"});
 }
 
 TEST(Abort, ResizeToNothing)
@@ -104,13 +103,13 @@ TEST(Abort, ResizeToNothing)
             create(client);
             client.send("resize", {0, 10});
         },
-        {"", "src/composite/geometry\\.cpp", "fs_resize_surface", "w > 0"});
+        {"", "src/composite/geometry.cpp:", "fs_resize_surface", "w > 0"});
     expect_death_by(
         [](TestClient &client) {
             create(client);
             client.send("resize", {10, -1});
         },
-        {"", "src/composite/geometry\\.cpp", "fs_resize_surface", "h > 0"});
+        {"", "src/composite/geometry.cpp:", "fs_resize_surface", "h > 0"});
 }
 
 TEST(Abort, UnlockWithoutALock)
@@ -120,7 +119,7 @@ TEST(Abort, UnlockWithoutALock)
             create(client);
             client.send("unlock");
         },
-        {"", "src/composite/damage\\.cpp", "fs_set_unlock", "surface->lock_counter >= 0"});
+        {"", "src/composite/damage.cpp:", "fs_set_unlock", "surface->lock_counter >= 0"});
 }
 
 TEST(Abort, BlockAndUnlockWithoutALockBetween)
@@ -131,7 +130,7 @@ TEST(Abort, BlockAndUnlockWithoutALockBetween)
             client.send("block_until_unlock");
             client.send("unlock");
         },
-        {"", "src/composite/damage\\.cpp", "fs_set_unlock", "surface->lock_counter >= 0"});
+        {"", "src/composite/damage.cpp:", "fs_set_unlock", "surface->lock_counter >= 0"});
 }
 
 TEST(Abort, HangUpWhileABlockIsOutstanding)
@@ -143,7 +142,7 @@ TEST(Abort, HangUpWhileABlockIsOutstanding)
             client.native_depth();
             client.hang_up();
         },
-        {"", "src/composite/damage\\.cpp", "fs_set_unlock", "surface->lock_counter >= 0"});
+        {"", "src/composite/damage.cpp:", "fs_set_unlock", "surface->lock_counter >= 0"});
 }
 
 TEST(Abort, ARectangleThatWraps)
@@ -153,7 +152,7 @@ TEST(Abort, ARectangleThatWraps)
             create(client);
             client.send("move", {INT32_MAX - 10, 0});
         },
-        {"", "src/composite/geometry\\.cpp", "fs_crop_area", "rect->x2 >= rect->x1"});
+        {"", "src/composite/geometry.cpp:", "fs_crop_area", "rect->x2 >= rect->x1"});
 }
 
 TEST(Abort, RotationOf45Degrees)
@@ -161,7 +160,7 @@ TEST(Abort, RotationOf45Degrees)
     RunningServer server;
     TestClient culprit("fb.culprit");
     culprit.create({.width = 40, .height = 30, .rotation = 45});
-    expect_death(server, {"", "src/composite/rotation\\.cpp", "fs_rotate_display", "0"});
+    expect_death(server, {"", "src/composite/rotation.cpp:", "fs_rotate_display", "0"});
     EXPECT_EQ(lines_of(server.out()).back(), "rot is not valid = 45") << "what it printed before is not lost";
 }
 
@@ -173,27 +172,27 @@ TEST(Abort, RotationOf180DegreesOn16Bits)
             client.create({.width = 40, .height = 30, .rotation = 180});
             client.send("show");
         },
-        {"No render function: src depth: 32 dst depth: 16", "src/composite/image_render\\.cpp", "image_render", "0"},
+        {"No render function: src depth: 32 dst depth: 16", "src/composite/image_render.cpp:", "image_render", "0"},
         {.format = "rgb565"});
 }
 
 TEST(Abort, NoFramebufferDevice)
 {
     expect_death_by([](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
-                    {message("can't open fb device", ENOENT).c_str(), "src/backend/fb\\.cpp", "fb_init", "0"},
+                    {message("can't open fb device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
                     {.panel = {"--fault", "fb0-none"}});
     expect_death_by([](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
-                    {message("can't open fb device", ENOENT).c_str(), "src/backend/fb\\.cpp", "fb_init", "0"},
+                    {message("can't open fb device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
                     {.server = {"-fb", NO_DEVICE}});
 }
 
 TEST(Abort, NoConsole)
 {
     expect_death_by([](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
-                    {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb\\.cpp", "fb_init", "0"},
+                    {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
                     {.panel = {"--fault", "tty0-none"}});
     expect_death_by([](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
-                    {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb\\.cpp", "fb_init", "0"},
+                    {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
                     {.server = {"-console", NO_DEVICE}});
 }
 

@@ -10,11 +10,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "../../src/base/output.h"
+
 // For the child of a death test: leaves no core file, and standard output joins standard error, where the test reads.
 inline void prepare_to_die()
 {
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_CORE, &none);
+    out_drain(1000);
     dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 

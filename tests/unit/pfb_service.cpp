@@ -14,7 +14,7 @@ constexpr auto LONG = std::chrono::seconds(30);
 
 std::string make_folder()
 {
-    char path[] = "/tmp/pfb-test-XXXXXX";
+    char path[] = "/tmp/pfb-client-test-XXXXXX";
     if (mkdtemp(path) == nullptr)
         abort();
     return path;

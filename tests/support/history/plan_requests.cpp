@@ -41,6 +41,8 @@ int32_t place(Planner &p, int32_t size)
 {
     if (p.random.chance(1))
         return extreme(p.random);
+    if (p.random.chance(1)) // at the rim of what regions hold
+        return p.random.chance(50) ? INT16_MAX - p.random.below(30) : INT16_MIN - p.random.below(30);
     return p.random.chance(70) ? p.random.between(0, size - 1) : p.random.between(-20, size + 10);
 }
 
@@ -162,10 +164,10 @@ std::vector<Argument> scale_arguments(Planner &p, int client)
     Random &r = p.random;
     Surface *s = surface_of(p, client);
     int32_t w = 20, h = 20;
-    if (s && s->image.width < 200 && s->image.height < 200) {
-        const model::Image &image = s->scale && r.chance(80) ? s->scale->original : s->image;
-        w = image.width;
-        h = image.height;
+    const model::Image *image = !s ? nullptr : s->scale && r.chance(80) ? &s->scale->original : &s->image;
+    if (image && image->width < 200 && image->height < 200) {
+        w = image->width;
+        h = image->height;
     }
     std::vector<Argument> arguments;
     if (r.chance(20)) {
