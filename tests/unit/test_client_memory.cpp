@@ -138,10 +138,12 @@ TEST(ClientMemory, LaterClientsGoIntoReservationsThatAreLargeEnough)
 TEST(ClientMemory, TheSmallestReservationThatFitsIsTaken)
 {
     in_fork([] {
+        client_memory_retire(map_client(24, 'a')); // the ones below are carved from it, one behind the other
         char *large = map_client(16, 'a');
         char *keep = map_client(1, 'k');
         char *small = map_client(4, 'b');
         char *keep_too = map_client(1, 'k');
+        ASSERT_EQ(keep_too, large + 21 * PAGE);
         client_memory_retire(large);
         client_memory_retire(small);
         EXPECT_EQ(map_client(3, 'c'), small);
