@@ -2,9 +2,7 @@
 // The primary output: the Linux framebuffer. A render writes straight into its mapped memory.
 #include "framebuffer.h"
 
-#include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <linux/kd.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>

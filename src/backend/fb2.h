@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The second layer's state, for diagnosis and for its layer-control tools.
+// The second layer's state, for diagnosis.
 #pragma once
 
 #include <cstdint>

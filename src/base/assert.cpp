@@ -29,5 +29,6 @@ void assert_failed(const char *expression, const char *file, unsigned line, cons
     out_drain(LAST_WORDS_MS);
     err_printf("%s: %s:%u: %s: Assertion `%s' failed.\n", program_invocation_short_name, from_source_root(file), line,
                function, expression);
+    err_drain(LAST_WORDS_MS);
     abort();
 }

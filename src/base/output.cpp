@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -30,7 +31,7 @@ char err_buffer[ERR_BUFFER_SIZE];
 Stream out{STDOUT_FILENO, out_buffer, sizeof out_buffer, 0, 0, 0};
 Stream err{STDERR_FILENO, err_buffer, sizeof err_buffer, 0, 0, 0};
 
-// Room kept for the notice of dropped lines.
+// The longest notice of dropped lines.
 constexpr size_t NOTICE_MAX = 64;
 
 bool can_take_some(int fd, int wait_ms)
@@ -43,6 +44,22 @@ bool can_take_some(int fd, int wait_ms)
     return n > 0;
 }
 
+// A terminal polls as writable with little room left and then lets a writer wait. Opened once more it can be told not
+// to, without changing it for the other processes that share it.
+ssize_t write_terminal(int fd, const char *bytes, size_t n)
+{
+    char path[32];
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (own < 0)
+        return write(fd, bytes, n);
+    const ssize_t written = write(own, bytes, n);
+    const int error = errno;
+    close(own);
+    errno = error;
+    return written;
+}
+
 // Writes without waiting. A pipe that polls as writable takes PIPE_BUF bytes at once; a socket is told not to wait.
 ssize_t write_some(int fd, const char *bytes, size_t n)
 {
@@ -53,7 +70,7 @@ ssize_t write_some(int fd, const char *bytes, size_t n)
     n = std::min<size_t>(n, PIPE_BUF);
     ssize_t sent = send(fd, bytes, n, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent < 0 && errno == ENOTSOCK)
-        sent = write(fd, bytes, n);
+        sent = isatty(fd) ? write_terminal(fd, bytes, n) : write(fd, bytes, n);
     return sent;
 }
 
@@ -148,6 +165,23 @@ long long now_ms()
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
 
+bool waiting(const Stream &stream)
+{
+    return stream.begin < stream.end || stream.dropped > 0;
+}
+
+bool drain(Stream &stream, int milliseconds)
+{
+    const long long until = now_ms() + milliseconds;
+    while (!flush(stream)) {
+        const long long left = until - now_ms();
+        if (left <= 0)
+            return false;
+        can_take_some(stream.fd, static_cast<int>(left));
+    }
+    return true;
+}
+
 } // namespace
 
 void out_printf(const char *format, ...)
@@ -170,19 +204,27 @@ bool out_flush()
 
 bool out_waiting()
 {
-    return out.begin < out.end || out.dropped > 0;
+    return waiting(out);
+}
+
+bool err_waiting()
+{
+    return waiting(err);
+}
+
+bool err_flush()
+{
+    return flush(err);
+}
+
+bool err_drain(int milliseconds)
+{
+    return drain(err, milliseconds);
 }
 
 bool out_drain(int milliseconds)
 {
-    const long long until = now_ms() + milliseconds;
-    while (!flush(out)) {
-        const long long left = until - now_ms();
-        if (left <= 0)
-            return false;
-        can_take_some(out.fd, static_cast<int>(left));
-    }
-    return true;
+    return drain(out, milliseconds);
 }
 
 void err_printf(const char *format, ...)

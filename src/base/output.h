@@ -19,6 +19,11 @@ bool out_waiting();
 // out_flush, waiting up to `milliseconds` for a slow reader.
 bool out_drain(int milliseconds);
 
+// The same two for standard error, whose lines are flushed as they come.
+bool err_waiting();
+bool err_flush();
+bool err_drain(int milliseconds);
+
 [[gnu::format(printf, 1, 2)]] void err_printf(const char *format, ...);
 // "WHAT: the system's text for errno", as perror.
 void err_perror(const char *what);

@@ -125,8 +125,12 @@ bool cover_missing_pages(uintptr_t address)
 void handle_sigbus(int signo, siginfo_t *info, void *)
 {
     const int saved_errno = errno;
-    if (!cover_missing_pages(reinterpret_cast<uintptr_t>(info->si_addr)))
+    const bool sent = info->si_code <= 0; // by a process: there is no access that would be tried again
+    if (sent || !cover_missing_pages(reinterpret_cast<uintptr_t>(info->si_addr))) {
         signal(signo, SIG_DFL); // not a client's: the access is tried again, and kills
+        if (sent)
+            raise(signo);
+    }
     errno = saved_errno;
 }
 

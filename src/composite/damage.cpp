@@ -11,6 +11,7 @@
 #include <sys/time.h>
 
 #include "../base/assert.h"
+#include "../base/wrap.h"
 
 namespace {
 
@@ -116,7 +117,7 @@ void fs_lock_render(FbServer *fs)
         g_source_remove(fs->idle_source);
         fs->idle_source = 0;
     }
-    fs->lock_count++;
+    fs->lock_count = wrap_add(fs->lock_count, 1);
 }
 
 void fs_unlock_render(FbServer *fs)
@@ -130,7 +131,7 @@ void fs_set_lock_area(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y,
     fs_add_dirty(fs, surface, x, y, width, height);
     if (surface->lock_counter == 0)
         fs_lock_render(fs);
-    surface->lock_counter++;
+    surface->lock_counter = wrap_add(surface->lock_counter, 1);
 }
 
 void fs_set_unlock(FbServer *fs, ImageSurface *surface)

@@ -5,12 +5,10 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 
 #include "../base/assert.h"
 #include "../base/output.h"
 #include "../base/wrap.h"
-#include "extent.h"
 
 namespace {
 

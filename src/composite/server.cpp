@@ -23,9 +23,12 @@ void fs_destroy(FbServer *fs)
 {
     if (fs == nullptr)
         return;
-    for (int32_t left = fs->n_backend; left > 0 && fs->backends != nullptr; left--) {
-        if (fs->backends[0] != nullptr)
-            fs_remove_backend(fs, fs->backends[0]->name);
+    // An entry that a failed growth left empty, or whose name found no memory, is passed over.
+    for (int32_t i = 0; fs->backends != nullptr && i < fs->n_backend;) {
+        if (fs->backends[i] != nullptr && fs->backends[i]->name != nullptr)
+            fs_remove_backend(fs, fs->backends[i]->name);
+        else
+            i++;
     }
     for (int32_t i = 0; i < fs->n_surface; i++)
         surface_free(fs->surfaces[i]);

@@ -35,6 +35,8 @@ mc_packet *reply_color_depth(const ImageSurface *surface)
 {
     const bool has_frame = surface->backend != nullptr && surface->backend->frame_img != nullptr;
     mc_packet *reply = mc_packet_new(0);
+    if (reply == nullptr)
+        return nullptr;
     mc_packet_build_args(reply, "i", has_frame ? surface->backend->frame_img->depth : 0);
     return reply;
 }

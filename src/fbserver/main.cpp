@@ -32,9 +32,15 @@ void log_line(const char *line)
     err_printf("%s\n", line);
 }
 
-int start_up_error()
+void write_last_lines()
 {
     out_drain(LAST_LINES_MS);
+    err_drain(LAST_LINES_MS);
+}
+
+int start_up_error()
+{
+    write_last_lines();
     return -1;
 }
 
@@ -56,7 +62,7 @@ int main(int argc, char **argv)
     if (fs == nullptr)
         return start_up_error();
     if (options.benchmark != 0) {
-        out_drain(LAST_LINES_MS);
+        write_last_lines();
         return 0; // measures start-up alone: nothing is opened, nothing is taken down
     }
     out_flush();
@@ -67,6 +73,6 @@ int main(int argc, char **argv)
     mc_factory_close(factory);
     fs_destroy(fs);
     fs = nullptr;
-    out_drain(LAST_LINES_MS);
+    write_last_lines();
     return 0;
 }

@@ -8,34 +8,47 @@
 
 namespace {
 
-struct OutputWatch {
-    GSource source;
-    gpointer tag; // set while standard output is polled
+// One of the two streams. It is polled only while lines wait: a pipe without a reader would otherwise wake the loop for
+// ever.
+struct WatchedStream {
+    int fd;
+    bool (*waiting)();
+    bool (*flush)();
+    gpointer tag; // set while it is polled
 };
 
-// Polled only while lines wait: a pipe without a reader would otherwise wake the loop for ever.
+WatchedStream streams[] = {
+    {STDOUT_FILENO, out_waiting, out_flush, nullptr},
+    {STDERR_FILENO, err_waiting, err_flush, nullptr},
+};
+
 gboolean prepare(GSource *source, gint *timeout_ms)
 {
-    auto *watch = reinterpret_cast<OutputWatch *>(source);
     *timeout_ms = -1;
-    if (out_waiting() && watch->tag == nullptr) {
-        watch->tag = g_source_add_unix_fd(source, STDOUT_FILENO, G_IO_OUT);
-    } else if (!out_waiting() && watch->tag != nullptr) {
-        g_source_remove_unix_fd(source, watch->tag);
-        watch->tag = nullptr;
+    for (WatchedStream &stream : streams) {
+        if (stream.waiting() && stream.tag == nullptr) {
+            stream.tag = g_source_add_unix_fd(source, stream.fd, G_IO_OUT);
+        } else if (!stream.waiting() && stream.tag != nullptr) {
+            g_source_remove_unix_fd(source, stream.tag);
+            stream.tag = nullptr;
+        }
     }
     return FALSE;
 }
 
 gboolean check(GSource *source)
 {
-    auto *watch = reinterpret_cast<OutputWatch *>(source);
-    return watch->tag != nullptr && g_source_query_unix_fd(source, watch->tag) != 0;
+    for (const WatchedStream &stream : streams) {
+        if (stream.tag != nullptr && g_source_query_unix_fd(source, stream.tag) != 0)
+            return TRUE;
+    }
+    return FALSE;
 }
 
 gboolean dispatch(GSource *, GSourceFunc, gpointer)
 {
-    out_flush();
+    for (const WatchedStream &stream : streams)
+        stream.flush();
     return G_SOURCE_CONTINUE;
 }
 
@@ -45,8 +58,7 @@ GSourceFuncs functions{prepare, check, dispatch, nullptr, nullptr, nullptr};
 
 void output_watch_start()
 {
-    GSource *source = g_source_new(&functions, sizeof(OutputWatch));
-    reinterpret_cast<OutputWatch *>(source)->tag = nullptr;
+    GSource *source = g_source_new(&functions, sizeof(GSource));
     g_source_set_priority(source, G_PRIORITY_DEFAULT_IDLE);
     g_source_attach(source, nullptr);
     g_source_unref(source);

@@ -14,7 +14,7 @@ using Region = pixman_region16_t;
 using Box = pixman_box16_t; // a rectangle inside a Region
 using Rect = xc_rect;       // a rectangle everywhere else
 
-// Empty. Without memory: pixman's shared broken-region marker. Release with pixman_region_destroy.
+// Empty. Without memory: a broken-region marker that all such callers share. Release with pixman_region_destroy.
 Region *region_new();
 // Holding `box`; empty when box is null or empty.
 Region *region_new_with_rect(const Box *box);

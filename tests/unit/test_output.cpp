@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
@@ -173,6 +174,23 @@ TEST(Output, SocketThatNobodyReadsCostsLinesAndNoTime)
 }
 
 // Once a line was dropped the following ones are too, however short, until the reader is back: one gap, one notice.
+TEST(Output, TerminalThatNobodyReadsCostsLinesAndNoTime)
+{
+    in_fork([] {
+        const int master = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK);
+        ASSERT_GE(master, 0);
+        ASSERT_EQ(grantpt(master), 0);
+        ASSERT_EQ(unlockpt(master), 0);
+        const int terminal = open(ptsname(master), O_RDWR | O_NOCTTY);
+        ASSERT_GE(terminal, 0);
+        dup2(terminal, STDOUT_FILENO);
+        alarm(LONG_MS / 1000); // a write that waits ends the fork
+        flood();
+        EXPECT_TRUE(out_waiting());
+        EXPECT_EQ(fcntl(terminal, F_GETFL) & O_NONBLOCK, 0); // others who share it still wait
+    });
+}
+
 TEST(Output, DroppedLinesMakeOneGap)
 {
     in_fork([] {
