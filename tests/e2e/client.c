@@ -140,6 +140,8 @@ int main(int argc, char **argv)
     sigemptyset(&usr1);
     sigaddset(&usr1, SIGUSR1);
     sigprocmask(SIG_BLOCK, &usr1, NULL); /* comes in while the program waits */
+    puts("ready for signals");
+    fflush(stdout);
     for (;;) {
         mc_connection *server = mc_connect("pfb", argv[1]);
         bool sent = server != NULL;

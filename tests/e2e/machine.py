@@ -37,7 +37,7 @@ def root_file_system(build, modules, scenes, respawn):
         root.copy(os.path.join(build.source, 'root', name), '/etc/init.d/' + name, 0o755)
     with open(os.path.join(build.source, 'root', 'inittab')) as file:
         root.file('/etc/inittab', (file.read() + (RESPAWNED if respawn else '')).encode())
-    root.file('/etc/modules', ' '.join(modules).encode())
+    root.file('/etc/modules', ''.join(module + '\n' for module in modules).encode())
     for module in [*modules, 'pfb_layers']:
         root.copy(os.path.join(build.kernel, module + '.ko'), f'/lib/modules/{module}.ko')
     root.program(os.path.join(build.root, 'usr/bin/fbserver'), '/usr/bin/fbserver')
@@ -98,7 +98,7 @@ class Machine(Guest):
             time.sleep(0.05)
 
     def screen_after_damage(self, client):
-        self.signal('USR1', client)
+        self.status(f'grep -q ready /var/log/{client} && kill -USR1 {self.clients[client]}')
         return self.screen()
 
     def framebuffer(self, device):

@@ -46,7 +46,10 @@ void expect_summary(std::vector<std::string> arguments, const std::string &expec
     EXPECT_EQ(result.err, "");
 }
 
-std::string scale_message() { return "output scale must be bigger than 1\n"; }
+std::string scale_message()
+{
+    return "output scale must be bigger than 1\n";
+}
 
 } // namespace
 
@@ -57,8 +60,9 @@ TEST(Options, WithoutAnyEverythingHasItsDefault)
 
 TEST(Options, EachOneShowsInTheSummary)
 {
-    expect_summary({"-fb", "/nonexistent/fb7", "-console", "/nonexistent/tty9", "-use-input", "-scale", "3", "640", "480", "1"},
-                   summary("640", "480", "1", "/nonexistent/fb7", "/nonexistent/tty9", "3"));
+    expect_summary(
+        {"-fb", "/nonexistent/fb7", "-console", "/nonexistent/tty9", "-use-input", "-scale", "3", "640", "480", "1"},
+        summary("640", "480", "1", "/nonexistent/fb7", "/nonexistent/tty9", "3"));
     expect_summary({"-send-event", "10.0.0.1", "320"}, summary("320", "-1", "0", "(null)", "(null)", "1"));
     expect_summary({"800", "-use-input", "600"}, summary("800", "600", "1", "(null)", "(null)", "1"));
     expect_summary({"-fb", "a", "-fb", "b"}, summary("-1", "-1", "0", "b", "(null)", "1"));
@@ -78,8 +82,7 @@ TEST(Options, ThreePositionalWordsAreTakenAndTheFourthIsNot)
     const ProgramResult result = run({"1", "2", "3", "4"});
     EXPECT_EQ(shell_status(result.status), START_ERROR);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err,
-              "USAGE:" + server_program() + " [-console DEVICE] [-fb DEVICE] [W [H[USE_X(EMUL)]]]\n");
+    EXPECT_EQ(result.err, "USAGE:" + server_program() + " [-console DEVICE] [-fb DEVICE] [W [H[USE_X(EMUL)]]]\n");
 }
 
 TEST(Options, AnOptionAsTheLastWordHasNoValue)

@@ -8,7 +8,6 @@
 #include <linux/fb.h>
 #include <linux/kd.h>
 #include <signal.h>
-#include <stdbool.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -213,15 +213,20 @@ void expect_same_when_rebuilt(const mc_packet &packet, uint64_t case_number)
     EXPECT_EQ(bytes_of(again).substr(4), std::string(packet.bytes + 4, packet.size - 4)) << "case " << case_number;
 }
 
+size_t random_below(std::mt19937_64 &random, size_t limit)
+{
+    return static_cast<size_t>(random() % limit);
+}
+
 std::string random_packet(std::mt19937_64 &random)
 {
     std::string signature, arguments;
     for (uint64_t n = random() % 6; n > 0; n--) {
         const bool integer = random() % 2;
         signature += integer ? 'i' : 's';
-        arguments += integer ? u32(static_cast<uint32_t>(random())) : padded_text(std::string(random() % 9, 'q'));
+        arguments += integer ? u32(static_cast<uint32_t>(random())) : padded_text(std::string(random_below(random, 9), 'q'));
     }
-    return header(static_cast<uint32_t>(random()), std::string(random() % 7, 'w'), signature) + arguments;
+    return header(static_cast<uint32_t>(random()), std::string(random_below(random, 7), 'w'), signature) + arguments;
 }
 
 TEST(Decode, DamagedPacketsAreRefusedOrReadable)
@@ -231,9 +236,9 @@ TEST(Decode, DamagedPacketsAreRefusedOrReadable)
         std::mt19937_64 random(number);
         std::string bytes = random_packet(random);
         for (uint64_t n = random() % 4; n > 0; n--)
-            bytes[random() % bytes.size()] = "\0is\x01"[random() % 4];
+            bytes[random_below(random, bytes.size())] = "\0is\x01"[random() % 4];
         if (random() % 4 == 0)
-            bytes.resize(random() % (bytes.size() + 8), '\0');
+            bytes.resize(random_below(random, bytes.size() + 8), '\0');
         mc_packet packet;
         if (decode(&packet, bytes)) {
             refused++;

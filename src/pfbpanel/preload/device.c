@@ -20,7 +20,7 @@ _Static_assert(sizeof(struct fb_var_screeninfo) <= PIPE_BUF, "fits into a pipe")
 typedef struct Identity {
     bool present;
     dev_t dev;
-    ino_t ino;
+    uint64_t ino;
 } Identity;
 
 static Identity identities[PANEL_DEVICES];
@@ -76,7 +76,7 @@ int device_of_path(const char *path, char file[PATH_MAX])
     return -1;
 }
 
-int device_of_file(dev_t dev, ino_t ino)
+int device_of_file(dev_t dev, uint64_t ino)
 {
     if (panel_state() == NULL)
         return -1;

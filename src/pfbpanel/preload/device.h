@@ -6,6 +6,7 @@
 
 #include <limits.h>
 #include <stdbool.h>
+#include <stdint.h>
 #include <stddef.h>
 #include <sys/types.h>
 
@@ -16,7 +17,7 @@ void device_attach(void);
  * always where there is no panel. The file need not exist: then the panel has no such node. */
 int device_of_path(const char *path, char file[PATH_MAX]);
 /* The device behind a file's identity or an open descriptor; -1: none. errno stays as it was. */
-int device_of_file(dev_t dev, ino_t ino);
+int device_of_file(dev_t dev, uint64_t ino);
 int device_of_descriptor(int fd);
 
 /* The major and minor number that the real device has. */

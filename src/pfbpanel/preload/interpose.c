@@ -146,7 +146,7 @@ EXPORT int faccessat(int directory, const char *path, int wanted, int flags)
 /* Makes what was found out about a panel's file look like the device: a character device with the driver's number. */
 #define SHOW_DEVICE(info)                                                                                              \
     do {                                                                                                               \
-        const int device = device_of_file((info)->st_dev, (ino_t)(info)->st_ino);                                      \
+        const int device = device_of_file((info)->st_dev, (uint64_t)(info)->st_ino);                                   \
         if (device >= 0) {                                                                                             \
             (info)->st_mode = ((info)->st_mode & ~(mode_t)S_IFMT) | S_IFCHR;                                           \
             (info)->st_rdev = device_number(device);                                                                   \
