@@ -118,6 +118,47 @@ TEST_F(Damage, TwoReportsGiveOneRenderThatCoversBoth)
     EXPECT_EQ(renders(), 1);
 }
 
+// Scattered single pixels, no two of them in one rectangle.
+TEST_F(Damage, ManyScatteredReportsArePaintedAndNothingElse)
+{
+    paint(surface, 0x00FFFFFF);
+    for (int32_t y = 0; y < 50; y += 2) {
+        for (int32_t x = y % 4; x < 100; x += 3)
+            fs_add_dirty(server, surface, x, y, 1, 1);
+    }
+    settle();
+    for (int32_t y = 0; y < 50; y++) {
+        for (int32_t x = 0; x < 100; x++) {
+            const bool reported = y % 2 == 0 && x >= y % 4 && (x - y % 4) % 3 == 0;
+            ASSERT_EQ(primary_output.pixel(10 + x, 20 + y), reported ? 0xFFFFFFu : 0u) << x << "," << y;
+        }
+    }
+    EXPECT_EQ(renders(), 1);
+}
+
+TEST_F(Damage, ManyScatteredReportsWaitWhileTheSurfaceIsHidden)
+{
+    for (int32_t x = 0; x < 100; x += 2) {
+        for (int32_t y = 0; y < 50; y += 2)
+            fs_add_dirty(server, surface, x, y, 1, 1);
+    }
+    fs_hide_surface(server, surface);
+    forget_damage();
+    surface->flags |= SURFACE_SHOWN; // shown again, but not wholly dirty
+    fs_schedule_render(server);
+    settle();
+    const std::vector<Rects> updates = primary_output.updates();
+    ASSERT_FALSE(updates.empty());
+    Region painted;
+    region_init(&painted, nullptr);
+    for (const Rect &rect : updates.back())
+        region_union_rect(&painted, &painted, &rect);
+    const Box last{108, 68, 109, 69}, between{109, 68, 110, 69};
+    EXPECT_EQ(pixman_region_contains_rectangle(&painted, const_cast<Box *>(&last)), PIXMAN_REGION_IN);
+    EXPECT_EQ(pixman_region_contains_rectangle(&painted, const_cast<Box *>(&between)), PIXMAN_REGION_OUT);
+    region_uninit(&painted);
+}
+
 TEST_F(Damage, TheRenderRunsAtIdlePriority)
 {
     fs_add_dirty(server, surface, 0, 0, 5, 5);
