@@ -5,9 +5,10 @@ MAKEFLAGS += --no-print-directory
 
 prefix ?= /usr/local
 FORMAT ?= xrgb8888
+TIME ?= 60
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-compilers check sanitize install clean
+.PHONY: help build demo panel test test-clang test-compilers soak e2e arm check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -15,9 +16,14 @@ help:
 	@echo 'make panel           the same, kept running; refreshes build/panel.png until Ctrl-C'
 	@echo 'make build           everything that is installed, in build/product'
 	@echo 'make test            debug, sanitized and release builds with gcc, and all tests in each'
-	@echo 'make test-compilers  the same with clang'
+	@echo 'make test-clang      all builds with clang, and the tests in one of them'
+	@echo 'make test-compilers  all builds with clang, and all tests in each'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
+	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
+	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
+	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
+	@echo 'make format          formats the sources'
 	@echo 'make install         installs to $(prefix) (prefix=/usr, DESTDIR=FOLDER)'
 	@echo 'make clean           removes build/'
 
@@ -39,6 +45,12 @@ test:
 	@scripts/deps build demo test
 	@scripts/test debug sanitized release
 
+test-clang:
+	@scripts/deps build demo clang test
+	@scripts/build clang-sanitized -Dtests=false
+	@scripts/build clang-release -Dtests=false
+	@scripts/test clang-debug
+
 test-compilers:
 	@scripts/deps build demo test clang
 	@scripts/test clang-debug clang-sanitized clang-release
@@ -47,9 +59,25 @@ sanitize:
 	@scripts/deps build demo test
 	@scripts/test sanitized
 
+soak:
+	@scripts/deps build demo test
+	@scripts/build sanitized
+	@PFB_HISTORY_SECONDS=$(TIME) build/sanitized/tests/server/test_histories
+
+e2e:
+	@scripts/e2e
+
+arm:
+	@scripts/arm
+
 check:
 	@scripts/deps build test check
 	@scripts/check
+
+format:
+	@scripts/deps check
+	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'examples/*.c' 'examples/*.h' | \
+		xargs clang-format -i
 
 # Built as whoever owns the tree, installed as root: "make build && sudo make install" leaves no root-owned files there.
 install:

@@ -21,12 +21,12 @@
 
 /* Values of the common options. Set them before example_start to choose other defaults. */
 struct example_options {
-	const char *name; /* of the client, see pfb_connect */
-	int x, y;         /* position on the screen, pixels */
-	int width, height;
-	int level;
-	double seconds; /* how long it runs; 0: until it is told to end */
-	double rate;    /* frames per second; 0: none, example_next_frame only waits for the end */
+    const char *name; /* of the client, see pfb_connect */
+    int x, y;         /* position on the screen, pixels */
+    int width, height;
+    int level;
+    double seconds; /* how long it runs; 0: until it is told to end */
+    double rate;    /* frames per second; 0: none, example_next_frame only waits for the end */
 };
 extern struct example_options example_options;
 

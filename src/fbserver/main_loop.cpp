@@ -10,14 +10,9 @@ GMainLoop *loop;
 
 namespace {
 
-sigset_t mask_while_waiting;
+constexpr unsigned TURNS_WITHOUT_SIGNALS = 32;
 
-int poll_with_signals(GPollFD *fds, guint n, gint timeout_ms)
-{
-    static_assert(sizeof(GPollFD) == sizeof(pollfd));
-    timespec timeout{timeout_ms / 1000, timeout_ms % 1000 * 1000000L};
-    return ppoll(reinterpret_cast<pollfd *>(fds), n, timeout_ms < 0 ? nullptr : &timeout, &mask_while_waiting);
-}
+sigset_t mask_while_waiting;
 
 sigset_t ending_signals()
 {
@@ -28,13 +23,30 @@ sigset_t ending_signals()
     return ending;
 }
 
-// A signal of the start has no loop to quit, and GLib says so in the log. That takes locks and memory that the
-// interrupted code may hold, so the signal comes in here, where nothing is held, and not where it arrived.
-void let_early_signals_in()
+// Here, where nothing is held that quitting a loop, or GLib's report that there is none, might need.
+void let_signals_in()
 {
     const sigset_t ending = ending_signals();
     sigprocmask(SIG_SETMASK, &mask_while_waiting, nullptr);
     sigprocmask(SIG_BLOCK, &ending, nullptr);
+}
+
+int poll_with_signals(GPollFD *fds, guint n, gint timeout_ms)
+{
+    static_assert(sizeof(GPollFD) == sizeof(pollfd));
+    timespec timeout{timeout_ms / 1000, timeout_ms % 1000 * 1000000L};
+    const int ready =
+        ppoll(reinterpret_cast<pollfd *>(fds), n, timeout_ms < 0 ? nullptr : &timeout, &mask_while_waiting);
+    // A poll that need not wait lets no signal in: clients that flood would keep them out for ever. Now and then is
+    // enough, and saves two system calls a turn.
+    static unsigned turns_since;
+    if (ready <= 0) {
+        turns_since = 0;
+    } else if (++turns_since >= TURNS_WITHOUT_SIGNALS) {
+        turns_since = 0;
+        let_signals_in();
+    }
+    return ready;
 }
 
 } // namespace
@@ -63,7 +75,7 @@ void signals_install()
 
 void main_loop_run()
 {
-    let_early_signals_in();
+    let_signals_in(); // those of the start find no loop to quit
     g_main_context_set_poll_func(nullptr, poll_with_signals);
     loop = g_main_loop_new(nullptr, FALSE);
     loop = g_main_loop_ref(loop); // never freed: a late signal still finds it

@@ -215,9 +215,9 @@ int pfb_set_sync(pfb_client *client, int on)
 
 int pfb_get_color_depth(pfb_client *client, int *depth)
 {
+    if (depth == nullptr)
+        return fail(PFB_ERROR_ARGUMENT, __func__, "depth is NULL");
     int result = check_client(client, __func__);
-    if (result == PFB_OK && depth == nullptr)
-        result = fail(PFB_ERROR_ARGUMENT, __func__, "depth is NULL");
     if (result != PFB_OK)
         return result;
     const int64_t deadline = deadline_of(client);

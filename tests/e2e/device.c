@@ -37,7 +37,7 @@ static _Noreturn void die(const char *what)
 static int console(void)
 {
     int fd = open("/dev/tty0", O_RDONLY | O_CLOEXEC);
-    int mode;
+    int mode = -1;
     if (fd < 0 || ioctl(fd, KDGETMODE, &mode) < 0)
         die("/dev/tty0");
     puts(mode == KD_GRAPHICS ? "graphics" : mode == KD_TEXT ? "text" : "unknown");

@@ -90,9 +90,7 @@ TEST(Abort, CreateThatCannotBeMapped)
                     {message("mmap", ENOMEM).c_str(), "src/fbserver/", "create", "0"});
     // 65536 x 65536 wraps to no byte at all
     expect_death_by(
-        [](TestClient &client) {
-            client.create({.width = 10, .height = 65536, .stride = 65536, .bytes = 4096});
-        },
+        [](TestClient &client) { client.create({.width = 10, .height = 65536, .stride = 65536, .bytes = 4096}); },
         {message("mmap", EINVAL).c_str(), "src/fbserver/", "create", "0"});
 }
 
@@ -188,12 +186,14 @@ TEST(Abort, NoFramebufferDevice)
 
 TEST(Abort, NoConsole)
 {
-    expect_death_by([](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
-                    {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
-                    {.panel = {"--fault", "tty0-none"}});
-    expect_death_by([](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
-                    {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
-                    {.server = {"-console", NO_DEVICE}});
+    expect_death_by(
+        [](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
+        {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
+        {.panel = {"--fault", "tty0-none"}});
+    expect_death_by(
+        [](TestClient &client) { client.create(SOME_PIXELS, 0, 0, 0); },
+        {message("can't open virtual console device", ENOENT).c_str(), "src/backend/fb.cpp:", "fb_init", "0"},
+        {.server = {"-console", NO_DEVICE}});
 }
 
 // ---- devices that are there but do not work: no abort ----

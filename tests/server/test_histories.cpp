@@ -49,6 +49,15 @@ size_t play(const Config &config, long seed)
     return history.size();
 }
 
+bool is_config(const std::string &name)
+{
+    for (const Config &config : history_configs()) {
+        if (name == config.name)
+            return true;
+    }
+    return false;
+}
+
 TEST_P(Histories, ServerDoesWhatTheModelDoes)
 {
     const Config &config = GetParam();
@@ -57,7 +66,9 @@ TEST_P(Histories, ServerDoesWhatTheModelDoes)
         std::string wanted = one;
         size_t colon = wanted.rfind(':');
         ASSERT_NE(colon, std::string::npos) << "PFB_HISTORY=config:seed";
-        if (wanted.substr(0, colon) == config.name)
+        std::string name = wanted.substr(0, colon);
+        ASSERT_TRUE(is_config(name)) << name << " is no configuration";
+        if (name == config.name)
             play(config, strtol(wanted.c_str() + colon + 1, nullptr, 0));
         return;
     }

@@ -80,9 +80,9 @@ TEST(Log, LinesAppearWithTheRequestThatCausedThem)
     EXPECT_TRUE(wait_until([&] { return count_of(out.text(), "handle_command: not yet create surface\n") == 1; }))
         << out.text();
     client.create(PICTURE, 0, 0, 3);
-    EXPECT_TRUE(wait_until([&] { return out.text() == std::string(START_LINES) +
-                                                          "handle_command: not yet create surface\n" + SCREEN_LINES; }))
-        << out.text();
+    EXPECT_TRUE(wait_until([&] {
+        return out.text() == std::string(START_LINES) + "handle_command: not yet create surface\n" + SCREEN_LINES;
+    })) << out.text();
     EXPECT_EQ(server.stop(SIGTERM), 0);
 }
 

@@ -173,10 +173,7 @@ private:
         show(actor);
     }
 
-    static int row_bytes(const Pixels &pixels)
-    {
-        return pixels.width * (pixels.format == PixelFormat::RGB565 ? 2 : 4);
-    }
+    static int row_bytes(const Pixels &pixels) { return pixels.width * (pixels.format == PixelFormat::RGB565 ? 2 : 4); }
 
     static void draw(PictureComposer &composer, const Actor &actor, int depth)
     {

@@ -46,7 +46,10 @@ void expect_summary(std::vector<std::string> arguments, const std::string &expec
     EXPECT_EQ(result.err, "");
 }
 
-std::string scale_message() { return "output scale must be bigger than 1\n"; }
+std::string scale_message()
+{
+    return "output scale must be bigger than 1\n";
+}
 
 } // namespace
 
@@ -57,8 +60,9 @@ TEST(Options, WithoutAnyEverythingHasItsDefault)
 
 TEST(Options, EachOneShowsInTheSummary)
 {
-    expect_summary({"-fb", "/nonexistent/fb7", "-console", "/nonexistent/tty9", "-use-input", "-scale", "3", "640", "480", "1"},
-                   summary("640", "480", "1", "/nonexistent/fb7", "/nonexistent/tty9", "3"));
+    expect_summary(
+        {"-fb", "/nonexistent/fb7", "-console", "/nonexistent/tty9", "-use-input", "-scale", "3", "640", "480", "1"},
+        summary("640", "480", "1", "/nonexistent/fb7", "/nonexistent/tty9", "3"));
     expect_summary({"-send-event", "10.0.0.1", "320"}, summary("320", "-1", "0", "(null)", "(null)", "1"));
     expect_summary({"800", "-use-input", "600"}, summary("800", "600", "1", "(null)", "(null)", "1"));
     expect_summary({"-fb", "a", "-fb", "b"}, summary("-1", "-1", "0", "b", "(null)", "1"));
@@ -78,8 +82,7 @@ TEST(Options, ThreePositionalWordsAreTakenAndTheFourthIsNot)
     const ProgramResult result = run({"1", "2", "3", "4"});
     EXPECT_EQ(shell_status(result.status), START_ERROR);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err,
-              "USAGE:" + server_program() + " [-console DEVICE] [-fb DEVICE] [W [H[USE_X(EMUL)]]]\n");
+    EXPECT_EQ(result.err, "USAGE:" + server_program() + " [-console DEVICE] [-fb DEVICE] [W [H[USE_X(EMUL)]]]\n");
 }
 
 TEST(Options, AnOptionAsTheLastWordHasNoValue)
@@ -249,6 +252,30 @@ TEST(End, SignalsUnderLoad)
         EXPECT_TRUE(server.panel().is_black()) << "round " << i;
         EXPECT_EQ(busy.join(), 0);
         EXPECT_EQ(busy_too.join(), 0);
+    }
+}
+
+// Clients that never pause keep the main loop's descriptors ready for ever; the signal must get in all the same.
+TEST(End, WhileClientsFlood)
+{
+    for (int signal_number : {SIGTERM, SIGINT}) {
+        RunningServer server;
+        const auto flood = [](ClientSteps &steps) {
+            TestClient client("fb.flood");
+            client.create(pixels_random(PixelFormat::ARGB, 100, 80, 1), 0, 0, 0);
+            client.send("show");
+            client.native_depth();
+            steps.reached();
+            for (;;)
+                client.send("dirty", {0, 0, 100, 80});
+        };
+        ClientProcess one(flood), two(flood), three(flood);
+        for (ClientProcess *process : {&one, &two, &three}) {
+            process->wait();
+            process->go();
+        }
+        EXPECT_EQ(server.stop(signal_number), 0);
+        EXPECT_TRUE(server.panel().is_black());
     }
 }
 

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <csignal>
 #include <functional>
-#include <memory>
 #include <sstream>
 
 #include "../support/composer.h"
@@ -90,9 +89,12 @@ struct Column {
 };
 
 constexpr Column COLUMNS[] = {
-    {"16-bit panel, alone", "rgb565", Company::ALONE},   {"16-bit panel, with others", "rgb565", Company::WITH_OTHERS},
-    {"18-bit panel, alone", "rgb666", Company::ALONE},   {"18-bit panel, with others", "rgb666", Company::WITH_OTHERS},
-    {"32-bit panel, alone", "xrgb8888", Company::ALONE}, {"32-bit panel, with others", "xrgb8888", Company::WITH_OTHERS},
+    {"16-bit panel, alone", "rgb565", Company::ALONE},
+    {"16-bit panel, with others", "rgb565", Company::WITH_OTHERS},
+    {"18-bit panel, alone", "rgb666", Company::ALONE},
+    {"18-bit panel, with others", "rgb666", Company::WITH_OTHERS},
+    {"32-bit panel, alone", "xrgb8888", Company::ALONE},
+    {"32-bit panel, with others", "xrgb8888", Company::WITH_OTHERS},
 };
 constexpr Column PANEL_COLUMNS[] = {
     {"16-bit panel", "rgb565", Company::ALONE},
@@ -159,12 +161,10 @@ std::string see_plane(Stage &stage, uint32_t plane, Company company)
     stage.surface().send("color_plane", {static_cast<int32_t>(plane)});
     stage.surface().send("show");
     stage.may_show("nothing of it", [](PictureComposer &) {});
-    stage.may_show("its own picture", [&](PictureComposer &composer) {
-        composer.draw(pixels, PLACE.x, PLACE.y, stage.depth() != 32);
-    });
-    stage.may_show(plane >> 24 == 0 ? "black" : "what lies below, dimmed", [&](PictureComposer &composer) {
-        composer.veil(PLACE, plane >> 24);
-    });
+    stage.may_show("its own picture",
+                   [&](PictureComposer &composer) { composer.draw(pixels, PLACE.x, PLACE.y, stage.depth() != 32); });
+    stage.may_show(plane >> 24 == 0 ? "black" : "what lies below, dimmed",
+                   [&](PictureComposer &composer) { composer.veil(PLACE, plane >> 24); });
     stage.may_show(stage.depth() == 16 ? "the colour, low bits cut off" : "the colour",
                    [&](PictureComposer &composer) { composer.fill(PLACE, plane & 0xFFFFFF); });
     if (stage.depth() == 18)
@@ -242,9 +242,8 @@ std::string see_translucent_redrawn(Stage &stage, Company)
     stage.surface().send("show");
     stage.surface().settle();
     stage.surface().send("dirty", {0, 0, PLACE.width, PLACE.height});
-    stage.may_show("the same", [&](PictureComposer &composer) {
-        composer.draw(pixels, PLACE.x, PLACE.y, stage.depth() != 32);
-    });
+    stage.may_show("the same",
+                   [&](PictureComposer &composer) { composer.draw(pixels, PLACE.x, PLACE.y, stage.depth() != 32); });
     stage.may_show("blended over itself once more", [&](PictureComposer &composer) {
         composer.draw(pixels, PLACE.x, PLACE.y);
         composer.draw(pixels, PLACE.x, PLACE.y);
@@ -365,7 +364,8 @@ std::string cell_name(const testing::TestParamInfo<Cell> &info)
     const Cell &cell = info.param;
     std::string name = std::string(cell.table->name) + "_" + cell.table->rows[cell.row].name + "_" +
                        cell.table->columns[cell.column].name;
-    std::replace_if(name.begin(), name.end(), [](char c) { return isalnum(c) == 0; }, '_');
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return isalnum(c) == 0; }, '_');
     return name;
 }
 

@@ -49,8 +49,8 @@ Pixels widened(const Pixels &pixels)
     }
     for (int y = 0; y < pixels.height; y++) {
         for (int x = 0; x < pixels.width; x++)
-            wide.set(x, y, pixels.format == PixelFormat::RGB565 ? wide.at(x, y) & 0xF8FCF8
-                                                                : widened_666(pixels.at(x, y)));
+            wide.set(x, y,
+                     pixels.format == PixelFormat::RGB565 ? wide.at(x, y) & 0xF8FCF8 : widened_666(pixels.at(x, y)));
     }
     return wide;
 }
@@ -101,8 +101,10 @@ std::string hex(uint32_t word)
 
 PictureComposer::PictureComposer(int width, int height)
     : width_(width), height_(height), words_(static_cast<size_t>(width * height), 0),
-      canvas_(pixman_image_create_bits_no_clear(PIXMAN_x8r8g8b8, width, height, words_.data(), width * 4)),
-      clip_{0, 0, width, height}
+      canvas_(pixman_image_create_bits_no_clear(PIXMAN_x8r8g8b8, width, height, words_.data(), width * 4)), clip_{
+                                                                                                                0, 0,
+                                                                                                                width,
+                                                                                                                height}
 {
 }
 

@@ -64,7 +64,7 @@ protected:
                                   int32_t rotation = 0)
     {
         const auto bytes = static_cast<size_t>(stride) * static_cast<size_t>(place.h);
-        auto pixels = std::make_unique<GuardedBuffer>(bytes, GuardedBuffer::AT_END);
+        auto pixels = std::make_unique<GuardedBuffer>(bytes, GuardedBuffer::AT_END, pixel_gap(bytes));
         ImageSurface *surface = fs_add_surface(server, place.x, place.y, place.w, place.h, stride, format, level,
                                                rotation, pixels->data(), name);
         memories.push_back(std::move(pixels)); // outlives the surface

@@ -10,6 +10,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+// The gap that keeps `size` bytes aligned for pixels when they end at the guard page.
+constexpr size_t pixel_gap(size_t size)
+{
+    return (4 - size % 4) % 4;
+}
+
 class GuardedBuffer {
 public:
     enum Side { AT_START, AT_END };

@@ -51,7 +51,7 @@ void *open_output(MemoryOutput &output, ScreenInfo *info, int32_t has_alpha)
     info->byte_order = output.byte_order;
     info->has_alpha = has_alpha;
     info->memory = output.memory != 0 ? output.memory : info->stride * static_cast<uint32_t>(output.height);
-    output.pixels = std::make_unique<GuardedBuffer>(info->memory, GuardedBuffer::AT_END);
+    output.pixels = std::make_unique<GuardedBuffer>(info->memory, GuardedBuffer::AT_END, pixel_gap(info->memory));
     memset(output.pixels->data(), output.content, info->memory);
     return output.pixels->data();
 }

@@ -31,9 +31,9 @@ public:
     bool open(const std::string &folder);
     bool is_open() const { return state_ != nullptr; }
 
-    int width() const;  // pixels
+    int width() const; // pixels
     int height() const;
-    int depth() const;  // 16, 18 or 32
+    int depth() const; // 16, 18 or 32
     size_t stride() const;
     size_t memory_size() const; // bytes, the invisible ones included
     volatile uint8_t *memory() const { return memory_; }

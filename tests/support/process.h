@@ -21,9 +21,9 @@ std::string from_build(const char *name);
 std::string shared_memory_prefix();
 
 struct ProgramStart {
-    std::vector<std::string> words; // the program's path and its arguments
+    std::vector<std::string> words;                                    // the program's path and its arguments
     std::vector<std::pair<std::string, std::string>> environment = {}; // set in addition
-    int in_fd = -1;  // become its standard streams; -1: /dev/null. They stay the caller's.
+    int in_fd = -1; // become its standard streams; -1: /dev/null. They stay the caller's.
     int out_fd = -1;
     int err_fd = -1;
     std::vector<int> closed = {}; // standard streams that it starts without

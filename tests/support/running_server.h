@@ -14,7 +14,7 @@ struct ServerOptions {
     std::string format = "xrgb8888";
     std::vector<std::string> panel = {};  // further options of the panel
     std::vector<std::string> server = {}; // the server's arguments
-    int out_fd = -1;             // its streams; -1: collected in files
+    int out_fd = -1;                      // its streams; -1: collected in files
     int err_fd = -1;
     std::vector<int> closed = {}; // streams that it starts without
 };

@@ -2,7 +2,12 @@
 // What a piece of code prints, as a string: on standard output, or on standard error.
 #pragma once
 
+#include <cstdint>
+
 #include "stdout_capture.h"
+
+// Present in sanitized programs only. What a sanitizer reports must not end in a capture that dies with the program.
+extern "C" [[gnu::weak]] void __sanitizer_set_report_fd(void *fd);
 
 // Catches standard error while the object lives.
 class StderrCapture {
@@ -15,9 +20,11 @@ public:
             perror("capturing standard error");
             abort();
         }
+        send_reports_to(saved);
     }
     ~StderrCapture()
     {
+        send_reports_to(STDERR_FILENO);
         dup2(saved, STDERR_FILENO);
         close(saved);
         close(file);
@@ -34,6 +41,12 @@ public:
     }
 
 private:
+    static void send_reports_to(int fd)
+    {
+        if (__sanitizer_set_report_fd != nullptr)
+            __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
+    }
+
     int saved;
     int file;
 };

@@ -181,6 +181,18 @@ bool TestClient::is_connected()
     return connected;
 }
 
+void show_together(std::initializer_list<TestClient *> clients)
+{
+    TestClient *first = *clients.begin();
+    first->lock(0, 0, 0, 0);
+    for (TestClient *client : clients) {
+        client->send("show");
+        client->native_depth();
+    }
+    first->send("unlock");
+    first->settle();
+}
+
 void ClientSteps::reached()
 {
     char byte = '.';

@@ -67,6 +67,9 @@ private:
     size_t size_ = 0;
 };
 
+// Shows the surfaces in one render: the first client holds the render lock meanwhile.
+void show_together(std::initializer_list<TestClient *> clients);
+
 // A client in a process of its own. The two sides take turns at named steps:
 // the client says "I am that far" with reached(), the test waits for it and lets it go on.
 class ClientSteps {

@@ -18,17 +18,6 @@ namespace {
 
 constexpr auto PATIENCE = std::chrono::seconds(60);
 
-bool wait_until(const std::function<bool()> &holds)
-{
-    const auto end = std::chrono::steady_clock::now() + PATIENCE;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        usleep(2000);
-    }
-    return true;
-}
-
 void redirect(const std::string &file, int to)
 {
     const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -46,7 +35,23 @@ void redirect(const std::string &file, int to)
     _exit(125);
 }
 
+Words own_children()
+{
+    return split(read_file("/proc/thread-self/children"), ' ');
+}
+
 } // namespace
+
+bool wait_until(const std::function<bool()> &holds)
+{
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        usleep(2000);
+    }
+    return true;
+}
 
 std::string from_environment(const char *variable)
 {
@@ -93,6 +98,12 @@ void PanelTest::SetUp()
 
 void PanelTest::TearDown()
 {
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a program is left behind";
+    // Orphans included: they are this process's children.
+    for (Words pids = own_children(); !pids.empty(); pids = own_children()) {
+        kill(std::stoi(pids[0]), SIGKILL);
+        waitpid(std::stoi(pids[0]), nullptr, 0);
+    }
     EXPECT_EQ(folder_entries(), Words{}) << "a panel is left behind";
     std::filesystem::remove_all(folder);
 }

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <sys/types.h>
@@ -24,6 +25,8 @@ struct Started {
     std::string err_file;
 };
 
+// Polls, with a generous limit. False when the limit has passed.
+bool wait_until(const std::function<bool()> &holds);
 std::string from_environment(const char *variable);
 std::string read_file(const std::string &path);
 Words split(const std::string &text, char separator);
@@ -32,7 +35,7 @@ Words lines(const std::string &text);
 class PanelTest : public testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override; // fails when a panel is left behind
+    void TearDown() override; // fails when a panel or a program is left behind, and ends such programs
 
     Started start(const Words &words);
     // Waits, generously, until the program has printed the text; a failure if it does not.

@@ -8,12 +8,12 @@
 
 int main(void)
 {
-	setenv("MC_RUNTIME_DIR", "/nowhere", 1);
-	pfb_client *client = pfb_connect("hello");
-	puts(pfb_error_text());
-	return client == NULL && pfb_error() == PFB_ERROR_NO_SERVER &&
-			       strcmp(pfb_error_text(),
-				      "pfb_connect: no server listens at /nowhere/pfb.mc: is fbserver running?") == 0
-		       ? 0
-		       : 1;
+    setenv("MC_RUNTIME_DIR", "/nowhere", 1);
+    pfb_client *client = pfb_connect("hello");
+    puts(pfb_error_text());
+    return client == NULL && pfb_error() == PFB_ERROR_NO_SERVER &&
+                   strcmp(pfb_error_text(),
+                          "pfb_connect: no server listens at /nowhere/pfb.mc: is fbserver running?") == 0
+               ? 0
+               : 1;
 }

@@ -138,10 +138,12 @@ TEST(ClientMemory, LaterClientsGoIntoReservationsThatAreLargeEnough)
 TEST(ClientMemory, TheSmallestReservationThatFitsIsTaken)
 {
     in_fork([] {
+        client_memory_retire(map_client(24, 'a')); // the ones below are carved from it, one behind the other
         char *large = map_client(16, 'a');
         char *keep = map_client(1, 'k');
         char *small = map_client(4, 'b');
         char *keep_too = map_client(1, 'k');
+        ASSERT_EQ(keep_too, large + 21 * PAGE);
         client_memory_retire(large);
         client_memory_retire(small);
         EXPECT_EQ(map_client(3, 'c'), small);
@@ -207,7 +209,8 @@ TEST(ClientMemory, ForeignMemoryIsLeftAlone)
 {
     in_fork([] {
         client_memory_retire(nullptr);
-        char *own = static_cast<char *>(mmap(nullptr, PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        char *own =
+            static_cast<char *>(mmap(nullptr, PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         client_memory_retire(own);
         EXPECT_TRUE(is_accessible(own));
         char *pixels = map_client(2, 'a');

@@ -96,7 +96,8 @@ TEST_F(PanelTest, a_killed_panel_takes_its_program_along_and_is_swept_up_later)
     const Started program = start_panel({"--name", "killed"}, {"signals"});
     EXPECT_EQ(end(program, SIGKILL).status, 1000 + SIGKILL);
     int status = 0;
-    ASSERT_GT(wait(&status), 0); // this process adopts the orphan
+    ASSERT_TRUE(wait_until([&] { return waitpid(-1, &status, WNOHANG) > 0; }))
+        << "the program lives on"; // as our child
     EXPECT_EQ(WEXITSTATUS(status), SIGTERM);
     EXPECT_EQ(folder_entries(), Words{"pfbpanel-killed"});
     EXPECT_EQ(run(pfbpanel({"list"})).out, "");

@@ -160,14 +160,15 @@ TEST_F(PanelShotTest, the_shown_part_of_the_memory_is_taken)
 
 TEST_F(PanelShotTest, rows_beyond_the_memory_are_black)
 {
-    const Started program = start_panel({"--size", "8x8", "--format", "xrgb8888", "--memory", "80"}, {"wait"});
-    std::ofstream(folder + "/fill") << std::string(80, '\x7F');
-    std::filesystem::copy_file(folder + "/fill", panels + "/" + folder_entries().at(0) + "/dev/fb0",
-                               std::filesystem::copy_options::overwrite_existing);
-    const Picture picture = shot({}); // two rows and a half
-    for (uint32_t y = 0; y < 8; y++)
-        for (uint32_t x = 0; x < 8; x++)
-            EXPECT_EQ(picture.at(x, y), y * 8 + x < 20 ? 0xFF7F7F7F : 0xFF000000) << x << "," << y;
+    // One page: what follows it in the reader's address space is something else.
+    const Started program = start_panel({"--size", "100x16", "--format", "xrgb8888", "--memory", "4096"}, {"wait"});
+    std::ofstream(panels + "/" + folder_entries().at(0) + "/dev/fb0") << std::string(4096, '\x7F');
+    const Picture picture = shot({});
+    unsigned wrong = 0;
+    for (uint32_t y = 0; y < 16; y++)
+        for (uint32_t x = 0; x < 100; x++)
+            wrong += picture.at(x, y) != (y * 100 + x < 1024 ? 0xFF7F7F7F : 0xFF000000);
+    EXPECT_EQ(wrong, 0u);
     stop(program);
 }
 
@@ -300,24 +301,37 @@ TEST_F(PanelShotTest, watch_counts_what_changes_and_nothing_else)
     stop(moving);
 }
 
-// The bit of SIGINT in the mask of signals that the process catches.
+std::string process_status(pid_t pid, const std::string &field)
+{
+    for (const std::string &line : lines(read_file("/proc/" + std::to_string(pid) + "/status"))) {
+        if (line.rfind(field + ":", 0) == 0)
+            return line.substr(field.size() + 1);
+    }
+    return "0"; // not running
+}
+
 bool catches_interrupt(pid_t pid)
 {
-    const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
-    const size_t at = status.find("SigCgt:");
-    return at != std::string::npos && (std::stoull(status.substr(at + 7), nullptr, 16) & 1u << (SIGINT - 1)) != 0;
+    return (std::stoull(process_status(pid, "SigCgt"), nullptr, 16) & 1u << (SIGINT - 1)) != 0;
+}
+
+// It sleeps once before each sample.
+void wait_for_samples(pid_t pid, unsigned long count)
+{
+    const unsigned long before = std::stoul(process_status(pid, "voluntary_ctxt_switches"));
+    const auto enough = [&] { return std::stoul(process_status(pid, "voluntary_ctxt_switches")) >= before + count; };
+    EXPECT_TRUE(wait_until(enough)) << "it takes no samples";
 }
 
 TEST_F(PanelShotTest, watch_sees_a_panned_screen_and_ends_early_when_interrupted)
 {
     const Started program = start_panel({"--size", "8x8", "--virtual-height", "16"}, {"draw", "/dev/fb0", "1", "wait"});
     const Started watching = start(pfbpanel({"watch", "--seconds", "100000", "--rate", "1000"}));
-    while (!catches_interrupt(watching.pid) && read_file(watching.err_file).empty())
-        usleep(1000);
-    usleep(20000); // it is sampling by now, and if not, the first sample is the changed one
+    ASSERT_TRUE(wait_until([&] { return catches_interrupt(watching.pid); })) << read_file(watching.err_file);
+    wait_for_samples(watching.pid, 5);
     run(pfbpanel({"run", "--", probe, "put", "/dev/fb0", std::to_string(FBIOPAN_DISPLAY), "8"}));
-    const Watched watched = parse_watch(end(watching, SIGINT));
-    EXPECT_LE(watched.changed, 1u);
+    wait_for_samples(watching.pid, 5);
+    EXPECT_EQ(parse_watch(end(watching, SIGINT)).changed, 1u);
     stop(program);
 }
 

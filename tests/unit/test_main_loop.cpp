@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: MIT
+// The signals that end the main loop, whatever the loop is at. Each loop runs in a fork.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <functional>
+#include <glib-unix.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "../../src/fbserver/main_loop.h"
+
+namespace {
+
+constexpr int ENDED = 42;
+constexpr auto LONG = std::chrono::seconds(60);
+
+int report; // the loop's side writes a byte when the signal may come
+
+gboolean say_ready(gpointer)
+{
+    return write(report, ".", 1) == 1 ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
+}
+
+// Its byte is never taken: the descriptor stays ready, as those of clients that flood do.
+gboolean stay_ready(gint, GIOCondition, gpointer)
+{
+    return G_SOURCE_CONTINUE;
+}
+
+void add_ready_descriptor()
+{
+    int ends[2];
+    if (pipe(ends) == 0 && write(ends[1], ".", 1) == 1)
+        g_unix_fd_add(ends[0], G_IO_IN, stay_ready, nullptr);
+}
+
+// The exit status, or -1 for a process that does not end (it is then killed) or was killed by a signal.
+int wait_for(pid_t pid)
+{
+    const auto until = std::chrono::steady_clock::now() + LONG;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > until) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs the main loop after `prepare`, and sends it the signal when it has turned.
+int end_by(int signal_number, const std::function<void()> &prepare)
+{
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        report = ends[1];
+        signals_install();
+        prepare();
+        g_timeout_add(20, say_ready, nullptr);
+        main_loop_run();
+        _exit(ENDED);
+    }
+    close(ends[1]);
+    char byte;
+    EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    close(ends[0]);
+    kill(pid, signal_number);
+    return wait_for(pid);
+}
+
+} // namespace
+
+TEST(MainLoop, ASignalEndsTheWaiting)
+{
+    EXPECT_EQ(end_by(SIGTERM, [] {}), ENDED);
+    EXPECT_EQ(end_by(SIGINT, [] {}), ENDED);
+}
+
+TEST(MainLoop, ASignalEndsALoopThatNeverWaits)
+{
+    EXPECT_EQ(end_by(SIGTERM, add_ready_descriptor), ENDED);
+    EXPECT_EQ(end_by(SIGINT, add_ready_descriptor), ENDED);
+}
+
+// What comes before the loop exists is reported and ignored, however many at once; the next one ends it.
+TEST(MainLoop, EarlySignalsAreIgnored)
+{
+    const auto early = [] {
+        raise(SIGTERM);
+        raise(SIGINT);
+        raise(SIGTERM);
+    };
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(end_by(SIGTERM, early), ENDED);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_NE(text.find("g_main_loop_quit"), std::string::npos) << text;
+}
+
+TEST(MainLoop, SigpipeIsIgnored)
+{
+    EXPECT_EQ(end_by(SIGTERM, [] { raise(SIGPIPE); }), ENDED);
+}
