@@ -36,7 +36,7 @@ static void on_usr1(int number)
     report_all = 1;
 }
 
-static void die(const char *what)
+static _Noreturn void die(const char *what)
 {
     perror(what);
     exit(1);

@@ -28,7 +28,7 @@ struct device {
     unsigned char *memory;
 };
 
-static void die(const char *what)
+static _Noreturn void die(const char *what)
 {
     perror(what);
     exit(1);
