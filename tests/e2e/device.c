@@ -59,8 +59,8 @@ static struct device device_open(const char *path)
 
 static int info(const struct device *device)
 {
-    printf("%u %u %u %u %u\n", device->var.xres, device->var.yres, device->var.bits_per_pixel,
-           device->fix.line_length, device->fix.smem_len);
+    printf("%u %u %u %u %u\n", device->var.xres, device->var.yres, device->var.bits_per_pixel, device->fix.line_length,
+           device->fix.smem_len);
     return 0;
 }
 

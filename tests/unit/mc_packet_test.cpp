@@ -224,7 +224,8 @@ std::string random_packet(std::mt19937_64 &random)
     for (uint64_t n = random() % 6; n > 0; n--) {
         const bool integer = random() % 2;
         signature += integer ? 'i' : 's';
-        arguments += integer ? u32(static_cast<uint32_t>(random())) : padded_text(std::string(random_below(random, 9), 'q'));
+        arguments +=
+            integer ? u32(static_cast<uint32_t>(random())) : padded_text(std::string(random_below(random, 9), 'q'));
     }
     return header(static_cast<uint32_t>(random()), std::string(random_below(random, 7), 'w'), signature) + arguments;
 }
