@@ -21,7 +21,7 @@ help:
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
-	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors'
+	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors (not yet run to the end)'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
 	@echo 'make format          formats the sources'
 	@echo 'make install         installs to $(prefix) (prefix=/usr, DESTDIR=FOLDER)'
