@@ -16,13 +16,14 @@ std::string page_path()
     return from_build("PFB_TEST_DOCS") + "/gallery.md";
 }
 
-// Where the text of a picture begins and ends on the page; npos: the page does not show it so.
+// Where the text after a picture begins and ends on the page; npos: the page does not show it so. Pictures that stand
+// before one text share it: the same calls, on different panels.
 std::pair<size_t, size_t> find_text(const std::string &page, const std::string &picture)
 {
     const size_t shown = page.find(FOLDER + picture + ENDING);
     const size_t begin = shown == std::string::npos ? shown : page.find(CODE, shown);
-    if (begin == std::string::npos || begin > page.find(FOLDER, shown + 1))
-        return {std::string::npos, std::string::npos};
+    if (begin == std::string::npos)
+        return {begin, begin};
     const size_t from = begin + CODE.size();
     return {from, page.find(CODE_END, from)};
 }

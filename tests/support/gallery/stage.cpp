@@ -109,15 +109,10 @@ Format format_of(pfb_format format)
 // ---- clients ----
 
 GalleryClient::GalleryClient(GalleryStage &stage, const char *name)
-    : stage_(stage), variable_(name), client_(pfb_connect(name)),
-      id_(static_cast<int>(stage.clients_.size()) + HAND + 1)
+    : stage_(stage), name_(name), variable_(name), id_(static_cast<int>(stage.clients_.size()) + HAND + 1)
 {
-    EXPECT_NE(client_, nullptr) << pfb_error_text();
-    pfb_set_timeout(client_, TIMEOUT_MS);
     if (variable_.rfind(SECOND_LAYER, 0) == 0)
         variable_.erase(0, strlen(SECOND_LAYER));
-    stage_.write_down("pfb_client *" + variable_ + " = pfb_connect(\"" + name + "\");");
-    model_connect(stage_.model_, id_, name);
     stage_.clients_.push_back(this);
 }
 
@@ -136,8 +131,15 @@ void GalleryClient::call(const std::string &function, int result, const char *wo
 void GalleryClient::create(pfb_format format, int x, int y, int width, int height, int level)
 {
     const int rotation = stage_.scene().rotation;
+    client_ = pfb_connect(name_.c_str());
+    ASSERT_NE(client_, nullptr) << pfb_error_text();
+    pfb_set_timeout(client_, TIMEOUT_MS);
+    model_connect(stage_.model_, id_, name_);
     ASSERT_EQ(pfb_create(client_, format, x, y, width, height, level, rotation), PFB_OK) << pfb_error_text();
     const Format f = format_of(format);
+    if (!stage_.lines_.empty())
+        stage_.write_down("");
+    stage_.write_down("pfb_client *" + variable_ + " = pfb_connect(\"" + name_ + "\");");
     stage_.write_down("pfb_create(" + variable_ + ", " + f.text + numbers({x, y, width, height, level, rotation}) +
                       ");");
     format_ = format;
@@ -333,7 +335,8 @@ void GalleryStage::check(const char *name, const Picture *to_the_eye)
             p = lit(p, depth_);
         ASSERT_EQ(picture_difference(panel_seen(), upright), "") << name << ": the panel is not right to the eye";
     }
-    EXPECT_EQ(gallery_check_text(name, lines_), "");
+    const std::string wrong = gallery_check_text(name, lines_);
+    EXPECT_TRUE(wrong.empty()) << wrong;
     const std::string path = gallery_picture_path(name);
     if (gallery_writes()) {
         EXPECT_EQ(picture_write(expected, path), "");

@@ -38,6 +38,7 @@ public:
     GalleryClient(const GalleryClient &) = delete;
     GalleryClient &operator=(const GalleryClient &) = delete;
 
+    // Connects, and makes the surface. The first call.
     void create(pfb_format format, int x, int y, int width, int height, int level);
     // Puts the picture into the surface's memory, where it is as large as the surface; "draw_evening" as C.
     void draw(const char *function, const Canvas &canvas);
@@ -58,9 +59,10 @@ private:
     void synchronise();
 
     GalleryStage &stage_;
+    std::string name_;
     std::string variable_;
-    pfb_client *client_;
-    int id_;
+    pfb_client *client_ = nullptr;
+    int id_; // in the model
     pfb_format format_ = PFB_FORMAT_XRGB32;
     model::ClientMemory memory_;
 };
