@@ -37,7 +37,7 @@ void levels(GalleryStage &stage)
     two.show();
     three.show();
     stage.picture();
-    two.set_layer(4);
+    two.set_layer(3);
     stage.picture();
 }
 
@@ -194,6 +194,8 @@ void second_layer(GalleryStage &stage)
     buttons.draw("draw_buttons", art_menu(240, 60));
     buttons.show();
     stage.picture();
+    glass.move(20, 16);
+    stage.picture();
 }
 
 // ---- turned displays ----
@@ -260,7 +262,7 @@ const GalleryScene scenes[] = {
     {.name = "color_plane", .pictures = {"color-plane"}, .play = color_plane},
     {.name = "leftovers", .pictures = {"leftovers"}, .play = leftovers},
     {.name = "no_leftovers", .pictures = {"leftovers-none"}, .play = no_leftovers},
-    {.name = "second_layer", .pictures = {"second-layer"}, .layer2 = true, .play = second_layer},
+    {.name = "second_layer", .pictures = {"second-layer", "second-layer-moved"}, .layer2 = true, .play = second_layer},
     {.name = "turned_16",
      .pictures = {"turned-16-bits"},
      .format = "rgb565",
