@@ -276,6 +276,7 @@ const GalleryScene scenes[] = {
      .width = 800,
      .height = 480,
      .rotation = 90,
+     .given_size = true,
      .play = turned},
     {.name = "turned_portrait",
      .pictures = {"turned-portrait-panel"},

@@ -38,6 +38,8 @@ ServerOptions options(const GalleryScene &scene)
     ServerOptions options{.size = size, .format = scene.format};
     if (scene.layer2)
         options.panel = {"--layer2", size + ":argb8888"};
+    if (scene.given_size)
+        options.server = {std::to_string(scene.width), std::to_string(scene.height)};
     return options;
 }
 
@@ -223,7 +225,8 @@ void GalleryClient::synchronise()
 
 GalleryStage::GalleryStage(const GalleryScene &scene)
     : scene_(scene), depth_(depth_of_panel(scene.format)), server_(options(scene)), hand_("hand"),
-      model_(model::model_new(-1, -1, device(scene.width, scene.height, depth_), device(scene.width, scene.height, 32)))
+      model_(model::model_new(scene.given_size ? scene.width : -1, scene.given_size ? scene.height : -1,
+                              device(scene.width, scene.height, depth_), device(scene.width, scene.height, 32)))
 {
     static const uint8_t pixel[4] = {};
     static const model::ClientMemory memory{pixel, sizeof pixel};

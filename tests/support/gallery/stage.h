@@ -26,6 +26,7 @@ struct GalleryScene {
     int height = 200;
     int rotation = 0; // what the clients expect, degrees
     bool layer2 = false;
+    bool given_size = false; // stands on the server's command line; else the server asks the device
     void (*play)(GalleryStage &) = nullptr;
 };
 
