@@ -296,6 +296,12 @@ class Gallery : public ::testing::TestWithParam<GalleryScene> {};
 
 } // namespace
 
+// In messages of GoogleTest.
+static void PrintTo(const GalleryScene &scene, std::ostream *out)
+{
+    *out << scene.name;
+}
+
 TEST_P(Gallery, PanelModelAndFileAreTheSame)
 {
     gallery_play(GetParam());
