@@ -163,13 +163,15 @@ void wander(GalleryStage &stage, GalleryClient &card)
     card.move(92, 50);
     stage.pass();
     card.move(160, 84);
-    stage.picture();
 }
 
 void leftovers(GalleryStage &stage)
 {
     GalleryClient card(stage, "card");
     wander(stage, card);
+    stage.pass();
+    card.hide();
+    stage.picture();
 }
 
 void no_leftovers(GalleryStage &stage)
@@ -177,6 +179,9 @@ void no_leftovers(GalleryStage &stage)
     GalleryClient evening(stage, "evening"), card(stage, "card");
     background(stage, evening);
     wander(stage, card);
+    stage.picture();
+    card.hide();
+    stage.picture();
 }
 
 void second_layer(GalleryStage &stage)
@@ -261,7 +266,7 @@ const GalleryScene scenes[] = {
     {.name = "dialog", .pictures = {"veil-dialog"}, .play = dialog},
     {.name = "color_plane", .pictures = {"color-plane"}, .play = color_plane},
     {.name = "leftovers", .pictures = {"leftovers"}, .play = leftovers},
-    {.name = "no_leftovers", .pictures = {"leftovers-none"}, .play = no_leftovers},
+    {.name = "no_leftovers", .pictures = {"leftovers-none", "leftovers-hidden"}, .play = no_leftovers},
     {.name = "second_layer", .pictures = {"second-layer", "second-layer-moved"}, .layer2 = true, .play = second_layer},
     {.name = "turned_16",
      .pictures = {"turned-16-bits"},
