@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <png.h>
 
+#include "picture_file.h"
 #include "process.h"
 
 namespace {
@@ -74,20 +74,8 @@ std::string picture_path(const char *kind)
 std::string write_picture(const Picture &picture, const char *kind)
 {
     const std::string path = picture_path(kind);
-    std::vector<uint8_t> rgb;
-    for (uint32_t p : picture.pixels) {
-        for (int shift : {16, 8, 0})
-            rgb.push_back(static_cast<uint8_t>(p >> shift));
-    }
-    png_image png;
-    memset(&png, 0, sizeof png);
-    png.version = PNG_IMAGE_VERSION;
-    png.width = static_cast<png_uint_32>(picture.width);
-    png.height = static_cast<png_uint_32>(picture.height);
-    png.format = PNG_FORMAT_RGB;
-    if (png_image_write_to_file(&png, path.c_str(), 0, rgb.data(), 0, nullptr) == 0)
-        return path + ": " + png.message;
-    return path;
+    const std::string error = picture_write(picture, path);
+    return error.empty() ? path : error;
 }
 
 std::string hex(uint32_t word)
