@@ -8,7 +8,7 @@ FORMAT ?= xrgb8888
 TIME ?= 60
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-clang test-compilers soak e2e arm check format sanitize install clean
+.PHONY: help build demo panel test test-clang test-compilers soak e2e arm packages check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -22,6 +22,7 @@ help:
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
 	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors (not yet run to the end)'
+	@echo 'make packages        Debian packages in build/packages, tried in a clean Debian (root or sudo)'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
 	@echo 'make format          formats the sources'
 	@echo 'make install         installs to $(prefix) (prefix=/usr, DESTDIR=FOLDER)'
@@ -69,6 +70,10 @@ e2e:
 
 arm:
 	@scripts/arm
+
+packages:
+	@scripts/deps build package
+	@scripts/package
 
 check:
 	@scripts/deps build test check
