@@ -292,3 +292,50 @@ Table second_layer_table()
              {"18-bit layer", "rgb666", Company::ALONE},
              {"16-bit layer", "rgb565", Company::ALONE}}};
 }
+
+// ---- the ways around ----
+
+TEST(WhatYouSeeLayer, WhatIsFilledWith0AndThenEndsIsGone)
+{
+    for (const Column &column : second_layer_table().columns) {
+        for (const PixelFormat format : {PixelFormat::RGB565, PixelFormat::XRGB, PixelFormat::ARGB}) {
+            SCOPED_TRACE(std::string(column.name) + ", format " + std::to_string(static_cast<int>(format)));
+            LayerStage stage(column.panel);
+            stage.surface().create(pixels_random(format, PLACE.width, PLACE.height, 2), PLACE.x, PLACE.y, 0);
+            stage.surface().send("show");
+            stage.surface().settle();
+            stage.may_show("nothing of it", empty_layer());
+            EXPECT_EQ(stage.look(), UNKNOWN_SIGHT);
+            stage.surface().draw(pixels_new(format, PLACE.width, PLACE.height));
+            stage.surface().send("dirty", {0, 0, PLACE.width, PLACE.height});
+            stage.surface().settle();
+            stage.surface().hang_up();
+            EXPECT_EQ(stage.look(), "nothing of it");
+            EXPECT_EQ(stage.stop(), 0);
+        }
+    }
+}
+
+TEST(WhatYouSeeLayer, BeyondTheScreensEdgeAHiddenSurfaceIsNotDrawnUntilItIsMovedAndShown)
+{
+    for (const Column &column : second_layer_table().columns) {
+        SCOPED_TRACE(column.name);
+        LayerStage stage(column.panel);
+        stage.surface().create(NEWER, PANEL_WIDTH, PANEL_HEIGHT, 1);
+        stage.surface().settle();
+        stage.neighbour().create(with_top_bytes(BARE, FULL), PLACE.x, PLACE.y, 0);
+        stage.neighbour().send("show");
+        stage.neighbour().settle();
+        stage.neighbour().send("dirty", {0, 0, PLACE.width, PLACE.height});
+        stage.neighbour().settle();
+        stage.may_show("the other one", layer_with(with_top_bytes(BARE, FULL)));
+        EXPECT_EQ(stage.look(), "the other one");
+        stage.surface().draw(with_top_bytes(NEWER, FULL));
+        stage.surface().send("move", {PLACE.x, PLACE.y});
+        stage.surface().send("show");
+        stage.surface().settle();
+        stage.may_show("it", layer_with(with_top_bytes(NEWER, FULL)));
+        EXPECT_EQ(stage.look(), "it");
+        EXPECT_EQ(stage.stop(), 0);
+    }
+}
