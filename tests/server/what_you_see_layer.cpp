@@ -224,11 +224,14 @@ std::string see_bare_alone(LayerStage *stage)
     return stage->look();
 }
 
-// The neighbour shows nothing: it is transparent, and on a layer without alpha black as what is around it.
-void draw_with_neighbour(LayerStage *stage, const char *word)
+// Draws the surface in one pass with the neighbour. That one shows nothing: it is transparent, and on a layer without
+// alpha black as what is around it.
+void draw_with_neighbour(LayerStage *stage, bool shows)
 {
     stage->keeper().lock(0, 0, 0, 0);
-    stage->surface().send(word, {0, 0, PLACE.width, PLACE.height});
+    if (shows)
+        stage->surface().send("show");
+    stage->surface().send("dirty", {0, 0, PLACE.width, PLACE.height});
     stage->surface().native_depth();
     stage->neighbour().send("dirty", {0, 0, 3, 3});
     stage->neighbour().native_depth();
@@ -247,11 +250,7 @@ std::string see_bare_with_others(LayerStage *stage)
 {
     add_neighbour(stage);
     stage->surface().create(BARE, PLACE.x, PLACE.y, 0);
-    stage->keeper().lock(0, 0, 0, 0);
-    stage->surface().send("show");
-    stage->surface().native_depth();
-    stage->keeper().send("unlock");
-    draw_with_neighbour(stage, "dirty");
+    draw_with_neighbour(stage, true);
     expect_bare(stage);
     return stage->look();
 }
@@ -260,7 +259,7 @@ std::string see_bare_with_others_later(LayerStage *stage)
 {
     see_bare_alone(stage);
     add_neighbour(stage);
-    draw_with_neighbour(stage, "dirty");
+    draw_with_neighbour(stage, false);
     return stage->look();
 }
 
