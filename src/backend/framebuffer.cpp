@@ -29,8 +29,14 @@ uint32_t field_mask(const fb_bitfield &field)
 
 int framebuffer_open(const char *first, const char *second)
 {
-    const int fd = open(first, O_RDWR | O_CLOEXEC);
-    return fd == -1 && second != nullptr ? open(second, O_RDWR | O_CLOEXEC) : fd;
+    int fd = open(first, O_RDWR | O_CLOEXEC);
+    if (fd != -1 || second == nullptr)
+        return fd;
+    const int reason = errno;
+    fd = open(second, O_RDWR | O_CLOEXEC);
+    if (fd == -1 && errno == ENOENT)
+        errno = reason; // that hardly any system has the other name is not why it failed
+    return fd;
 }
 
 bool framebuffer_read_fixed(int fd, fb_fix_screeninfo *fix)

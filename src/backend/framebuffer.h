@@ -6,7 +6,8 @@
 
 #include "backend.h"
 
-// Opens `first` read-write, or `second` (may be null) when that fails. -1 when neither can be had.
+// Opens `first` read-write, or `second` (may be null) when that fails. -1 when neither can be had; errno is then the
+// second one's, but the first one's where the second does not exist.
 int framebuffer_open(const char *first, const char *second);
 
 // Read the device's description, its fixed and its variable half. False after a message; a width of 0 is refused.

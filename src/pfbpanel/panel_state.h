@@ -41,6 +41,7 @@ enum {
 #define PANEL_LAYER_REQUEST 0x46FFu
 #define PANEL_LAYER_BLOCK 192
 enum { PANEL_LAYER_APPLY = 3, PANEL_LAYER_READ = 4 };
+#define PANEL_LAYER_ENABLE 184 /* the byte offset of the word that shows the layer, or with 0 does not */
 
 /* Before anything was applied, the word at byte offset N of the layer's settings is PANEL_LAYER_PATTERN + N. Word 0 is
  * the sub-command: a read leaves it as the caller wrote it. */

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "picture.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -38,6 +39,14 @@ uint8_t channel(uint32_t pixel, const fb_bitfield &field)
     if (field.offset >= 32 || field.length >= 32)
         return 0;
     return widen(pixel >> field.offset & ((1u << field.length) - 1), field.length);
+}
+
+// The two layers' share of a channel: OVER of premultiplied colours, rounded to the nearest. Colours above their alpha,
+// which are not premultiplied, stop at white.
+uint8_t mix(uint8_t above, uint8_t alpha, uint8_t below)
+{
+    const uint32_t sum = above + (below * (255u - alpha) + 127) / 255;
+    return static_cast<uint8_t>(std::min(sum, 255u));
 }
 
 // A file to be filled beside `path`; null after a message.
@@ -78,9 +87,24 @@ std::vector<uint8_t> picture_decode(const Screen &screen, const std::vector<uint
         pixels.push_back(channel(pixel, screen.var.green));
         pixels.push_back(channel(pixel, screen.var.blue));
         if (alpha)
-            pixels.push_back(channel(pixel, screen.var.transp));
+            pixels.push_back(screen.var.transp.length > 0 ? channel(pixel, screen.var.transp) : 255);
     }
     return pixels;
+}
+
+void picture_lay_over(const Screen &screen_above, const std::vector<uint8_t> &above, const Screen &screen_below,
+                      std::vector<uint8_t> *below)
+{
+    const uint32_t width = std::min(screen_above.var.xres, screen_below.var.xres);
+    const uint32_t height = std::min(screen_above.var.yres, screen_below.var.yres);
+    for (uint32_t y = 0; y < height; y++) {
+        const uint8_t *from = above.data() + size_t{y} * screen_above.var.xres * 4;
+        uint8_t *to = below->data() + size_t{y} * screen_below.var.xres * 3;
+        for (uint32_t x = 0; x < width; x++, from += 4, to += 3) {
+            for (int i = 0; i < 3; i++)
+                to[i] = mix(from[i], from[3], to[i]);
+        }
+    }
 }
 
 bool picture_write_png(const std::string &path, const Screen &screen, const std::vector<uint8_t> &pixels, bool alpha)

@@ -145,6 +145,11 @@ bool screen_refresh(Screen *screen)
     return false;
 }
 
+bool screen_second_layer_is_on(const PanelState &panel)
+{
+    return panel.layer[0] == PANEL_LAYER_APPLY && panel.layer[PANEL_LAYER_ENABLE / 4] != 0;
+}
+
 uint32_t screen_pixel_bytes(const Screen &screen)
 {
     const uint32_t packed = (screen.var.bits_per_pixel + 7) / 8;

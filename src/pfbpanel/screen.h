@@ -40,6 +40,9 @@ void screen_close(Screen *screen);
 // Reads again which part of the memory is shown. False after a message.
 bool screen_refresh(Screen *screen);
 
+// Whether the panel's second layer is switched on: never before its settings were applied.
+bool screen_second_layer_is_on(const PanelState &panel);
+
 uint32_t screen_pixel_bytes(const Screen &screen);
 size_t screen_row_bytes(const Screen &screen);
 // Copies what is shown, row after row without padding; rows beyond the memory are zero.

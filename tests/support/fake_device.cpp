@@ -79,8 +79,10 @@ int open_device(const char *path, int flags)
 {
     opened.emplace_back(path);
     for (const FakeDevice *device : devices) {
-        if (device->path == path && (flags & O_ACCMODE) == O_RDWR)
-            return dup(device->memfd());
+        if (device->path != path || (flags & O_ACCMODE) != O_RDWR)
+            continue;
+        errno = device->open_error;
+        return device->open_error == 0 ? dup(device->memfd()) : -1;
     }
     errno = ENOENT;
     return -1;

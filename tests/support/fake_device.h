@@ -15,6 +15,7 @@ struct FakeDevice {
     uint32_t layer[48] = {}; // the second layer's driver-private control block
     bool has_layer = false;
     unsigned long failing_request = 0;           // this ioctl answers EIO
+    int open_error = 0;                          // opening it fails with this
     std::vector<unsigned long> requests;         // in the order in which they came
     std::vector<std::vector<uint32_t>> controls; // the blocks of request 0x46FF as they came in
     uint32_t console_mode = 0;                   // of KDSETMODE

@@ -240,6 +240,20 @@ static int command_layer(char **args)
     return 0;
 }
 
+/* enable PATH VALUE: applies the layer's settings with another word at 184, the one that shows it. */
+static int command_enable(char **args)
+{
+    const int fd = open_device(args[0]);
+    uint32_t block[LAYER_WORDS] = {4};
+    int result = ioctl(fd, LAYER_CONTROL, block);
+    block[0] = 3;
+    block[184 / 4] = (uint32_t)strtoul(args[1], NULL, 0);
+    if (result == 0)
+        result = ioctl(fd, LAYER_CONTROL, block);
+    puts(error_name(result));
+    return 0;
+}
+
 static int command_stat(char **args)
 {
     struct stat by_path, by_fd;
@@ -325,25 +339,13 @@ static const struct {
     int (*run)(char **args);
     int args;
 } commands[] = {
-    {"open", command_open, 3},
-    {"info", command_info, 1},
-    {"draw", command_draw, 2},
-    {"map", command_map, 3},
-    {"animate", command_animate, 2},
-    {"efault", command_efault, 2},
-    {"ioctl", command_ioctl, 2},
-    {"set", command_set, 3},
-    {"duplicates", command_duplicates, 1},
-    {"put", command_put, 3},
-    {"layer", command_layer, 1},
-    {"stat", command_stat, 1},
-    {"full", command_full, 1},
-    {"constructor", command_constructor, 0},
-    {"env", command_env, 1},
-    {"wait", command_wait, 0},
-    {"signals", command_signals, 0},
-    {"exit", command_exit, 1},
-    {"kill", command_kill, 1},
+    {"open", command_open, 3},   {"info", command_info, 1},       {"draw", command_draw, 2},
+    {"map", command_map, 3},     {"animate", command_animate, 2}, {"efault", command_efault, 2},
+    {"ioctl", command_ioctl, 2}, {"set", command_set, 3},         {"duplicates", command_duplicates, 1},
+    {"put", command_put, 3},     {"layer", command_layer, 1},     {"enable", command_enable, 2},
+    {"stat", command_stat, 1},   {"full", command_full, 1},       {"constructor", command_constructor, 0},
+    {"env", command_env, 1},     {"wait", command_wait, 0},       {"signals", command_signals, 0},
+    {"exit", command_exit, 1},   {"kill", command_kill, 1},
 };
 
 int main(int argc, char **argv)

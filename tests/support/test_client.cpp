@@ -108,7 +108,7 @@ void TestClient::create(const SurfaceRequest &request)
     send_packet(packet);
 }
 
-void TestClient::create(const Pixels &pixels, int x, int y, int level)
+void TestClient::create(const Pixels &pixels, int x, int y, int level, int rotation)
 {
     SurfaceRequest request;
     request.x = x;
@@ -118,6 +118,7 @@ void TestClient::create(const Pixels &pixels, int x, int y, int level)
     request.depth = depth_of(pixels);
     request.alpha = pixels.format == PixelFormat::ARGB ? 1 : 0;
     request.level = level;
+    request.rotation = rotation;
     request.stride = pixels.stride;
     create(request);
     draw(pixels);

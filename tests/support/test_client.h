@@ -39,7 +39,7 @@ public:
     // server's hands: its name goes.
     void create(const SurfaceRequest &request);
     // The same with the picture in it, as it is in `pixels`, at (x, y).
-    void create(const Pixels &pixels, int x, int y, int level);
+    void create(const Pixels &pixels, int x, int y, int level, int rotation = 0);
     // Writes the picture into the shared memory. Nothing is sent.
     void draw(const Pixels &pixels);
     void *memory() const { return memory_; }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The primary framebuffer: which devices it opens, what it says of them, and how it leaves them.
+#include <cerrno>
 #include <dirent.h>
 #include <linux/kd.h>
 #include <sys/mman.h>
@@ -173,6 +174,33 @@ TEST_F(Fb, WithoutAnyDeviceItAborts)
     console.path = "/dev/elsewhere-too";
     EXPECT_ABORT_AFTER("can't open virtual console device: No such file or directory\n", open_screen(), "backend/fb",
                        "fb_init", "0");
+}
+
+TEST_F(Fb, ADeviceThatMayNotBeOpenedSaysSo)
+{
+    device.open_error = EACCES;
+    EXPECT_ABORT_AFTER("can't open fb device: Permission denied\n", open_screen(), "backend/fb", "fb_init", "0");
+    console.open_error = EACCES;
+    EXPECT_ABORT_AFTER("can't open virtual console device: Permission denied\n", open_screen(), "backend/fb", "fb_init",
+                       "0");
+}
+
+TEST_F(Fb, TheReasonIsTheOtherNamesWhereThatOneExists)
+{
+    FakeDevice other("/dev/fb/0");
+    other.open_error = EBUSY;
+    device.open_error = EACCES;
+    EXPECT_ABORT_AFTER("can't open fb device: Device or resource busy\n", open_screen(), "backend/fb", "fb_init", "0");
+    device.path = "/dev/elsewhere";
+    EXPECT_ABORT_AFTER("can't open fb device: Device or resource busy\n", open_screen(), "backend/fb", "fb_init", "0");
+}
+
+TEST_F(Fb, TheOtherNameServesWhereTheFirstMayNotBeOpened)
+{
+    FakeDevice other("/dev/fb/0");
+    other.describe(800, 480, 32, 3200, 480);
+    device.open_error = EACCES;
+    EXPECT_NE(open_screen(), nullptr);
 }
 
 TEST_F(Fb, TheConsoleIsSwitchedToGraphicsAndNeverBack)

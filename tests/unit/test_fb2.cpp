@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The second layer: its device, its memory and its layer control.
+#include <cerrno>
+
 #include <gmock/gmock.h>
 
 #include "../../src/backend/backend.h"
@@ -112,6 +114,13 @@ TEST_F(Fb2, WithoutADeviceItAborts)
     device.path = "/dev/elsewhere";
     EXPECT_ABORT_AFTER("can't open fb2 device: No such file or directory\n", open_screen(), "backend/fb2",
                        "qarno_fb2_init", "0");
+}
+
+TEST_F(Fb2, ADeviceThatMayNotBeOpenedSaysSo)
+{
+    device.open_error = EACCES;
+    EXPECT_ABORT_AFTER("can't open fb2 device: Permission denied\n", open_screen(), "backend/fb2", "qarno_fb2_init",
+                       "0");
 }
 
 TEST_F(Fb2, TheMemoryIsZeroAfterOpeningAndAfterReleasing)

@@ -216,7 +216,10 @@ TEST_F(PanelTest, wrong_options_are_refused_before_anything_is_made)
                                {"watch", "--seconds", "0"},
                                {"watch", "--rate", "0"},
                                {"shot", "--fb", "a", "--name", "b", "c"},
-                               {"shot", "--fb", "a", "--layer2", "c"}})
+                               {"shot", "--fb", "a", "--layer2", "c"},
+                               {"shot", "--both", "--layer2", "c"},
+                               {"shot", "--both", "--raw", "c"},
+                               {"shot", "--both", "--fb", "a", "c"}})
         EXPECT_EQ(run(pfbpanel(words)).status, 2) << testing::PrintToString(words);
 }
 

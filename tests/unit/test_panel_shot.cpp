@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <linux/fb.h>
+#include <pixman.h>
 #include <png.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -185,6 +186,147 @@ TEST_F(PanelShotTest, the_second_layer_is_shown_with_its_alpha)
         for (uint32_t x = 0; x < 33; x++)
             wrong += picture.at(x, y) != pattern(x, y, 6);
     EXPECT_EQ(wrong, 0u);
+    stop(program);
+}
+
+// ---- both layers ----
+
+// Two canvases of pixman's, the second laid over the first one's top left corner.
+std::vector<uint32_t> laid_over(std::vector<uint32_t> below, int width, int height, std::vector<uint32_t> above,
+                                int above_width, int above_height)
+{
+    pixman_image_t *to = pixman_image_create_bits(PIXMAN_x8r8g8b8, width, height, below.data(), width * 4);
+    pixman_image_t *from =
+        pixman_image_create_bits(PIXMAN_a8r8g8b8, above_width, above_height, above.data(), above_width * 4);
+    pixman_image_composite32(PIXMAN_OP_OVER, from, nullptr, to, 0, 0, 0, 0, 0, 0, above_width, above_height);
+    pixman_image_unref(from);
+    pixman_image_unref(to);
+    return below;
+}
+
+// What the probe's picture holds: the format's colours, opaque, or the words themselves, which have alpha.
+std::vector<uint32_t> pattern_words(uint32_t width, uint32_t height, uint32_t number, uint32_t (*colour)(uint32_t))
+{
+    std::vector<uint32_t> words;
+    for (uint32_t y = 0; y < height; y++)
+        for (uint32_t x = 0; x < width; x++) {
+            const uint32_t value = pattern(x, y, number);
+            words.push_back(colour != nullptr ? 0xFF000000 | colour(value) : value);
+        }
+    return words;
+}
+
+void expect_words(const Picture &picture, const std::vector<uint32_t> &words)
+{
+    ASSERT_EQ(words.size(), size_t{picture.width} * picture.height);
+    EXPECT_FALSE(picture.alpha);
+    unsigned wrong = 0;
+    for (uint32_t y = 0; y < picture.height; y++)
+        for (uint32_t x = 0; x < picture.width; x++)
+            wrong += picture.at(x, y) != (words[size_t{y} * picture.width + x] | 0xFF000000);
+    EXPECT_EQ(wrong, 0u) << "pixels differ";
+}
+
+struct BothCase {
+    const char *format;
+    uint32_t (*colour)(uint32_t);
+    const char *size;
+    uint32_t width, height;
+    const char *second;
+    uint32_t second_width, second_height;
+    uint32_t (*second_colour)(uint32_t); // null: with alpha
+};
+
+constexpr BothCase BOTH[] = {
+    {"xrgb8888", rgb888, "40x30", 40, 30, "40x30:argb8888", 40, 30, nullptr},
+    {"rgb565", rgb565, "40x30", 40, 30, "25x37:argb8888", 25, 37, nullptr},
+    {"rgb666", rgb666, "40x30", 40, 30, "61x11:argb8888:256", 61, 11, nullptr},
+    {"rgb888", rgb888, "33x21", 33, 21, "40x30:argb8888", 40, 30, nullptr},
+    {"xrgb8888", rgb888, "40x30", 40, 30, "17x9:rgb565", 17, 9, rgb565},
+    {"rgb565", rgb565, "40x30", 40, 30, "50x9:rgb666", 50, 9, rgb666},
+    {"argb8888", rgb888, "40x30", 40, 30, "17x40:xrgb8888", 17, 40, rgb888},
+};
+
+class PanelBothTest : public PanelShotTest {
+protected:
+    void draw(const char *node, const char *number)
+    {
+        EXPECT_EQ(run(pfbpanel({"run", "--", probe, "draw", node, number})).status, 0);
+    }
+    void enable(const char *value)
+    {
+        EXPECT_EQ(run(pfbpanel({"run", "--", probe, "enable", "/dev/fb2", value})).out, "ok\n");
+    }
+};
+
+TEST_F(PanelBothTest, the_second_layer_lies_over_the_first_one)
+{
+    for (const BothCase &c : BOTH) {
+        SCOPED_TRACE(std::string(c.format) + " below " + c.second);
+        const Started program = start_panel({"--size", c.size, "--format", c.format, "--layer2", c.second}, {"wait"});
+        draw("/dev/fb0", "8");
+        draw("/dev/fb2", "9");
+        enable("1");
+        const std::vector<uint32_t> below = pattern_words(c.width, c.height, 8, c.colour);
+        const std::vector<uint32_t> above = pattern_words(c.second_width, c.second_height, 9, c.second_colour);
+        expect_words(shot({"--both"}), laid_over(below, static_cast<int>(c.width), static_cast<int>(c.height), above,
+                                                 static_cast<int>(c.second_width), static_cast<int>(c.second_height)));
+        stop(program);
+    }
+}
+
+// Every colour under every alpha: the rounding, and colours that are brighter than their alpha allows.
+TEST_F(PanelBothTest, blends_to_the_bit)
+{
+    const Started program =
+        start_panel({"--size", "256x256", "--format", "xrgb8888", "--layer2", "256x256:argb8888"}, {"wait"});
+    const std::string place = panels + "/" + folder_entries().at(0) + "/dev/";
+    std::vector<uint32_t> below, above;
+    for (uint32_t y = 0; y < 256; y++)
+        for (uint32_t x = 0; x < 256; x++) {
+            below.push_back(x << 16 | (255 - x) << 8 | (x ^ y));
+            above.push_back(y << 24 | y << 16 | (y / 2) << 8 | (255 - y));
+        }
+    for (const auto &[name, words] : {std::pair{"fb0", &below}, {"fb2", &above}})
+        std::ofstream(place + name, std::ios::in | std::ios::out)
+            .write(reinterpret_cast<const char *>(words->data()), 256 * 256 * 4);
+    enable("1");
+    expect_words(shot({"--both"}), laid_over(below, 256, 256, above, 256, 256));
+    stop(program);
+}
+
+TEST_F(PanelBothTest, a_second_layer_that_is_not_on_is_not_seen)
+{
+    const Started program = start_panel({"--size", "20x10", "--layer2", "20x10:argb8888"}, {"wait"});
+    draw("/dev/fb0", "2");
+    draw("/dev/fb2", "3");
+    expect_pattern(shot({"--both"}), rgb565, 2);
+    enable("1");
+    EXPECT_NE(shot({"--both"}).rgba, shot({}).rgba);
+    enable("0");
+    expect_pattern(shot({"--both"}), rgb565, 2);
+    stop(program);
+}
+
+TEST_F(PanelBothTest, a_panel_of_one_layer_shows_that)
+{
+    const Started program = start_panel({"--name", "one", "--size", "9x9"}, {"draw", "/dev/fb0", "4", "wait"});
+    expect_pattern(shot({"--both", "--name", "one"}), rgb565, 4);
+    expect_pattern(shot({"--both", "--panel", panels + "/pfbpanel-one"}), rgb565, 4);
+    stop(program);
+}
+
+TEST_F(PanelBothTest, both_layers_are_taken_where_they_are_panned_to)
+{
+    const Started program = start_panel(
+        {"--size", "16x8", "--virtual-height", "20", "--layer2", "16x8:argb8888", "--format", "xrgb8888"}, {"wait"});
+    draw("/dev/fb0", "5");
+    draw("/dev/fb2", "6");
+    enable("1");
+    run(pfbpanel({"run", "--", probe, "put", "/dev/fb0", std::to_string(FBIOPAN_DISPLAY), "11"}));
+    std::vector<uint32_t> below = pattern_words(16, 19, 5, rgb888);
+    below.erase(below.begin(), below.begin() + 16 * 11);
+    expect_words(shot({"--both"}), laid_over(below, 16, 8, pattern_words(16, 8, 6, nullptr), 16, 8));
     stop(program);
 }
 
