@@ -6,8 +6,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "message.h"
-#include "options.h"
+#include "../panelimage/message.h"
+#include "../panelimage/options.h"
 
 namespace {
 
