@@ -27,8 +27,11 @@ constexpr Verb VERBS[] = {
     {"unhide", "show it again", verb_unhide},
     {"level", "raise or lower another program's surface", verb_level},
     {"clip", "limit another program's surface to a rectangle", verb_clip},
+    {"scale", "stretch or shrink another program's surface", verb_scale},
     {"status", "make the server print its surfaces", verb_status},
     {"shot", "write what the panel shows as a PNG picture", verb_shot},
+    {"watch", "show where and how often the panel changes", verb_watch},
+    {"bench", "measure how fast frames reach the panel", verb_bench},
 };
 
 void print_help()

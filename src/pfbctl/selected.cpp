@@ -30,17 +30,27 @@ int confirm(pfb_client *client, const char *surface)
     return STATUS_NO_SURFACE;
 }
 
-} // namespace
-
-int selected_run(const char *surface, const std::function<int(pfb_client *)> &request)
+int run(const SelectedVerb &verb, const char *surface, const int *numbers)
 {
     pfb_client *client = connect_server("pfbctl");
     if (client == nullptr)
         return connect_status();
-    const bool sent = pfb_set_surface(client, surface) == PFB_OK && request(client) == PFB_OK;
-    const int status = sent ? confirm(client, surface) : connect_complain();
+    int status = selected_result(pfb_set_surface(client, surface));
+    if (status == STATUS_DONE)
+        status = confirm(client, surface);
+    if (status == STATUS_DONE)
+        status = verb.request(client, numbers);
+    if (status == STATUS_DONE)
+        status = confirm(client, surface);
     pfb_disconnect(client);
     return status;
+}
+
+} // namespace
+
+int selected_result(int result)
+{
+    return result == PFB_OK ? STATUS_DONE : connect_complain();
 }
 
 int selected_verb(const SelectedVerb &verb, int argc, char **argv)
@@ -52,7 +62,8 @@ int selected_verb(const SelectedVerb &verb, int argc, char **argv)
         return STATUS_USAGE;
     }
     std::vector<int> numbers(static_cast<size_t>(std::max(verb.count, 1)));
-    if (!value_numbers(g_get_prgname(), argv + 2, verb.count, numbers.data()))
+    if (!value_numbers("the numbers", argv + 2, verb.count, numbers.data()) ||
+        (verb.check != nullptr && !verb.check(numbers.data())))
         return STATUS_USAGE;
-    return selected_run(argv[1], [&](pfb_client *client) { return verb.request(client, numbers.data()); });
+    return run(verb, argv[1], numbers.data());
 }

@@ -32,22 +32,26 @@ bool check_options()
     return false;
 }
 
-void warn_of_depth(const SurfaceWish &wish, int depth)
+// False after a message: the surface makes no sense on such a screen.
+bool suits(const SurfaceWish &wish, int depth)
 {
-    if (wish.alpha_use != nullptr && depth < 24)
-        complain("the screen has %d bits and no alpha: %s", depth, wish.alpha_use);
+    if (wish.alpha_use == nullptr || depth >= 24 || depth == 0)
+        return true;
+    complain("the screen has %d bits and no alpha: %s", depth, wish.alpha_use);
+    return !wish.needs_alpha;
 }
 
 // The server answers the question after it has made the surface: a connection that it closes shows here.
-bool fill_surface(pfb_client *client, const SurfaceWish &wish, const std::function<bool(pfb_client *)> &draw)
+int fill_surface(pfb_client *client, const SurfaceWish &wish, const std::function<bool(pfb_client *)> &draw)
 {
     const SurfaceOptions &o = surface_options;
     int depth = 0;
     if (pfb_create(client, wish.format, o.x, o.y, wish.width, wish.height, o.level, o.rotation) != PFB_OK ||
         pfb_get_color_depth(client, &depth) != PFB_OK)
-        return false;
-    warn_of_depth(wish, depth);
-    return draw(client);
+        return connect_complain();
+    if (!suits(wish, depth))
+        return STATUS_FAILED;
+    return draw(client) ? STATUS_DONE : connect_complain();
 }
 
 } // namespace
@@ -65,9 +69,9 @@ pfb_client *surface_open(const SurfaceWish &wish, const std::function<bool(pfb_c
         *status = connect_status();
         return nullptr;
     }
-    if (fill_surface(client, wish, draw))
+    *status = fill_surface(client, wish, draw);
+    if (*status == STATUS_DONE)
         return client;
-    *status = connect_complain();
     pfb_disconnect(client);
     return nullptr;
 }

@@ -41,8 +41,9 @@ bool surface_parse(const OptionText &text, const GOptionEntry *entries, int *arg
 
 struct SurfaceWish {
     enum pfb_format format;
-    int width, height;     // pixels
-    const char *alpha_use; // what a screen without alpha makes of the surface, for a warning; null: it needs none
+    int width, height;        // pixels
+    const char *alpha_use;    // what a screen without alpha makes of the surface, for a warning; null: it needs none
+    bool needs_alpha = false; // there it is refused
 };
 
 // Connects, makes the surface, and runs `draw`, which returns false after a message of pfb.h's kind (pfb_error).

@@ -11,7 +11,7 @@ int verb_clip(int argc, char **argv)
          "an empty one leaves nothing of the surface.",
          SELECTED_TEXT, false, true},
         4,
-        [](pfb_client *client, const int *n) { return pfb_set_clip(client, n[0], n[1], n[2], n[3]); },
+        [](pfb_client *client, const int *n) { return selected_result(pfb_set_clip(client, n[0], n[1], n[2], n[3])); },
     };
     return selected_verb(verb, argc, argv);
 }

@@ -9,7 +9,7 @@ int verb_hide(int argc, char **argv)
         {"NAME", "Hides another program's surface. What stands on the screen stays where no other surface lies below.",
          SELECTED_TEXT, false, true},
         0,
-        [](pfb_client *client, const int *) { return pfb_hide(client); },
+        [](pfb_client *client, const int *) { return selected_result(pfb_hide(client)); },
     };
     return selected_verb(verb, argc, argv);
 }

@@ -10,7 +10,7 @@ int verb_level(int argc, char **argv)
          "Moves another program's surface to a level of the stack, there on top of all others of that level.",
          SELECTED_TEXT, false, true},
         1,
-        [](pfb_client *client, const int *n) { return pfb_set_layer(client, n[0]); },
+        [](pfb_client *client, const int *n) { return selected_result(pfb_set_layer(client, n[0])); },
     };
     return selected_verb(verb, argc, argv);
 }

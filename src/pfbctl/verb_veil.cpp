@@ -54,7 +54,7 @@ int verb_veil(int argc, char **argv)
         return STATUS_USAGE;
     }
     double percent = 0;
-    SurfaceWish wish = {PFB_FORMAT_ARGB32, 0, 0, "a veil needs 32, and does harm on others"};
+    SurfaceWish wish = {PFB_FORMAT_ARGB32, 0, 0, "it cannot be dimmed", true};
     if (!parse_percent(argv[1], &percent) || !value_size("--size", size_text, &wish.width, &wish.height))
         return STATUS_USAGE;
     return surface_run(wish, [&](pfb_client *client) {
