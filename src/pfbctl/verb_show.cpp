@@ -31,10 +31,15 @@ const OptionText TEXT = {
     false,
 };
 
-// The server's scaling; a size of 0: none was asked for.
-struct Scale {
+// What was asked for; 0 x 0: nothing was.
+struct Size {
     int width, height;
 };
+
+bool parse_size(const char *option, const char *text, Size *size)
+{
+    return text == nullptr || value_size(option, text, &size->width, &size->height);
+}
 
 GdkPixbuf *complain_of(GError *error)
 {
@@ -44,28 +49,25 @@ GdkPixbuf *complain_of(GError *error)
 }
 
 // Takes over the picture.
-GdkPixbuf *resample(GdkPixbuf *picture, int width, int height)
+GdkPixbuf *resample(GdkPixbuf *picture, const Size &size)
 {
-    GdkPixbuf *sized = gdk_pixbuf_scale_simple(picture, width, height, GDK_INTERP_BILINEAR);
+    GdkPixbuf *sized = gdk_pixbuf_scale_simple(picture, size.width, size.height, GDK_INTERP_BILINEAR);
     g_object_unref(picture);
     if (sized == nullptr)
-        complain("no memory for %d x %d pixels", width, height);
+        complain("no memory for %d x %d pixels", size.width, size.height);
     return sized;
 }
 
-// Upright, as a camera's note in the file says, and of --size. Null after a message.
-GdkPixbuf *load(const char *file)
+// Upright, as a camera's note in the file says, and of the size. Null after a message.
+GdkPixbuf *load(const char *file, const Size &size)
 {
-    int width = 0, height = 0;
-    if (size_text != nullptr && !value_size("--size", size_text, &width, &height))
-        return nullptr;
     GError *error = nullptr;
     GdkPixbuf *raw = gdk_pixbuf_new_from_file(file, &error);
     if (raw == nullptr)
         return complain_of(error);
     GdkPixbuf *picture = gdk_pixbuf_apply_embedded_orientation(raw);
     g_object_unref(raw);
-    return size_text == nullptr ? picture : resample(picture, width, height);
+    return size.width == 0 ? picture : resample(picture, size);
 }
 
 bool is_translucent(const GdkPixbuf *picture)
@@ -90,14 +92,14 @@ void copy(const GdkPixbuf *picture, pfb_client *client)
     }
 }
 
-bool apply(const Scale &scale, pfb_client *client)
+bool apply(const Size &scale, pfb_client *client)
 {
     const SurfaceOptions &o = surface_options;
     return scale.width == 0 || pfb_set_scale(client, 0, 0, pfb_width(client), pfb_height(client), o.x, o.y, scale.width,
                                              scale.height) == PFB_OK;
 }
 
-int show(const GdkPixbuf *picture, const Scale &scale)
+int show(const GdkPixbuf *picture, const Size &scale)
 {
     SurfaceWish wish = {PFB_FORMAT_XRGB32, gdk_pixbuf_get_width(picture), gdk_pixbuf_get_height(picture), nullptr};
     if (is_translucent(picture)) {
@@ -116,14 +118,14 @@ int verb_show(int argc, char **argv)
 {
     if (!surface_parse(TEXT, ENTRIES, &argc, &argv) || !value_percent("--alpha", opacity))
         return STATUS_USAGE;
-    Scale scale = {0, 0};
+    Size size = {0, 0}, scale = {0, 0};
     if (argc != 2) {
         complain("show takes one picture file (see --help)");
         return STATUS_USAGE;
     }
-    if (scale_text != nullptr && !value_size("--scale", scale_text, &scale.width, &scale.height))
+    if (!parse_size("--size", size_text, &size) || !parse_size("--scale", scale_text, &scale))
         return STATUS_USAGE;
-    GdkPixbuf *picture = load(argv[1]);
+    GdkPixbuf *picture = load(argv[1], size);
     if (picture == nullptr)
         return STATUS_FAILED;
     const int status = show(picture, scale);
