@@ -34,6 +34,7 @@ int main(int argc, char **argv)
     char *colon = argc == 2 ? strchr(argv[1], ':') : NULL;
     if (colon == NULL)
         return 2;
+    free(client->serverHost);
     client->serverHost = strndup(argv[1], (size_t)(colon - argv[1]));
     client->serverPort = atoi(colon + 1);
     client->GetPassword = read_password;
