@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "verbs.h"
 
+#include <cmath>
 #include <cstddef>
 #include <gdk-pixbuf/gdk-pixbuf.h>
 
@@ -79,7 +80,7 @@ void copy_row(const uint8_t *from, int channels, int width, uint32_t *to)
 {
     for (int x = 0; x < width; x++, from += channels) {
         const double alpha = channels == 4 ? from[3] : 255;
-        const auto scaled = static_cast<uint32_t>(alpha * opacity / 100 + 0.5);
+        const auto scaled = static_cast<uint32_t>(std::lround(alpha * opacity / 100));
         to[x] = pixels_premultiply(scaled << 24 | uint32_t{from[0]} << 16 | uint32_t{from[1]} << 8 | from[2]);
     }
 }

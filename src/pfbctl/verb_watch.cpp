@@ -48,7 +48,7 @@ struct Table {
 
 void clear(Table *table, double now)
 {
-    table->cells.assign(static_cast<size_t>(table->columns * table->rows), 0);
+    table->cells.assign(static_cast<size_t>(table->columns) * static_cast<size_t>(table->rows), 0);
     table->total = 0;
     table->pixels = 0;
     table->begin = now;

@@ -492,3 +492,26 @@ TEST(BenchBelow, FramesThatNobodySeesAreNotCounted)
                               "one there?\n");
     EXPECT_EQ(server.stop(SIGTERM), 0);
 }
+
+// While another client holds the lock nothing is drawn, and a frame that is not drawn is none.
+TEST(BenchHeld, AFrameThatDoesNotArriveEndsIt)
+{
+    RunningServer server;
+    TestClient holder("fb.holder");
+    holder.create(pixels_new(PixelFormat::XRGB, 8, 8), 0, 0, -1);
+    Foreground bench(server, {"bench", "--for", "60", "--size", "64x48"});
+    uint32_t last = 0;
+    int changes = 0;
+    ASSERT_TRUE(wait_until([&] {
+        const uint32_t now = server.panel().picture().at(10, 10);
+        changes += now != last;
+        last = now;
+        return changes > 20; // it is past its preparations
+    })) << bench.out();
+    holder.lock(0, 0, 8, 8);
+    EXPECT_EQ(bench.end(0), 1);
+    EXPECT_EQ(bench.out(), "pfbctl bench: a frame has not reached the panel within 5 seconds\n");
+    holder.send("unlock");
+    holder.settle();
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+}
