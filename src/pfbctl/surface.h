@@ -46,7 +46,7 @@ struct SurfaceWish {
     bool needs_alpha = false; // there it is refused
 };
 
-// Connects, makes the surface, and runs `draw`, which returns false after a message of pfb.h's kind (pfb_error).
+// Connects, makes the surface, and runs `draw`, which returns false when a function of pfb.h has failed.
 // Null after a message, with the exit status in `status`.
 pfb_client *surface_open(const SurfaceWish &wish, const std::function<bool(pfb_client *)> &draw, int *status);
 
