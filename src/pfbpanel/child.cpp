@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "environment.h"
-#include "message.h"
+#include "../panelimage/message.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <csignal>
 #include <sys/types.h>
 
-#include "folder.h"
+#include "../panelimage/folder.h"
 
 // Holds back the signals that are meant for the program, and SIGCHLD, for child_wait. `before` is the mask to go back
 // to in the program.

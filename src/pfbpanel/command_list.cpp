@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <sys/mman.h>
 
-#include "folder.h"
-#include "message.h"
-#include "options.h"
+#include "../panelimage/folder.h"
+#include "../panelimage/message.h"
+#include "../panelimage/options.h"
 
 namespace {
 

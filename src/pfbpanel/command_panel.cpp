@@ -6,11 +6,11 @@
 #include <cstring>
 
 #include "child.h"
-#include "fault.h"
-#include "folder.h"
+#include "../panelimage/fault.h"
+#include "../panelimage/folder.h"
 #include "format.h"
-#include "message.h"
-#include "options.h"
+#include "../panelimage/message.h"
+#include "../panelimage/options.h"
 
 namespace {
 

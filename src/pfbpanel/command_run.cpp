@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include "environment.h"
-#include "message.h"
-#include "options.h"
+#include "../panelimage/message.h"
+#include "../panelimage/options.h"
 
 namespace {
 

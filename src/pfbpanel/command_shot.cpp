@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include "message.h"
-#include "options.h"
-#include "picture.h"
+#include "../panelimage/message.h"
+#include "../panelimage/options.h"
+#include "../panelimage/picture.h"
 
 namespace {
 

@@ -1,24 +1,20 @@
 // SPDX-License-Identifier: MIT
 #include "commands.h"
 
-#include <csignal>
 #include <cstdio>
-#include <cstring>
-#include <ctime>
 
-#include "message.h"
-#include "options.h"
+#include "../panelimage/message.h"
+#include "../panelimage/options.h"
+#include "../panelimage/sampling.h"
 
 namespace {
 
 constexpr double DEFAULT_SECONDS = 5;
 constexpr int DEFAULT_RATE = 200;
 constexpr int RATE_MAX = 10000;
-constexpr int64_t NANOSECONDS = 1000000000;
 
 double seconds = DEFAULT_SECONDS;
 int rate = DEFAULT_RATE;
-volatile sig_atomic_t stopped;
 
 const GOptionEntry ENTRIES[] = {
     SCREEN_OPTION_ENTRIES,
@@ -39,59 +35,7 @@ const OptionText TEXT = {
 struct Counts {
     unsigned long samples;
     unsigned long changed;
-    double elapsed; // seconds
 };
-
-int64_t now_ns()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * NANOSECONDS + now.tv_nsec;
-}
-
-// Comes back early when a signal has come in.
-void wait_until(int64_t when)
-{
-    const timespec time = {static_cast<time_t>(when / NANOSECONDS), static_cast<long>(when % NANOSECONDS)};
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr);
-}
-
-void stop(int)
-{
-    stopped = 1;
-}
-
-void catch_signals()
-{
-    struct sigaction action = {};
-    action.sa_handler = stop;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
-
-// Samples that the machine was too slow for are left out, not made up for.
-bool sample(Screen *screen, Counts *counts)
-{
-    const int64_t begin = now_ns(), end = begin + static_cast<int64_t>(seconds * NANOSECONDS);
-    const int64_t period = NANOSECONDS / rate;
-    std::vector<uint8_t> before, now;
-    screen_copy(*screen, &before);
-    for (int64_t due = begin + period; due <= end && !stopped; due += period) {
-        wait_until(due);
-        if (!screen_refresh(screen))
-            return false;
-        screen_copy(*screen, &now);
-        counts->samples++;
-        if (now != before) {
-            counts->changed++;
-            now.swap(before);
-        }
-        const int64_t late = now_ns() - due;
-        due += late / period * period;
-    }
-    counts->elapsed = static_cast<double>(now_ns() - begin) / NANOSECONDS;
-    return true;
-}
 
 } // namespace
 
@@ -107,13 +51,17 @@ int command_watch(int argc, char **argv)
     Screen screen;
     if (!screen_open(choice, &screen))
         return STATUS_FAILED;
-    catch_signals();
     Counts counts = {};
-    const bool sampled = sample(&screen, &counts);
+    double elapsed = 0;
+    const auto count = [&counts](const Sample &sample) {
+        counts.samples++;
+        counts.changed += sample.now != sample.before;
+    };
+    const bool sampled = sampling_run(&screen, {seconds, rate}, count, &elapsed);
     screen_close(&screen);
     if (!sampled)
         return STATUS_FAILED;
-    printf("%lu samples in %.2f s, %lu changed: %.1f frames that changed per second\n", counts.samples, counts.elapsed,
-           counts.changed, counts.elapsed > 0 ? static_cast<double>(counts.changed) / counts.elapsed : 0);
+    printf("%lu samples in %.2f s, %lu changed: %.1f frames that changed per second\n", counts.samples, elapsed,
+           counts.changed, elapsed > 0 ? static_cast<double>(counts.changed) / elapsed : 0);
     return STATUS_DONE;
 }

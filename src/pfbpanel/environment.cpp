@@ -6,7 +6,7 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "message.h"
+#include "../panelimage/message.h"
 
 namespace {
 

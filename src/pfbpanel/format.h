@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "panel_state.h"
+#include "../panelimage/panel_state.h"
 
 struct PanelFormat {
     const char *name;

@@ -6,7 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "../../src/pfbpanel/panel_state.h"
+#include "../../src/panelimage/panel_state.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #ifndef PRELOAD_PANEL_H
 #define PRELOAD_PANEL_H
 
-#include "../panel_state.h"
+#include "../../panelimage/panel_state.h"
 
 #include <dlfcn.h>
 

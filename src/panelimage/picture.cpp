@@ -107,7 +107,30 @@ void picture_lay_over(const Screen &screen_above, const std::vector<uint8_t> &ab
     }
 }
 
+std::vector<uint8_t> picture_upright(const std::vector<uint8_t> &pixels, PictureSize *size, bool alpha, int rotation)
+{
+    const size_t bytes = alpha ? 4 : 3;
+    const PictureSize from = *size, to = {from.height, from.width};
+    std::vector<uint8_t> upright(pixels.size());
+    for (uint32_t y = 0; y < to.height; y++) {
+        for (uint32_t x = 0; x < to.width; x++) {
+            const uint32_t from_x = rotation == 90 ? from.width - 1 - y : y;
+            const uint32_t from_y = rotation == 90 ? x : from.height - 1 - x;
+            memcpy(&upright[(size_t{y} * to.width + x) * bytes],
+                   &pixels[(size_t{from_y} * from.width + from_x) * bytes], bytes);
+        }
+    }
+    *size = to;
+    return upright;
+}
+
 bool picture_write_png(const std::string &path, const Screen &screen, const std::vector<uint8_t> &pixels, bool alpha)
+{
+    return picture_write_png_size(path, {screen.var.xres, screen.var.yres}, pixels, alpha);
+}
+
+bool picture_write_png_size(const std::string &path, const PictureSize &size, const std::vector<uint8_t> &pixels,
+                            bool alpha)
 {
     std::string temporary;
     FILE *file = open_beside(path, &temporary);
@@ -115,8 +138,8 @@ bool picture_write_png(const std::string &path, const Screen &screen, const std:
         return false;
     png_image image = {};
     image.version = PNG_IMAGE_VERSION;
-    image.width = screen.var.xres;
-    image.height = screen.var.yres;
+    image.width = size.width;
+    image.height = size.height;
     image.format = alpha ? PNG_FORMAT_RGBA : PNG_FORMAT_RGB;
     const bool written = png_image_write_to_stdio(&image, file, 0, pixels.data(), 0, nullptr) != 0;
     return finish(file, written, temporary, path);

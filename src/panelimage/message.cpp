@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <glib.h>
 
 void complain(const char *format, ...)
 {
@@ -13,7 +14,7 @@ void complain(const char *format, ...)
     va_start(args, format);
     vsnprintf(line, sizeof line, format, args);
     va_end(args);
-    fprintf(stderr, "pfbpanel: %s\n", line);
+    fprintf(stderr, "%s: %s\n", g_get_prgname(), line);
 }
 
 void complain_errno(const char *what)

@@ -18,7 +18,18 @@ std::vector<uint8_t> picture_decode(const Screen &screen, const std::vector<uint
 void picture_lay_over(const Screen &screen_above, const std::vector<uint8_t> &above, const Screen &screen_below,
                       std::vector<uint8_t> *below);
 
-// Both write a temporary file beside the target and rename it: whoever opens the target sees a whole picture, the old
+// Pixels.
+struct PictureSize {
+    uint32_t width;
+    uint32_t height;
+};
+
+// Turns decoded pixels of a display that is turned by 90 or 270 degrees, so that they are upright; the size with them.
+std::vector<uint8_t> picture_upright(const std::vector<uint8_t> &pixels, PictureSize *size, bool alpha, int rotation);
+
+// All write a temporary file beside the target and rename it: whoever opens the target sees a whole picture, the old
 // one or the new one. False after a message.
 bool picture_write_png(const std::string &path, const Screen &screen, const std::vector<uint8_t> &pixels, bool alpha);
+bool picture_write_png_size(const std::string &path, const PictureSize &size, const std::vector<uint8_t> &pixels,
+                            bool alpha);
 bool picture_write_raw(const std::string &path, const std::vector<uint8_t> &rows);

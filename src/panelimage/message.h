@@ -9,7 +9,7 @@ inline constexpr int STATUS_USAGE = 2;
 inline constexpr int STATUS_NOT_EXECUTABLE = 126;
 inline constexpr int STATUS_NOT_FOUND = 127;
 
-// "pfbpanel: TEXT"
+// "PROGRAM: TEXT", by the name given to g_set_prgname
 [[gnu::format(printf, 1, 2)]] void complain(const char *format, ...);
-// "pfbpanel: WHAT: the system's text for errno"
+// "PROGRAM: WHAT: the system's text for errno"
 void complain_errno(const char *what);

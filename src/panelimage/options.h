@@ -12,6 +12,7 @@ struct OptionText {
     const char *summary;     // before the list of options
     const char *description; // after it; may be null
     bool before_program;     // the first word that is no option is a program, and what follows is the program's
+    bool numbers = false;    // words may begin with a minus and a digit
 };
 
 // Takes the options, and a "--" that ends them, out of the vector.

@@ -7,16 +7,35 @@
 
 ScreenOptions screen_options;
 
+namespace {
+
+// Where negative numbers are words, GLib has left unknown options in the vector as well.
+bool check_words(int argc, char *const *argv)
+{
+    for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; i++) {
+        if (argv[i][0] == '-' && !g_ascii_isdigit(argv[i][1])) {
+            complain("Unknown option %s (see --help)", argv[i]);
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
 bool options_parse(const OptionText &text, const GOptionEntry *entries, int *argc, char ***argv)
 {
     GOptionContext *context = g_option_context_new(text.usage);
     g_option_context_set_summary(context, text.summary);
     g_option_context_set_description(context, text.description);
     g_option_context_set_strict_posix(context, text.before_program);
+    g_option_context_set_ignore_unknown_options(context, text.numbers);
     g_option_context_add_main_entries(context, entries, nullptr);
     GError *error = nullptr;
-    const bool parsed = g_option_context_parse(context, argc, argv, &error);
-    if (!parsed) {
+    bool parsed = g_option_context_parse(context, argc, argv, &error);
+    if (parsed && text.numbers) {
+        parsed = check_words(*argc, *argv);
+    } else if (!parsed) {
         complain("%s (see --help)", error->message);
         g_error_free(error);
     }
