@@ -138,6 +138,21 @@ TEST_F(Scale, ASecondScaleReplacesTheScaledImageAndKeepsTheClients)
     xc_image_unref(first);
 }
 
+// Reports beyond the first 64 rectangles wait outside the dirty region.
+TEST_F(Scale, ReportsThatWaitInABatchAreForgottenToo)
+{
+    for (int32_t y = 0; y < 50; y += 2) {
+        for (int32_t x = 0; x < 100; x += 2)
+            fs_add_dirty(server, surface, x, y, 1, 1);
+    }
+    fs_add_dirty(server, surface, 99, 49, 1, 1);
+    ASSERT_GT(surface->reports.n, 0);
+    scale({0, 0, 10, 10}, {30, 40, 200, 100});
+    EXPECT_EQ(surface->reports.n, 0);
+    fs_fold_reports(surface);
+    EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 10, 10}));
+}
+
 // ---- refusing ----
 
 TEST_F(Scale, ASourceWiderThanTheImageIsRefusedAfterTheDamage)
@@ -238,6 +253,48 @@ TEST_F(Scale, RemovingPutsTheSurfaceAtTheDestinationAndMakesItDirty)
     EXPECT_THAT(rects_of(surface->opaque_area), ElementsAre(Rect{0, 0, 30, 20}));
     EXPECT_TRUE(surface_has(surface, SURFACE_DIRTY));
     EXPECT_THAT(damage_of(surface), ElementsAre(Rect{0, 0, 200, 100}));
+}
+
+TEST_F(Scale, RemovedTheSurfaceIsCutToItsClip)
+{
+    scale({0, 0, 100, 50}, {0, 0, 200, 100});
+    fs_set_clip(server, surface, 50, 0, 30, 400);
+    scale({0, 0, 100, 50}, {0, 0, 100, 50});
+    EXPECT_EQ(surface->drawing_area, (Rect{50, 0, 80, 50}));
+    scale({0, 0, 100, 50}, {0, 0, 200, 100});
+    scale({0, 0, 50, 50}, {100, 10, 50, 50});
+    EXPECT_EQ(surface->drawing_area, (Rect{0, 10, 0, 60})); // only the axis that the clip misses
+}
+
+TEST_F(Scale, RemovedAnImageWithAlphaKeepsItsOpaqueArea)
+{
+    ImageSurface *blended = add("fb.b", {0, 0, 20, 20}, ARGB32);
+    scale(blended, {0, 0, 20, 20}, {0, 0, 40, 40});
+    fs_set_opaque_surface(server, blended, 1, 2, 3, 4);
+    scale(blended, {0, 0, 20, 20}, {0, 0, 20, 20});
+    EXPECT_THAT(rects_of(blended->opaque_area), ElementsAre(Rect{1, 2, 4, 6}));
+}
+
+TEST_F(Scale, RemovedWhileHiddenItIsPaintedWholeAtItsNewPlaceWhenShown)
+{
+    paint(surface, 0x00123456);
+    scale({0, 0, 100, 50}, {0, 0, 200, 100});
+    settle();
+    fs_hide_surface(server, surface);
+    settle();
+    forget_damage();
+    fs_add_dirty(server, surface, 0, 0, 5, 5); // kept while it is hidden, as it is scaled
+    scale({0, 0, 100, 50}, {150, 120, 100, 50});
+    EXPECT_THAT(damage_of(surface), ElementsAre(Rect{0, 0, 200, 100}));
+    EXPECT_FALSE(surface_has(surface, SURFACE_SHOWN));
+    EXPECT_TRUE(surface_has(surface, SURFACE_DIRTY));
+    forget_damage();
+    primary_output.calls.clear();
+    fs_show_surface(server, surface);
+    settle();
+    EXPECT_THAT(primary_output.updates(), ElementsAre(Rects{{150, 120, 250, 170}}));
+    EXPECT_EQ(primary_output.pixel(249, 169), 0x123456u);
+    EXPECT_THAT(rects_of(surface->dirty_region), IsEmpty());
 }
 
 TEST_F(Scale, RemovingWithASizeBelowOneIsRefused)
@@ -375,6 +432,21 @@ TEST_F(Scale, ASaturatedDamageCoversTheWholeScaledImage)
     fs_add_dirty(server, surface, 0, 0, INT_MAX, INT_MAX);
     scale_refresh(surface);
     EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 300, 200}));
+}
+
+// A scaled surface shrinks to less than its scaled image, and back to that; the refresh ends at its area.
+TEST_F(Scale, OfAResizedSurfaceOnlyItsAreaIsRefreshed)
+{
+    scale({0, 0, 100, 50}, {0, 0, 200, 100});
+    settle();
+    fs_resize_surface(server, surface, 150, 60);
+    fs_add_dirty(server, surface, 0, 0, 100, 50);
+    scale_refresh(surface);
+    EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 150, 60}));
+    fs_resize_surface(server, surface, 200, 100);
+    EXPECT_EQ(surface->area, (Rect{0, 0, 200, 100}));
+    fs_resize_surface(server, surface, 201, 100);
+    EXPECT_EQ(surface->area, (Rect{0, 0, 200, 100}));
 }
 
 TEST_F(Scale, DamageOfTheClientsImageIsPaintedScaled)
