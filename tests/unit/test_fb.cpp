@@ -8,6 +8,7 @@
 
 #include "../../src/backend/backend.h"
 #include "../../src/backend/framebuffer.h"
+#include "../../src/composite/composite.h"
 #include "../support/aborts.h"
 #include "../support/fake_device.h"
 #include "../support/stderr_capture.h"
@@ -125,6 +126,19 @@ TEST_F(Fb, OnlyARequestWithoutAnySizeGetsTheDevices)
     }
 }
 
+// Whole pixels of the device's width go into its line: neither the depth's own bytes nor a rounded number.
+TEST_F(Fb, TheBytesPerPixelArePrintedAsTheLineHoldsThem)
+{
+    device.describe(480, 272, 16, 2048, 272);
+    FbServer *server = fs_new(-1, -1);
+    const std::string text = printed([server] { EXPECT_NE(fs_add_backend(server, "fb"), nullptr); });
+    fs_destroy(server);
+    EXPECT_EQ(text, "screen info is\n"
+                    "width = 480 height = 272 depth = 16 stride = 2048\n"
+                    "colormask = red:0000f800, green:000007e0, blue:0000001f, alpha:00000000, has_alph = 0\n"
+                    "pixel unit: 4 bytes, byte order: LSB\n");
+}
+
 // ---- the devices ----
 
 TEST_F(Fb, TheUsualDevicesAreOpenedFirst)
@@ -190,6 +204,12 @@ TEST_F(Fb, AConsoleThatKeepsItsModeIsNoReasonToStop)
     EXPECT_NE(open_screen(), nullptr);
 }
 
+TEST_F(Fb, TheModeIsReadTwice)
+{
+    open_screen();
+    EXPECT_THAT(device.requests, ElementsAre(FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO, FBIOGET_VSCREENINFO));
+}
+
 // ---- failures of the device ----
 
 TEST_F(Fb, AFailedRequestIsReportedAndThereIsNoScreen)
@@ -247,6 +267,15 @@ TEST_F(Fb, ReleasedTheWholeMemoryIsBlackAlsoBeyondTheScreen)
     device.fill(0x5A);
     open_screen();
     close_screen();
+    EXPECT_TRUE(device.is_filled_with(0));
+}
+
+TEST_F(Fb, MemoryThatCannotBeUnmappedIsReported)
+{
+    device.fill(0x5A);
+    open_screen();
+    next_munmap_fails = true;
+    EXPECT_EQ(complained([this] { close_screen(); }), "fb munmap failed: Invalid argument\n");
     EXPECT_TRUE(device.is_filled_with(0));
 }
 

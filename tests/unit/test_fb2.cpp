@@ -157,6 +157,42 @@ TEST_F(Fb2, ReleasingSwitchesTheLayerOffAndKeepsTheDriversOtherWords)
     EXPECT_EQ(device.controls[1], expected);
 }
 
+TEST_F(Fb2, TheModeIsReadOnceAndTheLayerIsSwitchedOnLast)
+{
+    open_screen();
+    EXPECT_THAT(device.requests, ElementsAre(FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO, LAYER_CONTROL));
+}
+
+TEST_F(Fb2, ALayerThatKeepsItsStateIsNoReasonToStop)
+{
+    device.failing_request = LAYER_CONTROL;
+    EXPECT_NE(open_screen(), nullptr);
+}
+
+TEST_F(Fb2, MemoryThatCannotBeUnmappedIsReportedAndTheLayerIsSwitchedOff)
+{
+    device.fill(0x5A);
+    open_screen();
+    next_munmap_fails = true;
+    EXPECT_EQ(complained([this] { close_screen(); }), "fb2 munmap failed: Invalid argument\n");
+    EXPECT_TRUE(device.is_filled_with(0));
+    EXPECT_EQ(device.layer[ENABLE], 0u);
+}
+
+TEST_F(Fb2, WithoutAScreenTheLayerIsSwitchedOffAllTheSame)
+{
+    device.failing_request = FBIOGET_VSCREENINFO;
+    complained([this] { open_screen(); });
+    device.failing_request = 0;
+    device.fill(0x5A);
+    device.layer[ENABLE] = 1;
+    fb2_displayfunc.release(nullptr);
+    EXPECT_EQ(device.layer[COMMAND], 3u);
+    EXPECT_EQ(device.layer[FLAGS], 0x2000u);
+    EXPECT_EQ(device.layer[ENABLE], 0u);
+    EXPECT_TRUE(device.is_filled_with(0x5A));
+}
+
 TEST_F(Fb2, AFailedRequestIsReportedAndThereIsNoScreen)
 {
     for (const int request : {FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO}) {
