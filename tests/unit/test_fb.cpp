@@ -85,7 +85,9 @@ TEST_F(Fb, TransparencyIsDescribedButNotHonoured)
     device.describe(480, 272, 32, 1920, 272);
     device.var.transp = {24, 8, 0};
     device.var.red.msb_right = 1;
-    open_screen();
+    info.width = info.height = -1;
+    info.has_alpha = 1;
+    pixels = fb_displayfunc.init(nullptr, &info);
     EXPECT_EQ(info.red_mask, 0xFF0000u);
     EXPECT_EQ(info.alpha_mask, 0xFF000000u);
     EXPECT_EQ(info.has_alpha, 0);
@@ -231,7 +233,7 @@ TEST_F(Fb, MemoryThatCannotBeMappedIsReported)
 TEST_F(Fb, AWidthOfZeroIsRefused)
 {
     device.var.xres = 0;
-    EXPECT_NE(complained([&] { EXPECT_EQ(open_screen(), nullptr); }), "");
+    EXPECT_THAT(complained([&] { EXPECT_EQ(open_screen(), nullptr); }), HasSubstr("No such device\n"));
 }
 
 TEST_F(Fb, ReopeningManyTimesUsesUpNoDescriptors)
@@ -281,9 +283,11 @@ TEST_F(Fb, MemoryThatCannotBeUnmappedIsReported)
 
 TEST_F(Fb, ReleaseWithoutAScreenDoesNothing)
 {
+    open_screen();
+    EXPECT_EQ(complained([this] { close_screen(); }), "");
     device.failing_request = FBIOGET_FSCREENINFO;
     const StderrCapture quiet;
-    open_screen();
+    EXPECT_EQ(open_screen(), nullptr);
     fb_displayfunc.release(nullptr);
 }
 

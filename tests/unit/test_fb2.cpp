@@ -157,6 +157,17 @@ TEST_F(Fb2, ReleasingSwitchesTheLayerOffAndKeepsTheDriversOtherWords)
     EXPECT_EQ(device.controls[1], expected);
 }
 
+TEST_F(Fb2, ReopeningManyTimesUsesUpNoDescriptors)
+{
+    open_screen();
+    const int32_t first = fb2_fd;
+    for (int i = 0; i < 20; i++) {
+        close_screen();
+        ASSERT_NE(open_screen(), nullptr);
+        ASSERT_EQ(fb2_fd, first);
+    }
+}
+
 TEST_F(Fb2, TheModeIsReadOnceAndTheLayerIsSwitchedOnLast)
 {
     open_screen();
@@ -181,14 +192,17 @@ TEST_F(Fb2, MemoryThatCannotBeUnmappedIsReportedAndTheLayerIsSwitchedOff)
 
 TEST_F(Fb2, WithoutAScreenTheLayerIsSwitchedOffAllTheSame)
 {
+    open_screen();
+    EXPECT_EQ(complained([this] { close_screen(); }), "");
     device.failing_request = FBIOGET_VSCREENINFO;
-    complained([this] { open_screen(); });
+    complained([this] { EXPECT_EQ(open_screen(), nullptr); });
     device.failing_request = 0;
     device.fill(0x5A);
+    device.layer[FLAGS] = 0x5;
     device.layer[ENABLE] = 1;
     fb2_displayfunc.release(nullptr);
     EXPECT_EQ(device.layer[COMMAND], 3u);
-    EXPECT_EQ(device.layer[FLAGS], 0x2000u);
+    EXPECT_EQ(device.layer[FLAGS], 0x2005u);
     EXPECT_EQ(device.layer[ENABLE], 0u);
     EXPECT_TRUE(device.is_filled_with(0x5A));
 }

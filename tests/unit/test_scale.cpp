@@ -164,6 +164,7 @@ TEST_F(Scale, SizesBelowOneAndBeyondMemoryAreRefusedWithOneLine)
                                    {{0, 0, 50, 50}, {0, 0, 60, -1}},
                                    {{0, 0, 50, 50}, {0, 0, INT_MAX, INT_MAX}},
                                    {{0, 0, 50, 50}, {0, 0, 65536, 65536}},
+                                   {{0, 0, 50, 50}, {0, 0, (1 << 30) + 1, 1}}, // rows of 4 bytes in 32 bits
                                    // Wider than the image as well: the size is told, not the width.
                                    {{0, 0, 500, 0}, {0, 0, 60, 60}}}) {
         forget_damage();

@@ -8,6 +8,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 TEST_F(Turned, EveryOutputIsTurned)
 {
@@ -38,10 +39,13 @@ TEST_F(Turned, WhileAClientHoldsTheLockNoRenderIsScheduled)
 TEST_F(Turned, AScreenWithoutRowsSchedulesNothingAndANegativeSizeAborts)
 {
     open_server(PANEL_W, 0);
-    add("fb.a", {0, 0, 10, 10}, RGB16);
+    ImageSurface *surface = add("fb.a", {0, 0, 10, 10}, RGB16);
     forget_damage();
+    const Box left_over{0, 0, 5, 5};
+    *surface->backend->damage_region = Region{left_over, nullptr};
     fs_rotate_display(server, 0);
     EXPECT_FALSE(render_is_pending());
+    EXPECT_THAT(damage_of(surface), IsEmpty());
     fs_rotate_display(server, 90); // no columns, but rows
     EXPECT_TRUE(render_is_pending());
     close_server();
