@@ -14,6 +14,8 @@
 #include <unistd.h>
 #include <utility>
 
+bool next_munmap_fails;
+
 namespace {
 
 constexpr unsigned long LAYER_CONTROL = 0x46FF;
@@ -152,6 +154,15 @@ std::vector<std::string> take_opened_paths()
 extern "C" {
 int __real_open64(const char *path, int flags, ...);
 int __real_ioctl(int fd, unsigned long request, ...);
+int __real_munmap(void *start, size_t size);
+
+int __wrap_munmap(void *start, size_t size)
+{
+    if (!std::exchange(next_munmap_fails, false))
+        return __real_munmap(start, size);
+    errno = EINVAL;
+    return -1;
+}
 
 // Which of the two names a program calls depends on how it was compiled.
 int __wrap_open64(const char *path, int flags, ...)

@@ -36,5 +36,8 @@ private:
     int fd;
 };
 
+// The next munmap of the process fails with EINVAL, and unmaps nothing. Programs that link this wrap munmap too.
+extern bool next_munmap_fails;
+
 // The paths under /dev that were opened, found or not, since the last call.
 std::vector<std::string> take_opened_paths();

@@ -141,6 +141,33 @@ TEST_F(CreateCommand, WithoutMemoryTheConnectionHasNoSurface)
     EXPECT_THAT(message, testing::HasSubstr("ImageSurface malloc error\n"));
 }
 
+// The connection loses its surface, which stays; what it asks for then goes to the selected one, as without a "create".
+TEST_F(CreateCommand, ASecondOneWithoutMemoryTakesTheFirstAwayFromItsConnection)
+{
+    ImageSurface *first = create(client, {});
+    SharedObject object(400 * 50);
+    const std::string message = complained([&] {
+        mc_packet *request = mc_packet_new_command("create");
+        mc_packet_build_args(request, "iiiiiiiiis", 0, 32, 0, 0, 100, 50, 400, 0, 0, object.name.c_str());
+        fail_allocation(CALLOC, 1);
+        EXPECT_EQ(handle_command(client, request), nullptr);
+        EXPECT_TRUE(allocation_failed());
+        mc_packet_free(request);
+    });
+    EXPECT_EQ(message, "ImageSurface malloc error\n");
+    EXPECT_FALSE(object.has_name());
+    EXPECT_EQ(surface_of(client), nullptr);
+    selected_surface_index = -1;
+    EXPECT_EQ(printed([&] { ask(client, "move", {1, 1}); }), "handle_command: not yet create surface\n");
+    EXPECT_EQ(first->area.x1, 10);
+    ask(client, "set_surface", {"fb.client"});
+    ask(client, "move", {1, 1});
+    EXPECT_EQ(first->area.x1, 1);
+    hang_up(client);
+    ASSERT_EQ(server->n_surface, 1);
+    EXPECT_EQ(server->surfaces[0], first);
+}
+
 TEST_F(CreateCommand, ASecondOneReplacesTheFirstWhichStays)
 {
     ImageSurface *first = create(client, {});
@@ -197,6 +224,30 @@ TEST_F(CreateCommand, AClientThatTruncatesItsMemoryDisturbsNobody)
     ask(client, "dirty", {0, 0, 100, 50});
     settle_quietly();
     EXPECT_EQ(primary_output.pixel(200, 120), 0x333333u);
+}
+
+// What is missing is met by the scaled refresh only.
+TEST_F(CreateCommand, ATruncatedMemoryCanBeScaled)
+{
+    SharedObject object(4 * 4096);
+    create(client, {.place = {0, 0, 64, 64}, .stride = 256}, object.name.c_str());
+    object.fill(0x00445566);
+    object.cut_to(4096); // 16 rows of 64
+    ask(client, "set_scale", {0, 0, 64, 64, 0, 0, 128, 128});
+    ask(client, "show");
+    const std::string told = "shared memory of fb.client is too short: what is missing shows as zero\n";
+    EXPECT_EQ(complained([] { settle(); }), told);
+    EXPECT_EQ(primary_output.pixel(127, 31), 0x445566u);
+    EXPECT_EQ(primary_output.pixel(0, 32), 0u);
+    EXPECT_EQ(primary_output.pixel(127, 127), 0u);
+    ask(client, "set_scale", {0, 0, 64, 64, 0, 0, 100, 96});
+    object.cut_to(0); // and the rest of it goes while it is scaled
+    ask(client, "dirty", {0, 0, 64, 64});
+    EXPECT_EQ(complained([] { settle(); }), "");
+    EXPECT_EQ(primary_output.pixel(0, 0), 0u);
+    ask(client, "set_scale", {0, 0, 64, 64, 0, 0, 64, 64});
+    settle();
+    hang_up(client);
 }
 
 TEST_F(CreateCommand, AnObjectThatIsTooSmallShowsWhatItHas)

@@ -9,6 +9,7 @@
 
 #include "../../src/backend/backend.h"
 #include "../../src/backend/framebuffer.h"
+#include "../../src/composite/composite.h"
 #include "../support/aborts.h"
 #include "../support/fake_device.h"
 #include "../support/stderr_capture.h"
@@ -85,7 +86,9 @@ TEST_F(Fb, TransparencyIsDescribedButNotHonoured)
     device.describe(480, 272, 32, 1920, 272);
     device.var.transp = {24, 8, 0};
     device.var.red.msb_right = 1;
-    open_screen();
+    info.width = info.height = -1;
+    info.has_alpha = 1;
+    pixels = fb_displayfunc.init(nullptr, &info);
     EXPECT_EQ(info.red_mask, 0xFF0000u);
     EXPECT_EQ(info.alpha_mask, 0xFF000000u);
     EXPECT_EQ(info.has_alpha, 0);
@@ -124,6 +127,19 @@ TEST_F(Fb, OnlyARequestWithoutAnySizeGetsTheDevices)
         EXPECT_EQ(info.height, h);
         close_screen();
     }
+}
+
+// Whole pixels of the device's width go into its line: neither the depth's own bytes nor a rounded number.
+TEST_F(Fb, TheBytesPerPixelArePrintedAsTheLineHoldsThem)
+{
+    device.describe(480, 272, 16, 2048, 272);
+    FbServer *server = fs_new(-1, -1);
+    const std::string text = printed([server] { EXPECT_NE(fs_add_backend(server, "fb"), nullptr); });
+    fs_destroy(server);
+    EXPECT_EQ(text, "screen info is\n"
+                    "width = 480 height = 272 depth = 16 stride = 2048\n"
+                    "colormask = red:0000f800, green:000007e0, blue:0000001f, alpha:00000000, has_alph = 0\n"
+                    "pixel unit: 4 bytes, byte order: LSB\n");
 }
 
 // ---- the devices ----
@@ -218,6 +234,12 @@ TEST_F(Fb, AConsoleThatKeepsItsModeIsNoReasonToStop)
     EXPECT_NE(open_screen(), nullptr);
 }
 
+TEST_F(Fb, TheModeIsReadTwice)
+{
+    open_screen();
+    EXPECT_THAT(device.requests, ElementsAre(FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO, FBIOGET_VSCREENINFO));
+}
+
 // ---- failures of the device ----
 
 TEST_F(Fb, AFailedRequestIsReportedAndThereIsNoScreen)
@@ -239,7 +261,7 @@ TEST_F(Fb, MemoryThatCannotBeMappedIsReported)
 TEST_F(Fb, AWidthOfZeroIsRefused)
 {
     device.var.xres = 0;
-    EXPECT_NE(complained([&] { EXPECT_EQ(open_screen(), nullptr); }), "");
+    EXPECT_THAT(complained([&] { EXPECT_EQ(open_screen(), nullptr); }), HasSubstr("No such device\n"));
 }
 
 TEST_F(Fb, ReopeningManyTimesUsesUpNoDescriptors)
@@ -278,11 +300,22 @@ TEST_F(Fb, ReleasedTheWholeMemoryIsBlackAlsoBeyondTheScreen)
     EXPECT_TRUE(device.is_filled_with(0));
 }
 
+TEST_F(Fb, MemoryThatCannotBeUnmappedIsReported)
+{
+    device.fill(0x5A);
+    open_screen();
+    next_munmap_fails = true;
+    EXPECT_EQ(complained([this] { close_screen(); }), "fb munmap failed: Invalid argument\n");
+    EXPECT_TRUE(device.is_filled_with(0));
+}
+
 TEST_F(Fb, ReleaseWithoutAScreenDoesNothing)
 {
+    open_screen();
+    EXPECT_EQ(complained([this] { close_screen(); }), "");
     device.failing_request = FBIOGET_FSCREENINFO;
     const StderrCapture quiet;
-    open_screen();
+    EXPECT_EQ(open_screen(), nullptr);
     fb_displayfunc.release(nullptr);
 }
 

@@ -166,6 +166,56 @@ TEST_F(Fb2, ReleasingSwitchesTheLayerOffAndKeepsTheDriversOtherWords)
     EXPECT_EQ(device.controls[1], expected);
 }
 
+TEST_F(Fb2, ReopeningManyTimesUsesUpNoDescriptors)
+{
+    open_screen();
+    const int32_t first = fb2_fd;
+    for (int i = 0; i < 20; i++) {
+        close_screen();
+        ASSERT_NE(open_screen(), nullptr);
+        ASSERT_EQ(fb2_fd, first);
+    }
+}
+
+TEST_F(Fb2, TheModeIsReadOnceAndTheLayerIsSwitchedOnLast)
+{
+    open_screen();
+    EXPECT_THAT(device.requests, ElementsAre(FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO, LAYER_CONTROL));
+}
+
+TEST_F(Fb2, ALayerThatKeepsItsStateIsNoReasonToStop)
+{
+    device.failing_request = LAYER_CONTROL;
+    EXPECT_NE(open_screen(), nullptr);
+}
+
+TEST_F(Fb2, MemoryThatCannotBeUnmappedIsReportedAndTheLayerIsSwitchedOff)
+{
+    device.fill(0x5A);
+    open_screen();
+    next_munmap_fails = true;
+    EXPECT_EQ(complained([this] { close_screen(); }), "fb2 munmap failed: Invalid argument\n");
+    EXPECT_TRUE(device.is_filled_with(0));
+    EXPECT_EQ(device.layer[ENABLE], 0u);
+}
+
+TEST_F(Fb2, WithoutAScreenTheLayerIsSwitchedOffAllTheSame)
+{
+    open_screen();
+    EXPECT_EQ(complained([this] { close_screen(); }), "");
+    device.failing_request = FBIOGET_VSCREENINFO;
+    complained([this] { EXPECT_EQ(open_screen(), nullptr); });
+    device.failing_request = 0;
+    device.fill(0x5A);
+    device.layer[FLAGS] = 0x5;
+    device.layer[ENABLE] = 1;
+    fb2_displayfunc.release(nullptr);
+    EXPECT_EQ(device.layer[COMMAND], 3u);
+    EXPECT_EQ(device.layer[FLAGS], 0x2005u);
+    EXPECT_EQ(device.layer[ENABLE], 0u);
+    EXPECT_TRUE(device.is_filled_with(0x5A));
+}
+
 TEST_F(Fb2, AFailedRequestIsReportedAndThereIsNoScreen)
 {
     for (const int request : {FBIOGET_FSCREENINFO, FBIOGET_VSCREENINFO}) {

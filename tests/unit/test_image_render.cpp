@@ -313,6 +313,79 @@ TEST_F(ImageRender, OnlyPixelsThatExistInBothImagesAreMoved)
     });
 }
 
+// Where a pixel of the screen lands, by coordinates; may be before the start of a turned image.
+int64_t landing(const ConverterFacts &facts, int32_t native_w, int32_t x, int32_t y, int32_t stride)
+{
+    const int64_t pitch = stride - stride % facts.dst_size;
+    return facts.placement == Placement::quarter_turn ? x * pitch + int64_t{native_w - 1 - y} * facts.dst_size
+                                                      : y * pitch + int64_t{x} * facts.dst_size;
+}
+
+size_t count_of(const std::string &text, const std::string &word)
+{
+    size_t n = 0;
+    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1))
+        n++;
+    return n;
+}
+
+// Strides and memories of any number of bytes, the panel narrower than a turned rectangle is high, and a source that
+// lies anywhere: pixels that exist in both images are moved, one by one as if nothing else were there, and no others.
+TEST_F(ImageRender, StridesThatAreNotWholePixelsAndTurnedRectanglesThatLeaveThePanel)
+{
+    random_cases::run(600, [this](random_cases::Random &random) {
+        const auto between = [&](int32_t low, int32_t high) { return random_cases::between(random, low, high); };
+        const auto bytes = [&](int32_t most) { return static_cast<size_t>(between(1, most)); };
+        const Decision &decision = DECISIONS[between(0, static_cast<int32_t>(std::size(DECISIONS)) - 1)];
+        const int32_t rotation = between(0, 2) == 0 ? 0 : between(0, 3) == 0 ? 270 : 90;
+        const ConverterFacts &facts = converter_facts_of(rotation == 0    ? decision.at_0
+                                                         : rotation == 90 ? decision.at_90
+                                                                          : decision.at_270);
+        const int32_t x = -between(0, 5), y = -between(0, 5); // of the source on the screen
+        const int32_t src_stride = between(0, between(0, 2) == 0 ? 5 : (SIDE + 8) * facts.src_size);
+        const int32_t dst_stride = PANEL_W * facts.dst_size + between(0, 9);
+        const size_t src_bytes = bytes((between(0, 2) == 0 ? 1 : SIDE + 6) * SIDE * facts.src_size);
+        const size_t dst_bytes = bytes(PANEL_W * SIDE * facts.dst_size + 40);
+        // The memory is whole words, so that pixels lie where their size wants them; what exists of it need not be.
+        TestImage src(SIDE, SIDE, decision.pair.src_format, static_cast<uint32_t>(random()), 4, (src_bytes + 3) & ~3u);
+        TestImage dst(PANEL_W, PANEL_H, decision.pair.dst_format, static_cast<uint32_t>(random()), dst_stride,
+                      (dst_bytes + 3) & ~3u);
+        src.image->stride = src_stride;
+        src.image->extent = src_bytes;
+        dst.image->extent = dst_bytes;
+        describe_as(src.image, decision.pair.src_depth, decision.pair.src_alpha);
+        describe_as(dst.image, decision.pair.dst_depth, decision.pair.dst_alpha);
+
+        region_make_empty(&region);
+        for (int32_t n = between(1, 3); n > 0; n--) {
+            const int32_t x1 = std::max(between(-SIDE, SIDE - 1), 0), y1 = between(0, SIDE - 1);
+            draw({x1, y1, between(x1 + 1, SIDE), between(y1 + 1, SIDE)});
+        }
+        turn(rotation);
+        screen.native_w = between(PANEL_W - SIDE, PANEL_W);
+        // With what lies before the image in its page: a turned pixel can land there.
+        const std::span<uint8_t> page = dst.memory.all();
+        std::vector<uint8_t> expected(page.begin(), page.end());
+        uint8_t *expected_pixels = expected.data() + (dst.memory.data() - page.data());
+        for (const Rect &rect : rects_of(region)) {
+            for (int32_t row = rect.y1; row < rect.y2; row++) {
+                for (int32_t column = rect.x1; column < rect.x2; column++) {
+                    const ConverterArguments one = {screen.native_w, column - x, row - y, column, row, 1, 1,
+                                                    src_stride,      dst_stride};
+                    if (landing(facts, screen.native_w, column, row, dst_stride) >= 0 &&
+                        bytes_read(facts, one) <= src_bytes && bytes_written(facts, one) <= dst_bytes)
+                        convert_slowly(facts, one, src.memory.data(), expected_pixels);
+                }
+            }
+        }
+        const std::string text = printed([&] { render(src, dst, x, y); });
+        screen.native_w = PANEL_W;
+        EXPECT_TRUE(std::equal(page.begin(), page.end(), expected.begin())) << facts.name;
+        // Once per rectangle, in however many pieces it is drawn.
+        EXPECT_EQ(count_of(text, "\n"), facts.announces ? 2 * rects_of(region).size() : 0u) << facts.name;
+    });
+}
+
 TEST_F(ImageRender, WithoutAnImageNothingHappens)
 {
     TestImage image(SIDE, SIDE, XC_FORMAT_XRGB32, 1);

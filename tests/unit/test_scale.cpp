@@ -4,43 +4,14 @@
 
 #include <gmock/gmock.h>
 
-#include "../support/compositor_test.h"
 #include "../support/random_cases.h"
-#include "../support/stderr_capture.h"
+#include "../support/scale_test.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::StartsWith;
-
-class Scale : public CompositorTest {
-protected:
-    Scale()
-    {
-        open_server();
-        surface = add_shown("fb.a", {10, 20, 100, 50}, XRGB32);
-        settle();
-        primary_output.calls.clear();
-    }
-
-    void scale(Place from, Place to) { scale(surface, from, to); }
-    void scale(ImageSurface *which, Place from, Place to)
-    {
-        fs_set_scale(server, which, from.x, from.y, from.w, from.h, to.x, to.y, to.w, to.h);
-    }
-
-    static void paint_numbers(const xc_image *image)
-    {
-        uint32_t word = 1;
-        for (int32_t y = 0; y < image->height; y++) {
-            for (int32_t x = 0; x < image->width; x++, word += 7)
-                put(image, x, y, word);
-        }
-    }
-
-    ImageSurface *surface;
-};
 
 // ---- setting up ----
 
@@ -138,6 +109,21 @@ TEST_F(Scale, ASecondScaleReplacesTheScaledImageAndKeepsTheClients)
     xc_image_unref(first);
 }
 
+// Reports beyond the first 64 rectangles wait outside the dirty region.
+TEST_F(Scale, ReportsThatWaitInABatchAreForgottenToo)
+{
+    for (int32_t y = 0; y < 50; y += 2) {
+        for (int32_t x = 0; x < 100; x += 2)
+            fs_add_dirty(server, surface, x, y, 1, 1);
+    }
+    fs_add_dirty(server, surface, 99, 49, 1, 1);
+    ASSERT_GT(surface->reports.n, 0);
+    scale({0, 0, 10, 10}, {30, 40, 200, 100});
+    EXPECT_EQ(surface->reports.n, 0);
+    fs_fold_reports(surface);
+    EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 10, 10}));
+}
+
 // ---- refusing ----
 
 TEST_F(Scale, ASourceWiderThanTheImageIsRefusedAfterTheDamage)
@@ -178,6 +164,7 @@ TEST_F(Scale, SizesBelowOneAndBeyondMemoryAreRefusedWithOneLine)
                                    {{0, 0, 50, 50}, {0, 0, 60, -1}},
                                    {{0, 0, 50, 50}, {0, 0, INT_MAX, INT_MAX}},
                                    {{0, 0, 50, 50}, {0, 0, 65536, 65536}},
+                                   {{0, 0, 50, 50}, {0, 0, (1 << 30) + 1, 1}}, // rows of 4 bytes in 32 bits
                                    // Wider than the image as well: the size is told, not the width.
                                    {{0, 0, 500, 0}, {0, 0, 60, 60}}}) {
         forget_damage();
@@ -202,62 +189,6 @@ TEST_F(Scale, ARefusedSecondScaleLeavesTheFirst)
     EXPECT_EQ(surface->img, scaled);
     EXPECT_EQ(surface->area, (Rect{0, 0, 200, 100}));
     EXPECT_THAT(rects_of(surface->dirty_region), IsEmpty());
-}
-
-// ---- removing ----
-
-TEST_F(Scale, EqualSizesOnAnUnscaledSurfaceOnlyDamage)
-{
-    const uint32_t flags = surface->flags;
-    EXPECT_EQ(printed([&] { scale({0, 0, 30, 30}, {200, 100, 30, 30}); }), "");
-    EXPECT_EQ(surface->area, (Rect{10, 20, 110, 70}));
-    EXPECT_EQ(surface->flags, flags);
-    EXPECT_THAT(damage_of(surface), ElementsAre(Rect{10, 20, 110, 70}));
-    EXPECT_EQ(printed([&] { scale({0, 0, 0, 0}, {200, 100, 0, 0}); }), "");
-}
-
-TEST_F(Scale, OffScreenTheDamageThatComesFirstStillSchedules)
-{
-    fs_move_surface(server, surface, 1000, 0);
-    forget_damage();
-    scale({0, 0, 30, 30}, {0, 0, 30, 30});
-    EXPECT_THAT(damage_of(surface), IsEmpty());
-    EXPECT_TRUE(render_is_pending());
-}
-
-TEST_F(Scale, RemovingPutsTheSurfaceAtTheDestinationAndMakesItDirty)
-{
-    xc_image *client = surface->img;
-    scale({0, 0, 100, 50}, {0, 0, 200, 100});
-    settle();
-    scale({0, 0, 30, 20}, {300, 100, 30, 20});
-    EXPECT_EQ(surface->scale_state, nullptr);
-    EXPECT_EQ(surface->img, client);
-    EXPECT_EQ(surface->area, (Rect{300, 100, 330, 120}));
-    EXPECT_EQ(surface->drawing_area, (Rect{300, 100, 320, 120}));
-    EXPECT_THAT(rects_of(surface->opaque_area), ElementsAre(Rect{0, 0, 30, 20}));
-    EXPECT_TRUE(surface_has(surface, SURFACE_DIRTY));
-    EXPECT_THAT(damage_of(surface), ElementsAre(Rect{0, 0, 200, 100}));
-}
-
-TEST_F(Scale, RemovingWithASizeBelowOneIsRefused)
-{
-    scale({0, 0, 100, 50}, {0, 0, 200, 100});
-    settle();
-    const std::string text = printed([&] { scale({0, 0, 0, 20}, {0, 0, 0, 20}); });
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
-    EXPECT_NE(surface->scale_state, nullptr);
-    EXPECT_EQ(surface->area, (Rect{0, 0, 200, 100}));
-}
-
-TEST_F(Scale, RemovedToARectangleLargerThanTheImageOnlyItsPixelsAreDrawn)
-{
-    paint(surface, 0x00123456);
-    scale({0, 0, 100, 50}, {0, 0, 200, 100});
-    settle();
-    scale({0, 0, 150, 150}, {0, 0, 150, 150});
-    settle();
-    EXPECT_EQ(primary_output.pixel(50, 30), 0x123456u);
 }
 
 // ---- the scaled image ----
@@ -375,6 +306,21 @@ TEST_F(Scale, ASaturatedDamageCoversTheWholeScaledImage)
     fs_add_dirty(server, surface, 0, 0, INT_MAX, INT_MAX);
     scale_refresh(surface);
     EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 300, 200}));
+}
+
+// A scaled surface shrinks to less than its scaled image, and back to that; the refresh ends at its area.
+TEST_F(Scale, OfAResizedSurfaceOnlyItsAreaIsRefreshed)
+{
+    scale({0, 0, 100, 50}, {0, 0, 200, 100});
+    settle();
+    fs_resize_surface(server, surface, 150, 60);
+    fs_add_dirty(server, surface, 0, 0, 100, 50);
+    scale_refresh(surface);
+    EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 150, 60}));
+    fs_resize_surface(server, surface, 200, 100);
+    EXPECT_EQ(surface->area, (Rect{0, 0, 200, 100}));
+    fs_resize_surface(server, surface, 201, 100);
+    EXPECT_EQ(surface->area, (Rect{0, 0, 200, 100}));
 }
 
 TEST_F(Scale, DamageOfTheClientsImageIsPaintedScaled)

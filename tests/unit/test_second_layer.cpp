@@ -145,6 +145,51 @@ TEST_F(SecondLayer, ClearingWritesWholeWordsWithinTheWorkImageOnly)
         EXPECT_EQ(second_output.pixel(i % 10, i / 10), 0xFFFFFFFFu);
 }
 
+TEST_F(SecondLayer, ClearingLeavesTheRestOfTheWorkImageAsItWas)
+{
+    ImageSurface *surface = add_shown("fb2.a", {10, 10, 20, 20}, ARGB32);
+    settle_quietly();
+    const xc_image *work = surface->backend->work_img;
+    for (int32_t y = 0; y < 40; y++) {
+        for (int32_t x = 0; x < 320; x++)
+            put(work, x, y, 0x5A5A5A5A);
+    }
+    fs_add_dirty(server, surface, 5, 6, 4, 3); // transparent pixels
+    settle_quietly();
+    for (int32_t y = 0; y < 40; y++) {
+        for (int32_t x = 0; x < 320; x++) {
+            const bool damaged = x >= 15 && x < 19 && y >= 16 && y < 19;
+            ASSERT_EQ(get(work, x, y), damaged ? 0u : 0x5A5A5A5Au) << x << "," << y;
+        }
+    }
+}
+
+// All damage of an output with alpha is cleared and presented, so that a report must not reach beyond its surface.
+TEST_F(SecondLayer, AReportBeyondTheDrawingAreaIsCutToItAndForgotten)
+{
+    ImageSurface *surface = add_shown("fb2.a", {10, 10, 40, 40}, ARGB32);
+    fs_set_clip(server, surface, 0, 0, 30, 240);
+    settle_quietly();
+    fs_add_dirty(server, surface, 10, 10, 100, 10);
+    settle();
+    EXPECT_THAT(second_output.updates(), ElementsAre(Rects{{20, 20, 30, 30}}));
+    EXPECT_THAT(rects_of(surface->dirty_region), IsEmpty());
+}
+
+TEST_F(SecondLayer, WhereOnlyTheOtherOutputIsDamagedNothingIsPresented)
+{
+    ImageSurface *lower = add_shown("fb.a", {0, 0, 20, 20}, XRGB32);
+    ImageSurface *upper = add_shown("fb.b", {10, 0, 20, 20}, ARGB32);
+    add_shown("fb2.a", {0, 0, 20, 20}, ARGB32);
+    settle_quietly();
+    primary_output.calls.clear();
+    fs_add_dirty(server, lower, 0, 0, 20, 20);
+    fs_add_dirty(server, upper, 0, 0, 20, 20);
+    EXPECT_EQ(complained([] { settle(); }), "");
+    EXPECT_EQ(primary_output.count(OutputCall::FLUSH), 1);
+    EXPECT_THAT(second_output.calls, IsEmpty());
+}
+
 struct ClearCase {
     Box box;
     const char *expression;

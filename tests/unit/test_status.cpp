@@ -84,6 +84,16 @@ TEST_F(Status, WithAClipTheDrawingAreaIsPrintedTwice)
                                   "\t\tdepth = "));
 }
 
+TEST_F(Status, AClipThatIsLargerThanTheDrawingAreaIsNotPrinted)
+{
+    ImageSurface *surface = add("fb.a", {-10, 200, 100, 50}, RGB16);
+    fs_set_clip(server, surface, -50, -60, 1000, 2000);
+    EXPECT_THAT(dump(), HasSubstr("\t\t[-10,200] - [90,250]\n"
+                                  "\t\tdrawing area: [0,200] - [90,240]\n"
+                                  "\t\tclip area: [0,200] - [90,240]\n"
+                                  "\t\tdepth = "));
+}
+
 TEST_F(Status, OffScreenTheDrawingAreaIsZero)
 {
     add("fb.a", {1000, 20, 100, 50}, RGB16);

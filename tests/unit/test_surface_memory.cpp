@@ -167,4 +167,23 @@ TEST_F(SurfaceMemory, WithoutMemoryForAClipTheOldPlaceIsStillDamaged)
     EXPECT_EQ(damage_of(surface), (Rects{{0, 0, 10, 10}}));
 }
 
+TEST_F(SurfaceMemory, WithoutMemoryForAScaleItIsRefusedAndTheSurfaceStays)
+{
+    ImageSurface *surface = add("fb.a", SOMEWHERE, XRGB32);
+    const xc_image *image = surface->img;
+    for (int nth = 1; nth <= 3; nth++) { // the image, its pixels, the record
+        const std::string text = printed([&] {
+            fail_allocation(ANY_ALLOCATION, nth);
+            fs_set_scale(server, surface, 0, 0, 10, 10, 0, 0, 20, 20);
+        });
+        EXPECT_TRUE(allocation_failed());
+        EXPECT_EQ(text, "fs_set_scale: invalid size: source 10 x 10 destination 20 x 20\n");
+        EXPECT_EQ(surface->img, image);
+        EXPECT_EQ(surface->scale_state, nullptr);
+        EXPECT_EQ(surface->area, (Rect{0, 0, 10, 10}));
+    }
+    fs_set_scale(server, surface, 0, 0, 10, 10, 0, 0, 20, 20);
+    EXPECT_NE(surface->scale_state, nullptr);
+}
+
 } // namespace
