@@ -14,13 +14,17 @@ RESPAWNED = '::respawn:/etc/init.d/fbserver run >> /var/log/fbserver.log 2>&1\n'
 class Build:
     """Where the parts are that a machine is put together from."""
 
-    def __init__(self, folder, source):
+    def __init__(self, folder, tree, prefix, source):
         self.folder = folder
-        self.root = os.path.join(folder, 'root')      # what was installed
+        self.prefix = prefix
+        self.root = os.path.join(folder, 'root')  # what was installed
         self.kernel = os.path.join(folder, 'kernel')
-        self.programs = os.path.join(folder, 'tree', 'tests', 'e2e')
+        self.programs = os.path.join(tree, 'tests', 'e2e')
         self.source = source
         self.expected = os.path.join(self.programs, 'e2e-expected')
+
+    def installed(self, path):
+        return self.root + os.path.join(self.prefix, path)
 
 
 def root_file_system(build, modules, scenes, respawn):
@@ -40,8 +44,8 @@ def root_file_system(build, modules, scenes, respawn):
     root.file('/etc/modules', ''.join(module + '\n' for module in modules).encode())
     for module in [*modules, 'pfb_layers']:
         root.copy(os.path.join(build.kernel, module + '.ko'), f'/lib/modules/{module}.ko')
-    root.program(os.path.join(build.root, 'usr/bin/fbserver'), '/usr/bin/fbserver')
-    root.copy(os.path.join(build.root, 'usr/share/pfb/fbserver.init'), '/etc/init.d/fbserver', 0o755)
+    root.program(build.installed('bin/fbserver'), os.path.join(build.prefix, 'bin/fbserver'))
+    root.copy(build.installed('share/pfb/fbserver.init'), '/etc/init.d/fbserver', 0o755)
     root.program(os.path.join(build.programs, 'e2e-client'), '/bin/client')
     root.program(os.path.join(build.programs, 'e2e-device'), '/bin/device')
     for scene in scenes:
