@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Framebuffers that no emulator shows, read back inside the machine: odd depths, padded rows, and the second layer."""
+import boot
 from machine import Machine
 from scenes import Scene, Surface
 from screen_cases import BOCHS
@@ -39,7 +40,7 @@ def layers(build, report):
     primary = {depth: primary_scene(depth) for depth in (16, 18, 32)}
     layer = {depth: layer_scene(depth) for depth in (16, 18, 32)}
     scenes = [*primary.values(), *layer.values()]
-    with Machine(build, 'layers', BOCHS, scenes, 'std', 'video=800x480', respawn=False) as machine:
+    with Machine(build, 'layers', BOCHS, scenes, 'std', 'video=800x480', boot=boot.busybox) as machine:
         start_up_script(machine, report)
         for depth in (18, 16, 32):
             primary_device(machine, report, primary[depth], pad=24)
