@@ -50,7 +50,8 @@ static char *const *without_preload(char *const envp[], char **words)
     return words;
 }
 
-// The environment of an emulated program gets this library back, before those that it was given: callers clean it.
+// The environment of an emulated program gets this library back, behind those that it was given: callers clean it, and
+// a sanitizer wants to be the first.
 static bool preload(char *const envp[], char *text, size_t size)
 {
     Dl_info self;
@@ -62,8 +63,8 @@ static bool preload(char *const envp[], char *text, size_t size)
     if (dladdr((void *)is_own_program, &self) == 0)
         return false;
     const bool is_there = strstr(others, self.dli_fname) != NULL;
-    const int n = snprintf(text, size, "LD_PRELOAD=%s%s%s", is_there ? "" : self.dli_fname,
-                           is_there || *others == '\0' ? "" : ":", others);
+    const int n = snprintf(text, size, "LD_PRELOAD=%s%s%s", others, is_there || *others == '\0' ? "" : ":",
+                           is_there ? "" : self.dli_fname);
     return n > 0 && (size_t)n < size;
 }
 

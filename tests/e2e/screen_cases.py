@@ -72,8 +72,13 @@ def server_ended(machine, report, scene, server):
     expect(machine, report, 'bochs: SIGTERM leaves a black screen', pictures.black(800, 480), 32)
     console = machine.run('device console')
     report.check('bochs: SIGTERM leaves the console in graphics mode', console == 'graphics', console)
+    machine.run('device text')
+    console = machine.run('device console')
+    report.check('bochs: the console can be set back to text then', console == 'text', console)
     machine.signal('CONT')
     expect(machine, report, 'bochs: clients that waited come back', scene.picture, 32)
+    console = machine.run('device console')
+    report.check('bochs: and is in graphics mode again', console == 'graphics', console)
     return machine.wait_for_server()
 
 
