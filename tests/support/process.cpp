@@ -242,14 +242,14 @@ void Pipe::close_write()
     fds_[1] = -1;
 }
 
-// An emulated processor has the last word when a program of its dies: not the program's, so it is taken away.
-static void drop_emulators_line(std::string &text)
+std::string without_emulators_line(std::string text)
 {
     static constexpr char START[] = "qemu: uncaught target signal ";
     const size_t line = text.rfind('\n', text.size() < 2 ? 0 : text.size() - 2);
     const size_t start = line == std::string::npos ? 0 : line + 1;
     if (text.compare(start, sizeof START - 1, START) == 0)
         text.erase(start);
+    return text;
 }
 
 const std::string &Pipe::text()
@@ -260,7 +260,7 @@ const std::string &Pipe::text()
         text_.append(bytes, static_cast<size_t>(n));
     if (n == 0)
         at_end_ = true;
-    drop_emulators_line(text_);
+    text_ = without_emulators_line(text_);
     return text_;
 }
 
