@@ -21,7 +21,9 @@ help:
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
-	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors (not yet run to the end)'
+	@echo '                     (MACHINES="bochs cirrus": these only)'
+	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors'
+	@echo '                     (ARCH=armhf: one of them, QUICK=1: less optimisation and fewer random cases)'
 	@echo 'make packages        Debian packages in build/packages, tried in a clean Debian (root or sudo)'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
 	@echo 'make format          formats the sources'
@@ -66,10 +68,10 @@ soak:
 	@PFB_HISTORY_SECONDS=$(TIME) build/sanitized/tests/server/test_histories
 
 e2e:
-	@scripts/e2e
+	@scripts/e2e $(MACHINES)
 
 arm:
-	@scripts/arm
+	@scripts/arm $(if $(QUICK),--quick) $(ARCH)
 
 packages:
 	@scripts/deps build package

@@ -50,8 +50,26 @@ static char *const *without_preload(char *const envp[], char **words)
     return words;
 }
 
-// emulator ... -0 ARGV0 PATH ARGUMENT...; false when there are too many.
-static bool emulated(const char *path, char *const argv[], char *emulator, char **words)
+// The environment of an emulated program gets this library back, behind those that it was given: callers clean it, and
+// a sanitizer wants to be the first.
+static bool preload(char *const envp[], char *text, size_t size)
+{
+    Dl_info self;
+    const char *others = "";
+    for (size_t i = 0; envp[i] != NULL; i++) {
+        if (strncmp(envp[i], "LD_PRELOAD=", 11) == 0)
+            others = envp[i] + 11;
+    }
+    if (dladdr((void *)is_own_program, &self) == 0)
+        return false;
+    const bool is_there = strstr(others, self.dli_fname) != NULL;
+    const int n = snprintf(text, size, "LD_PRELOAD=%s%s%s", others, is_there || *others == '\0' ? "" : ":",
+                           is_there ? "" : self.dli_fname);
+    return n > 0 && (size_t)n < size;
+}
+
+// emulator ... -E LD_PRELOAD=LIBRARIES -0 ARGV0 PATH ARGUMENT...; false when there are too many.
+static bool emulated(const char *path, char *const argv[], char *emulator, char *libraries, char **words)
 {
     size_t n = 0;
     char *rest;
@@ -60,6 +78,8 @@ static bool emulated(const char *path, char *const argv[], char *emulator, char 
             return false;
         words[n++] = word;
     }
+    words[n++] = (char *)"-E";
+    words[n++] = libraries;
     words[n++] = (char *)"-0";
     words[n++] = argv[0] != NULL ? argv[0] : (char *)path;
     words[n++] = (char *)path;
@@ -77,11 +97,12 @@ int execve(const char *path, char *const argv[], char *const envp[])
     execve_func next = (execve_func)dlsym(RTLD_NEXT, "execve");
     char *words[MOST_WORDS];
     char emulator[1024];
+    char libraries[4096];
     const char *given = getenv("EMULATED_EXEC");
     if (given == NULL || !is_own_program(path) || access(path, X_OK) != 0)
         return next(path, argv, without_preload(envp, words));
     if (snprintf(emulator, sizeof emulator, "%s", given) >= (int)sizeof emulator ||
-        !emulated(path, argv, emulator, words)) {
+        !preload(envp, libraries, sizeof libraries) || !emulated(path, argv, emulator, libraries, words)) {
         errno = E2BIG;
         return -1;
     }

@@ -3,6 +3,7 @@
  * device VERB ...: looks at the devices of the machine that it runs on.
  *
  *   console              "graphics" or "text": the mode of the virtual console
+ *   text                 sets it to text
  *   info DEVICE          "WIDTH HEIGHT DEPTH STRIDE MEMORY" of a framebuffer
  *   dump DEVICE          its memory, as it lies there, to standard output
  *   fill DEVICE BYTE     fills its memory
@@ -41,6 +42,14 @@ static int console(void)
     if (fd < 0 || ioctl(fd, KDGETMODE, &mode) < 0)
         die("/dev/tty0");
     puts(mode == KD_GRAPHICS ? "graphics" : mode == KD_TEXT ? "text" : "unknown");
+    return 0;
+}
+
+static int text(void)
+{
+    int fd = open("/dev/tty0", O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || ioctl(fd, KDSETMODE, KD_TEXT) < 0)
+        die("/dev/tty0");
     return 0;
 }
 
@@ -120,8 +129,11 @@ int main(int argc, char **argv)
 {
     if (argc == 2 && strcmp(argv[1], "console") == 0)
         return console();
+    if (argc == 2 && strcmp(argv[1], "text") == 0)
+        return text();
     if (argc < 3) {
-        fprintf(stderr, "usage: %s console | {info|dump|black} DEVICE | fill DEVICE BYTE | first DEVICE COMMAND...\n",
+        fprintf(stderr,
+                "usage: %s console | text | {info|dump|black} DEVICE | fill DEVICE BYTE | first DEVICE COMMAND...\n",
                 argv[0]);
         return 2;
     }

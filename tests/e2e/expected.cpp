@@ -4,10 +4,12 @@
 // A scene is a text of one line for the panel and one for each surface, from the bottom to the top:
 //
 //   panel WIDTH HEIGHT DEPTH ROTATION      of the panel itself; the surfaces of a turned one lie on its logical screen
+//   layer WIDTH HEIGHT DEPTH ROTATION      the same, with alpha and nothing below the surfaces
 //   surface NAME FORMAT X Y WIDTH HEIGHT KIND [plane WORD] [clip X Y WIDTH HEIGHT]
 //
 // with FORMAT argb, xrgb, rgb565 or rgb666 and KIND photograph or random, or "hidden" for a surface that takes no
-// part. Writes NAME.pixels for each surface and picture.ppm.
+// part. Writes NAME.pixels for each surface, picture.ppm, and picture.words: 0xAARRGGBB, of which the top bytes count
+// on a layer.
 #include <fstream>
 #include <iostream>
 #include <optional>
@@ -33,6 +35,15 @@ void write_pixels(const std::string &path, const Pixels &pixels)
 {
     std::ofstream file(path, std::ios::binary);
     file.write(reinterpret_cast<const char *>(pixels.bytes.data()), static_cast<std::streamsize>(pixels.bytes.size()));
+}
+
+void write_words(const std::string &path, const std::vector<uint32_t> &words)
+{
+    std::ofstream file(path, std::ios::binary);
+    for (uint32_t word : words) {
+        for (int shift : {0, 8, 16, 24})
+            file.put(static_cast<char>(word >> shift));
+    }
 }
 
 void write_picture(const std::string &path, const Picture &picture)
@@ -115,15 +126,17 @@ int main(int argc, char **argv)
     while (std::getline(scene, text)) {
         std::istringstream line(text);
         line >> word;
-        if (word == "panel" && line >> panel.width >> panel.height >> panel.depth >> panel.rotation) {
+        const bool layer = word == "layer";
+        if ((layer || word == "panel") && line >> panel.width >> panel.height >> panel.depth >> panel.rotation) {
             const bool upright = panel.rotation == 0;
-            composer.emplace(upright ? panel.width : panel.height, upright ? panel.height : panel.width);
+            composer.emplace(upright ? panel.width : panel.height, upright ? panel.height : panel.width, layer);
         } else if (word == "surface" && composer) {
             draw_surface(*composer, panel, line, folder, ++seed);
         }
     }
     if (!composer)
         return 1;
+    write_words(folder + "/picture.words", composer->words());
     write_picture(folder + "/picture.ppm", turned(composer->picture(panel.depth), panel));
     return 0;
 }

@@ -34,11 +34,20 @@ class Initramfs:
         for library in re.findall(r'(/\S+) \(0x', subprocess.check_output(['ldd', source], text=True)):
             self.copy(library, library, 0o755)
 
-    def tree(self, source):
-        for folder, _, names in os.walk(source):
-            for name in names:
+    def tree(self, source, without=()):
+        """What lies below `source`, but for the folders `without`."""
+        for folder, folders, names in os.walk(source):
+            inside = '/' + os.path.relpath(folder, source)
+            folders[:] = [name for name in folders if os.path.normpath(f'{inside}/{name}') not in without]
+            for name in names + folders:
                 path = os.path.join(folder, name)
-                self.copy(path, '/' + os.path.relpath(path, source))
+                there = os.path.normpath(os.path.join(inside, name))
+                if os.path.islink(path):
+                    self.link(there, os.readlink(path))
+                elif name in names:
+                    self.copy(path, there)
+                else:
+                    self.folder(there)
 
     def write(self, path):
         with open(path, 'wb') as archive:

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Framebuffers that no emulator shows, read back inside the machine: odd depths, padded rows, and the second layer."""
+import boot
 from machine import Machine
 from scenes import Scene, Surface
 from screen_cases import BOCHS
@@ -23,24 +24,29 @@ def primary_scene(depth):
 
 
 def layer_scene(depth):
+    """On 32 bits nothing lies behind some places, and every strength of alpha occurs. Other layers have none. The first
+    surface is never shown; on a layer it is drawn all the same, where others are."""
+    background = Surface('fb2.background', 'argb', 12, 8, WIDTH - 20, HEIGHT - 11) if depth == 32 else \
+        Surface('fb2.background', 'argb', 0, 0, WIDTH, HEIGHT, 'photograph')
     return Scene(f'layer{depth}', (WIDTH, HEIGHT, depth), [
-        Surface('fb2.background', 'argb', 0, 0, WIDTH, HEIGHT, 'photograph'),
+        Surface('fb2.first', 'argb', 40, 14, 70, 61),
+        background,
         Surface('fb2.glass', 'argb', 31, 17, 80, 55),
         Surface('fb2.narrow', 'rgb565', 90, 5, 40, 33),
-    ])
+    ], layer=True)
 
 
 def layers(build, report):
     primary = {depth: primary_scene(depth) for depth in (16, 18, 32)}
     layer = {depth: layer_scene(depth) for depth in (16, 18, 32)}
     scenes = [*primary.values(), *layer.values()]
-    with Machine(build, 'layers', BOCHS, scenes, 'std', 'video=800x480', respawn=False) as machine:
+    with Machine(build, 'layers', BOCHS, scenes, 'std', 'video=800x480', boot=boot.busybox) as machine:
         start_up_script(machine, report)
         for depth in (18, 16, 32):
             primary_device(machine, report, primary[depth], pad=24)
         for depth in (32, 18, 16):
             second_layer(machine, report, layer[depth], primary[18], pad=8)
-        return first_picture(machine)
+        first_picture(machine, report)
 
 
 def start_up_script(machine, report):
@@ -119,20 +125,23 @@ def second_layer(machine, report, scene, primary, pad):
 
 def layer_life(machine, report, name, life, scene):
     machine.run(f'device fill /dev/fb2 {GARBAGE}')
-    invisible = scene.surfaces[0].create(0, 0)
-    machine.clients['fb2.first'] = int(machine.run(
-        f"client fb2.first {scene.pixel_path(scene.surfaces[0])} '{invisible}' get_native_color_depth"
-        ' > /var/log/fb2.first & echo $!'))
+    first, *others = scene.surfaces
+    machine.clients[first.name] = int(machine.run(
+        f"client {first.name} {scene.pixel_path(first)} '{first.create(0, 0)}' get_native_color_depth"
+        f' > /var/log/{first.name} & echo $!'))
     machine.wait_for('grep -q . /proc/layer-control')
     blocks = records(machine)
     report.check(f'{name}: the start block{life}',
                  len(blocks) == 1 and {word: blocks[0][word] for word in START} == START, describe(blocks))
     black = machine.wait_for('device black /dev/fb2')
     report.check(f'{name}: black at the start{life}', black == 'black', black)
-    machine.show(scene)
+    for surface in others:
+        machine.start(scene, surface)
     shown_on(machine, report, f'{name}: the picture{life}', '/dev/fb2', scene)
+    if scene.words is not None:
+        alpha(machine, report, f'{name}: the alpha of every pixel{life}', scene)
 
-    machine.signal('KILL', 'fb2.first', *(surface.name for surface in scene.surfaces))
+    machine.signal('KILL', *(surface.name for surface in scene.surfaces))
     machine.wait_for('test $(wc -l < /proc/layer-control) -ge 3')
     blocks = records(machine)
     # What the driver holds: the words of the start, its own everywhere else; its commit bit ends with the request.
@@ -146,15 +155,25 @@ def layer_life(machine, report, name, life, scene):
     report.check(f'{name}: all of the memory is black after the end{life}', black == 'black', black)
     for surface in scene.surfaces:
         del machine.clients[surface.name]
-    del machine.clients['fb2.first']
 
 
-def first_picture(machine):
-    """(milliseconds from the server's start to the first picture, its resident kilobytes then) on /dev/fb0."""
+def alpha(machine, report, name, scene):
+    """The whole words. What the picture compares is the colours."""
+    _, memory, stride = machine.framebuffer('/dev/fb2')
+    rows = b''.join(memory[y * stride:y * stride + WIDTH * 4] for y in range(HEIGHT))
+    wrong = sum(a != b for a, b in zip(rows[3::4], scene.words[3::4]))
+    strengths = len(set(scene.words[3::4]))
+    report.check(name, rows == scene.words and strengths > 200,
+                 f'{wrong} of {WIDTH * HEIGHT} differ; {strengths} strengths are expected')
+
+
+def first_picture(machine, report):
+    """Measured on /dev/fb0, with a client that waits for the server already."""
     scene = primary_scene(32)
     machine.settings('')
     machine.start(scene, scene.surfaces[0])
     machine.run('device first /dev/fb0 /etc/init.d/fbserver run > /var/log/first & true')
     milliseconds = float(machine.wait_for('grep -m1 "^[0-9.]*$" /var/log/first'))
     resident = int(machine.run("sed -n 's/^VmRSS:[^0-9]*\\([0-9]*\\) kB/\\1/p' /proc/$(pidof fbserver)/status"))
-    return milliseconds, resident
+    report.measured.append(f'From the server\'s start to the first picture {milliseconds:.0f} ms, {resident} kB resident '
+                           'then (emulated processor)')

@@ -4,26 +4,29 @@ import os
 import subprocess
 import time
 
+import boot
 import pictures
 from guest import WAIT_SECONDS, Guest
 from initramfs import Initramfs
-
-RESPAWNED = '::respawn:/etc/init.d/fbserver run >> /var/log/fbserver.log 2>&1\n'
 
 
 class Build:
     """Where the parts are that a machine is put together from."""
 
-    def __init__(self, folder, source):
+    def __init__(self, folder, tree, prefix, source):
         self.folder = folder
-        self.root = os.path.join(folder, 'root')      # what was installed
+        self.prefix = prefix
+        self.root = os.path.join(folder, 'root')  # what was installed
         self.kernel = os.path.join(folder, 'kernel')
-        self.programs = os.path.join(folder, 'tree', 'tests', 'e2e')
+        self.programs = os.path.join(tree, 'tests', 'e2e')
         self.source = source
         self.expected = os.path.join(self.programs, 'e2e-expected')
 
+    def installed(self, path):
+        return self.root + os.path.join(self.prefix, path)
 
-def root_file_system(build, modules, scenes, respawn):
+
+def root_file_system(build, modules, scenes, boot):
     root = Initramfs()
     for folder in ('/proc', '/sys', '/dev', '/run', '/tmp', '/var/log', '/etc/default'):
         root.folder(folder)
@@ -31,17 +34,15 @@ def root_file_system(build, modules, scenes, respawn):
     for applet in subprocess.check_output(['/bin/busybox', '--list'], text=True).split():
         if applet != 'busybox':
             root.link('/bin/' + applet, 'busybox')
-    root.link('/init', 'bin/busybox')
     root.link('/sbin', 'bin')
-    for name in ('rcS', 'agent'):
+    for name in ('rcS', 'agent', 'drivers'):
         root.copy(os.path.join(build.source, 'root', name), '/etc/init.d/' + name, 0o755)
-    with open(os.path.join(build.source, 'root', 'inittab')) as file:
-        root.file('/etc/inittab', (file.read() + (RESPAWNED if respawn else '')).encode())
     root.file('/etc/modules', ''.join(module + '\n' for module in modules).encode())
     for module in [*modules, 'pfb_layers']:
         root.copy(os.path.join(build.kernel, module + '.ko'), f'/lib/modules/{module}.ko')
-    root.program(os.path.join(build.root, 'usr/bin/fbserver'), '/usr/bin/fbserver')
-    root.copy(os.path.join(build.root, 'usr/share/pfb/fbserver.init'), '/etc/init.d/fbserver', 0o755)
+    root.program(build.installed('bin/fbserver'), os.path.join(build.prefix, 'bin/fbserver'))
+    root.copy(build.installed('share/pfb/fbserver.init'), '/etc/init.d/fbserver', 0o755)
+    boot(root, build)
     root.program(os.path.join(build.programs, 'e2e-client'), '/bin/client')
     root.program(os.path.join(build.programs, 'e2e-device'), '/bin/device')
     for scene in scenes:
@@ -51,13 +52,14 @@ def root_file_system(build, modules, scenes, respawn):
 
 
 class Machine(Guest):
-    def __init__(self, build, name, modules, scenes, vga, words='', boot_image=False, respawn=True):
+    def __init__(self, build, name, modules, scenes, vga, words='', boot_image=False,
+                 boot=boot.busybox_respawns):
         folder = os.path.join(build.folder, 'machines', name)
         os.makedirs(folder, exist_ok=True)
         for scene in scenes:
             scene.compose(build.expected, os.path.join(folder, scene.name))
         archive = os.path.join(folder, 'root.cpio')
-        root_file_system(build, modules, scenes, respawn).write(archive)
+        root_file_system(build, modules, scenes, boot).write(archive)
         kernel = os.path.join(build.kernel, 'vmlinuz' if boot_image else 'vmlinux')
         super().__init__(folder, kernel, words, archive, vga)
         self.clients = {}

@@ -41,19 +41,24 @@ class Surface:
 class Scene:
     """Surfaces from the bottom to the top on a panel. `cut`: the part of the panel that the server was given."""
 
-    def __init__(self, name, panel, surfaces, rotation=0, cut=None):
+    def __init__(self, name, panel, surfaces, rotation=0, cut=None, layer=False):
         self.name = name
+        self.layer = layer  # it has alpha
         self.width, self.height, self.depth = panel
         self.surfaces = surfaces
         self.rotation = rotation
         self.cut = cut
         self.picture = None
+        self.words = None  # of a layer of 32 bits, alpha included, as they lie in memory
 
     def compose(self, program, folder):
         """Writes what the clients draw below `folder` and composes the expected picture."""
         os.makedirs(folder, exist_ok=True)
         self.folder = folder
         self.picture = self._composed(program, [surface.line(self.cut) for surface in self.surfaces])
+        if self.layer and self.depth == 32:
+            with open(os.path.join(folder, 'picture.words'), 'rb') as file:
+                self.words = file.read()
 
     def without(self, program, name):
         """The picture when the surfaces of that name are gone. The others draw what they drew."""
@@ -61,7 +66,7 @@ class Scene:
         return self._composed(program, lines)
 
     def _composed(self, program, lines):
-        text = f'panel {self.width} {self.height} {self.depth} {self.rotation}\n' + '\n'.join(lines) + '\n'
+        text = f'{"layer" if self.layer else "panel"} {self.width} {self.height} {self.depth} {self.rotation}\n' + '\n'.join(lines) + '\n'
         scene = os.path.join(self.folder, 'scene')
         with open(scene, 'w') as file:
             file.write(text)

@@ -2,6 +2,7 @@
 // Random histories of clients and devices, played on the server and on the model.
 //   PFB_HISTORY=config:seed       plays one history (a negative seed: one that may end in an abort)
 //   PFB_HISTORY_SECONDS=n         plays for n seconds per configuration, from a new seed
+//   PFB_HISTORY_COMMANDS=n        plays at least n commands per configuration, instead of 40000
 //   PFB_HISTORY_SEED=n            starts from another seed
 //   PFB_HISTORY_SHRINK=0          reports a history that goes wrong as it is
 #include <gtest/gtest.h>
@@ -75,9 +76,10 @@ TEST_P(Histories, ServerDoesWhatTheModelDoes)
     long seconds = environment_number("PFB_HISTORY_SECONDS", 0);
     long first = environment_number("PFB_HISTORY_SEED", seconds ? time(nullptr) * 10 : 1);
     time_t end = time(nullptr) + seconds;
+    const auto wanted = static_cast<size_t>(environment_number("PFB_HISTORY_COMMANDS", COMMANDS));
     size_t played = 0;
     printf("%s: seeds from %ld\n", config.name, first);
-    for (long i = 0; !HasFailure() && (seconds ? time(nullptr) < end : played < COMMANDS); i++)
+    for (long i = 0; !HasFailure() && (seconds ? time(nullptr) < end : played < wanted); i++)
         played += play(config, i % ABORT_EVERY == ABORT_EVERY - 1 ? -(first + i) : first + i);
     printf("%s: %zu commands\n", config.name, played);
 }

@@ -349,6 +349,11 @@ TEST(Service, TheSocketOfAKilledServerIsTakenOver)
     const pid_t second = program_start(start);
     err.close_write();
     EXPECT_TRUE(wait_until(connects));
+    {
+        TestClient client("x.last"); // it listens before it handles signals
+        client.create(pixels_new(PixelFormat::XRGB, 1, 1), 0, 0, 0);
+        client.native_depth();
+    }
     kill(second, SIGTERM);
     EXPECT_EQ(shell_status(program_wait(second)), 0);
     EXPECT_EQ(err.text(), "");

@@ -87,12 +87,11 @@ std::string hex(uint32_t word)
 
 } // namespace
 
-PictureComposer::PictureComposer(int width, int height)
+PictureComposer::PictureComposer(int width, int height, bool alpha)
     : width_(width), height_(height), words_(static_cast<size_t>(width * height), 0),
-      canvas_(pixman_image_create_bits_no_clear(PIXMAN_x8r8g8b8, width, height, words_.data(), width * 4)), clip_{
-                                                                                                                0, 0,
-                                                                                                                width,
-                                                                                                                height}
+      canvas_(pixman_image_create_bits_no_clear(alpha ? PIXMAN_a8r8g8b8 : PIXMAN_x8r8g8b8, width, height, words_.data(),
+                                                width * 4)),
+      clip_{0, 0, width, height}
 {
 }
 
@@ -132,7 +131,8 @@ void PictureComposer::draw(const Pixels &pixels, int x, int y, bool ignore_alpha
     const bool narrow = pixels.format == PixelFormat::RGB565 || pixels.format == PixelFormat::RGB666;
     const Pixels wide = narrow ? widened(pixels) : Pixels{};
     const bool over = pixels.format == PixelFormat::ARGB && !ignore_alpha;
-    pixman_image_t *image = image_over(over ? PIXMAN_a8r8g8b8 : PIXMAN_x8r8g8b8, narrow ? wide : pixels);
+    // Narrow pixels arrive without alpha on a layer, not opaque: their top byte, which is 0, counts as well.
+    pixman_image_t *image = image_over(over || narrow ? PIXMAN_a8r8g8b8 : PIXMAN_x8r8g8b8, narrow ? wide : pixels);
     pixman_image_composite32(over ? PIXMAN_OP_OVER : PIXMAN_OP_SRC, image, nullptr, canvas_, 0, 0, 0, 0, x, y,
                              pixels.width, pixels.height);
     pixman_image_unref(image);

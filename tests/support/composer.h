@@ -17,7 +17,8 @@ struct ComposerRect {
 // A canvas of 8 bits per channel, black at first. Surfaces are drawn onto it from the bottom to the top.
 class PictureComposer {
 public:
-    PictureComposer(int width, int height);
+    // `alpha`: the canvas is a layer of its own, nothing at first, and words() tells how much of each pixel there is.
+    PictureComposer(int width, int height, bool alpha = false);
     ~PictureComposer();
     PictureComposer(const PictureComposer &) = delete;
     PictureComposer &operator=(const PictureComposer &) = delete;
@@ -35,6 +36,8 @@ public:
 
     // What a panel of 16, 18 or 32 bits shows of it: the low bits of each channel are cut off.
     Picture picture(int depth) const;
+    // The canvas as it lies in memory: 0xAARRGGBB, premultiplied; without alpha the top bytes mean nothing.
+    const std::vector<uint32_t> &words() const { return words_; }
 
 private:
     ComposerRect visible(const ComposerRect &area) const;

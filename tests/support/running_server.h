@@ -35,7 +35,7 @@ public:
     std::string panel_folder() const { return panel_folder_; }
     std::string socket_path() const { return folder() + "/pfb.mc"; }
     std::string out() const { return file_text(folder() + "/out"); }
-    std::string err() const { return file_text(folder() + "/err"); }
+    std::string err() const { return without_emulators_line(file_text(folder() + "/err")); }
 
     // Sends the server a signal (0: none), waits for its end and returns what a shell would call its status.
     int stop(int signal_number);
