@@ -31,6 +31,10 @@
  * Order. The requests of one client are handled in the order of the calls. Most functions return when the request is on
  * its way; pfb_get_color_depth returns when everything before it has been done.
  *
+ * The server ends. A client with a surface notices little: as soon as there is a server again, the library connects,
+ * copies the pixels into new shared memory at the same address and makes the surface again as it was, pfb_set_reconnect
+ * says how. Until then requests are only remembered, and succeed at once.
+ *
  * Threads. A client belongs to one thread at a time; different clients may be used by different threads at once. The
  * error text is each thread's own. Signals do not end a call, and the library raises none.
  */
@@ -59,7 +63,7 @@ enum pfb_error {
 	PFB_ERROR_STATE = -2,     /* not now: no surface yet, one already, no lock to undo, ... */
 	PFB_ERROR_NO_SERVER = -3, /* nobody listens */
 	PFB_ERROR_ACCESS = -4,    /* the server, or this client's memory for the server, is out of reach */
-	PFB_ERROR_GONE = -5,      /* the server has ended or has closed the connection; disconnect */
+	PFB_ERROR_GONE = -5,      /* the server has ended, or has closed the connection, over this call */
 	PFB_ERROR_TIMEOUT = -6,   /* no answer, or no room in the socket, in time */
 	PFB_ERROR_MEMORY = -7,    /* no memory, shared or own */
 	PFB_ERROR_SYSTEM = -8,    /* anything else that the system refuses; the text has its reason */
@@ -85,12 +89,90 @@ PFB_PUBLIC pfb_client *pfb_connect(const char *name);
  * here. What was sent before is still handled. NULL is allowed. */
 PFB_PUBLIC void pfb_disconnect(pfb_client *client);
 
-/* The socket, for poll() in the caller's main loop: POLLHUP tells that the server is gone. Wait for nothing else (ask
- * for no events), read and write nothing. Owned by the client. -1 for NULL. */
+/*
+ * A descriptor for the caller's main loop, the same one for the life of the client: when it can be read (POLLIN), call
+ * pfb_dispatch. That is so when the server has ended and whenever the library has something to do to get over it. It
+ * can be watched by poll, select, epoll, g_unix_fd_add and the like; read and write nothing. Owned by the client. -1 for
+ * NULL.
+ *
+ *	struct pollfd entry = {pfb_fd(client), POLLIN, 0};
+ *	while (poll(&entry, 1, -1) > 0)
+ *		if (pfb_dispatch(client) != PFB_OK)
+ *			break;
+ */
 PFB_PUBLIC int pfb_fd(const pfb_client *client);
+
+/* Does what there is to do about the server's end, without waiting; every request does so too, so that a client without
+ * a main loop needs no call. Calls the function of pfb_set_event_func. Nothing to do is no error. Errors: ARGUMENT,
+ * STATE, and GONE where the server has ended and pfb_set_reconnect is off. */
+PFB_PUBLIC int pfb_dispatch(pfb_client *client);
 
 /* How long a call may wait, in milliseconds, from now on; -1: for ever. Errors: ARGUMENT. */
 PFB_PUBLIC int pfb_set_timeout(pfb_client *client, int milliseconds);
+
+/* ---- when the server ends ---------------------------------------------------------------------------------- */
+
+/*
+ * Whether the library gets over the end of the server by itself: on (not 0) at first. When it is off, a call that finds
+ * the server gone fails with GONE, and so do all that follow.
+ *
+ *	pfb_set_reconnect(client, 0);
+ *	if (pfb_show(client) == PFB_ERROR_GONE)
+ *		pfb_disconnect(client);
+ *
+ * A client with a surface. The surface comes back with its pixels and everything that was set: shown or hidden,
+ * position, size, level, clip, opaque area, colour plane, scale, sync, rotation and locks. pfb_pixels stays the same
+ * address. What does not come back:
+ *   - the order among surfaces of the same level: it is that in which their clients are back. Give surfaces that
+ *     overlap different levels.
+ *   - what pfb_set_surface has selected.
+ * Requests succeed meanwhile and are only remembered: drawing, pfb_dirty, pfb_lock and pfb_unlock go on as ever.
+ * pfb_get_color_depth, pfb_set_surface, pfb_status and pfb_set_color_format wait for a server as long as
+ * pfb_set_timeout allows.
+ *
+ * A client without a surface is connected again; its requests wait in the same way. The one that the server ended over
+ * fails with GONE.
+ *
+ * What the server may have died of is not sent again. The new surface is made by the outcome of earlier requests, not
+ * by those; an unanswered lock comes back with an empty area; an unanswered pfb_create fails with GONE. When two servers
+ * in a row end while this surface is being made again, what was changed since a server last answered (pfb_create,
+ * pfb_lock, pfb_get_color_depth, and the surface's return) is left out: PFB_EVENT_REDUCED.
+ *
+ * How often. At once; while no server listens again after a quarter of the time that it has been away, at least 5 ms
+ * and at most 1 s. When servers end within 5 s of the surface's return, 100 ms after the second of them, then 200 ms
+ * and so on to 10 s, each lengthened by up to a half by chance.
+ *
+ * Memory. For a moment the pixels are there twice. Where they do not fit, it is tried again as above.
+ * Threads. A thread that draws while another one is inside a call on this client may draw into the old memory: draw
+ * again after PFB_EVENT_RESTORED.
+ * Errors: ARGUMENT.
+ */
+PFB_PUBLIC int pfb_set_reconnect(pfb_client *client, int on);
+
+enum pfb_event {
+	PFB_EVENT_LOST = 1,     /* the server has ended, or has closed the connection */
+	PFB_EVENT_RESTORED = 2, /* the server has everything again */
+	PFB_EVENT_REDUCED = 3,  /* some changes were left out, see pfb_set_reconnect: set again what matters */
+};
+
+/* Called from inside pfb_dispatch and requests, on their thread. It may call everything but pfb_disconnect. */
+typedef void (*pfb_event_func)(pfb_client *client, enum pfb_event event, void *user_data);
+
+/*
+ * Sets the function that is told of the server's end and return; NULL: none. `user_data` is handed to it and stays the
+ * caller's. Errors: ARGUMENT.
+ *
+ *	static void on_event(pfb_client *client, enum pfb_event event, void *user_data)
+ *	{
+ *		(void)client;
+ *		if (event == PFB_EVENT_LOST)
+ *			++*(int *)user_data;
+ *	}
+ */
+PFB_PUBLIC int pfb_set_event_func(pfb_client *client, pfb_event_func function, void *user_data);
+
+/* 1 when the client is connected and the server has its surface; 0 otherwise. */
+PFB_PUBLIC int pfb_is_connected(const pfb_client *client);
 
 /* ---- surface ---------------------------------------------------------------------------------------------- */
 
