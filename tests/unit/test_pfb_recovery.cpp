@@ -337,6 +337,31 @@ TEST_F(PfbRecovery, ALongAbsenceIsNotSpentTrying)
     EXPECT_TRUE(come_back());
 }
 
+// A server that ends over this client each time gets longer and longer times in between, for everybody's sake.
+TEST_F(PfbRecovery, ServersThatEndAgainAndAgainAreLeftInPeace)
+{
+    create();
+    const auto start = std::chrono::steady_clock::now();
+    const auto is_over = [&] { return std::chrono::steady_clock::now() - start > std::chrono::seconds(1); };
+    size_t servers = 0;
+    service.close();
+    service.take(0);
+    while (!is_over()) {
+        service.die_of("create ");
+        service.open();
+        bool died = false;
+        EXPECT_TRUE(dispatch_until([&] { return (died = !service.take(0).empty()) || is_over(); }));
+        servers += died ? 1 : 0;
+        service.close();
+    }
+    EXPECT_GE(servers, 2u);
+    EXPECT_LE(servers, 5u);
+    EXPECT_EQ(shared_objects(), 0u);
+    service.die_of("nothing any more");
+    service.open();
+    EXPECT_TRUE(come_back());
+}
+
 TEST_F(PfbRecovery, NothingIsLeftOfManyServers)
 {
     create();
