@@ -341,21 +341,17 @@ TEST_F(PfbRecovery, ALongAbsenceIsNotSpentTrying)
 TEST_F(PfbRecovery, ServersThatEndAgainAndAgainAreLeftInPeace)
 {
     create();
-    const auto start = std::chrono::steady_clock::now();
-    const auto is_over = [&] { return std::chrono::steady_clock::now() - start > std::chrono::seconds(1); };
-    size_t servers = 0;
     service.close();
     service.take(0);
-    while (!is_over()) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 4; i++) {
         service.die_of("create ");
         service.open();
-        bool died = false;
-        EXPECT_TRUE(dispatch_until([&] { return (died = !service.take(0).empty()) || is_over(); }));
-        servers += died ? 1 : 0;
+        EXPECT_TRUE(dispatch_until([&] { return !service.take(0).empty(); }));
         service.close();
     }
-    EXPECT_GE(servers, 2u);
-    EXPECT_LE(servers, 5u);
+    // A slow machine makes it longer, none makes it shorter: 100, 200 and 400 ms lie between the four.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
     service.die_of("nothing any more");
     service.open();
     EXPECT_TRUE(come_back());
