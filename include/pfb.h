@@ -35,8 +35,9 @@
  * copies the pixels into new shared memory at the same address and makes the surface again as it was, pfb_set_reconnect
  * says how. Until then requests are only remembered, and succeed at once.
  *
- * Threads. A client belongs to one thread at a time; different clients may be used by different threads at once. The
- * error text is each thread's own. Signals do not end a call, and the library raises none.
+ * Threads. A client belongs to one thread at a time: calls on it must not overlap. Different clients may be used by
+ * different threads at once. The error text is each thread's own. Signals do not end a call, and the library raises
+ * none. After fork the child leaves the parent's clients alone.
  */
 #ifndef PFB_H
 #define PFB_H
@@ -85,8 +86,18 @@ PFB_PUBLIC const char *pfb_error_text(void);
  */
 PFB_PUBLIC pfb_client *pfb_connect(const char *name);
 
-/* Ends the connection and frees the client: the server removes the surface, with its locks, and its pixels are unmapped
- * here. What was sent before is still handled. NULL is allowed. */
+/*
+ *	pfb_client *client = pfb_connect("fb2.clock");
+ *	if (client == NULL)
+ *		fprintf(stderr, "%s\n", pfb_error_text());
+ *	else
+ *		pfb_set_timeout(client, 1000);
+ *	pfb_disconnect(client);
+ *
+ * Ends the connection and frees the client: the server removes the surface, with its locks, and its pixels are unmapped
+ * here. What was sent before is still handled. A client on its way back after the server's end waits, as long as a call
+ * may, until the server has taken its memory. NULL is allowed.
+ */
 PFB_PUBLIC void pfb_disconnect(pfb_client *client);
 
 /*
@@ -186,6 +197,13 @@ enum pfb_format {
 };
 
 /*
+ *	if (pfb_create(client, PFB_FORMAT_RGB16, 0, 0, 64, 48, 1, 0) == PFB_OK)
+ *		for (int y = 0; y < pfb_height(client); y++) {
+ *			uint16_t *row = (uint16_t *)((char *)pfb_pixels(client) + y * pfb_stride(client));
+ *			for (int x = 0; x < pfb_width(client); x++)
+ *				row[x] = 0x07e0;
+ *		}
+ *
  * Makes the client's surface: shared memory of its size, zeroed and mapped here, and the "create" request; returns when
  * the server has it. It is hidden at first. Once for each client.
  *   x, y           position, SCREEN coordinates; any part may lie outside the screen
@@ -196,14 +214,14 @@ enum pfb_format {
  * Until the server has it, the memory can be opened by this user and by the group of the server's socket, those who
  * may connect; its name is gone afterwards.
  * Errors: ARGUMENT, STATE (there is a surface), ACCESS (the server is another user, and this process is not of its
- * group), MEMORY, GONE, SYSTEM. TIMEOUT: when the request was on its way already, the client is of no use any more but
+ * group), MEMORY, SYSTEM, GONE (the server ended over it: it may be called again). TIMEOUT: when the request was on its way already, the client is of no use any more but
  * for pfb_disconnect, and every call on it fails with STATE.
  */
 PFB_PUBLIC int pfb_create(pfb_client *client, enum pfb_format format, int32_t x, int32_t y, int32_t width,
 			  int32_t height, int32_t level, int32_t rotation);
 
-/* The first pixel; rows are pfb_stride bytes apart (a multiple of 64). Mapped until pfb_disconnect, also when the
- * server ends. Owned by the client. NULL or 0 without a surface. */
+/* The first pixel; rows are pfb_stride bytes apart (a multiple of 64). The same address until pfb_disconnect, also when
+ * the server ends. Owned by the client. NULL or 0 without a surface. */
 PFB_PUBLIC void *pfb_pixels(const pfb_client *client);
 PFB_PUBLIC int32_t pfb_stride(const pfb_client *client);
 /* The size given to pfb_create. 0 without a surface. */
@@ -212,8 +230,13 @@ PFB_PUBLIC int32_t pfb_height(const pfb_client *client);
 
 /* ---- where and whether it is seen --------------------------------------------------------------------------
  *
+ *	pfb_set_clip(client, 0, 0, 400, 300);
+ *	pfb_set_scale(client, 0, 0, 64, 48, 200, 100, 128, 96);
+ *	pfb_show(client);
+ *
  * From here on, the requests of a client without a surface of its own act on the selected surface (pfb_set_surface);
- * without one the server ignores them. Errors of all of them: ARGUMENT, TIMEOUT, GONE, MEMORY, SYSTEM.
+ * without one the server ignores them. Errors of all of them: ARGUMENT, STATE (only
+ * pfb_disconnect is left, see pfb_create), TIMEOUT, GONE, MEMORY, SYSTEM.
  */
 
 /* Shows the surface, with all of its pixels, or hides it. Doing so twice has no effect. On the main screen the last
@@ -271,10 +294,16 @@ PFB_PUBLIC int pfb_set_scale(pfb_client *client, int32_t source_x, int32_t sourc
 PFB_PUBLIC int pfb_dirty(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height);
 
 /*
+ *	if (pfb_lock(client, 8, 8, 32, 32) == PFB_OK) {
+ *		memset(pfb_pixels(client), 0, 40 * (size_t)pfb_stride(client));
+ *		pfb_unlock(client);
+ *	}
+ *
  * A pair around drawing that must not be seen half done: pfb_lock returns when the server draws nothing any more; draw
  * within the rectangle, SURFACE coordinates; pfb_unlock lets the server show it. Keep it short: no surface of
  * anybody is drawn meanwhile. Pairs nest. Nothing stays locked after a pfb_lock that failed (after TIMEOUT the lock is
  * taken back by a request that follows it), nor after pfb_disconnect or the end of this process.
+ * When the server ends meanwhile, the next one is locked before it draws this surface.
  * STATE: no surface; pfb_unlock without a lock.
  */
 PFB_PUBLIC int pfb_lock(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height);
@@ -293,8 +322,14 @@ PFB_PUBLIC int pfb_set_sync(pfb_client *client, int on);
 
 /* ---- asking and selecting --------------------------------------------------------------------------------- */
 
-/* The colour depth of the output that the surface is on, in bits: 16, 18, 24 or 32, or 0 when it is on none. Waits for
- * the answer, and so for everything before it. `depth` is not touched on failure. */
+/*
+ * The colour depth of the output that the surface is on, in bits: 16, 18, 24 or 32, or 0 when it is on none. Waits for
+ * the answer, and so for everything before it. `depth` is not touched on failure.
+ *
+ *	int depth;
+ *	if (pfb_get_color_depth(client, &depth) == PFB_OK && depth < 24)
+ *		printf("nothing is translucent here\n");
+ */
 PFB_PUBLIC int pfb_get_color_depth(pfb_client *client, int *depth);
 
 /* Makes the lowest surface of that name the selected one, for all clients without a surface of their own; none of that

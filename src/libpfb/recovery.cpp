@@ -118,10 +118,12 @@ void attempt(pfb_client *client)
     const bool watched = watch(client, EPOLL_CTL_ADD, mc_fd(client->connection), EPOLLIN);
     if (watched && client->pixels == nullptr) {
         become_ready(client);
-    } else if (!watched || !memory_renew(client, client->memory_name) || !restore_send(client)) {
+    } else if (!watched || !memory_renew(client, client->memory_name)) {
         drop_connection(client);
         drop_memory_name(client);
         attempt_later(client);
+    } else if (!restore_send(client)) { // it has ended meanwhile
+        recovery_lose(client);
     }
 }
 

@@ -6,14 +6,13 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
 #include <poll.h>
 #include <regex>
 #include <unistd.h>
 
 #include "../support/composer.h"
-#include "../support/running_server.h"
+#include "../support/lasting_panel.h"
 #include "pfb.h"
 
 namespace {
@@ -23,77 +22,15 @@ constexpr int HEIGHT = 120;
 // More than the server handles of one connection in one turn of its main loop: what was due before is drawn then.
 constexpr int QUESTIONS_TO_SETTLE = 80;
 
-// A panel that stays while servers come and go.
-class Panel {
-public:
-    explicit Panel(const ServerOptions &options = {})
-    {
-        setenv("MC_RUNTIME_DIR", folder_.path().c_str(), 1);
-        ServerOptions idle = options;
-        idle.server = {"infinity"};
-        pfbpanel_ = program_start(panel_start(folder_.path(), idle, "/bin/sleep"));
-        EXPECT_TRUE(wait_until([&] { return find_panel() && view.open(panel_) && view.program() > 0; }));
-    }
-    ~Panel()
-    {
-        if (server_ > 0)
-            stop_server(SIGTERM);
-        kill(pfbpanel_, SIGTERM);
-        program_wait(pfbpanel_);
-    }
-    Panel(const Panel &) = delete;
-    Panel &operator=(const Panel &) = delete;
-
-    void start_server()
-    {
-        ProgramStart start;
-        start.words = {from_build("PFB_TEST_PANEL"), "run", "--panel", panel_, "--", server_program()};
-        start.environment = server_environment(folder_.path());
-        start.out_fd = open(out_path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        server_ = program_start(start);
-        close(start.out_fd);
-    }
-    int stop_server(int signal_number)
-    {
-        kill(server_, signal_number);
-        const int status = shell_status(program_wait(server_));
-        server_ = -1;
-        return status;
-    }
-    // A server that only left the picture alone would be found out.
-    void erase()
-    {
-        for (size_t i = 0; i < view.memory_size(); i++)
-            view.memory()[i] = 0;
-    }
-    std::string out_path() const { return folder_.path() + "/out"; }
-    // What the server prints about its surfaces, when it is asked; but for what is still to be drawn.
-    std::string status(pfb_client *client) const
-    {
-        const size_t before = file_text(out_path()).size();
-        EXPECT_EQ(pfb_status(client), PFB_OK);
-        int depth;
-        EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
-        return std::regex_replace(file_text(out_path()).substr(before), std::regex("dirty=."), "");
-    }
-
-    PanelView view;
-
-private:
-    bool find_panel()
-    {
-        for (const std::string &name : folder_entries(folder_.path())) {
-            if (name.rfind("pfbpanel-", 0) == 0)
-                panel_ = folder_.path() + "/" + name;
-        }
-        return !panel_.empty();
-    }
-
-    TemporaryFolder folder_;
-    std::string panel_;
-    pid_t pfbpanel_ = -1;
-    pid_t server_ = -1;
-};
+// What the server prints about its surfaces, when it is asked; but for what is still to be drawn.
+std::string status_of(const LastingPanel &panel, pfb_client *client)
+{
+    const size_t before = panel.out().size();
+    EXPECT_EQ(pfb_status(client), PFB_OK);
+    int depth;
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
+    return std::regex_replace(panel.out().substr(before), std::regex("dirty=."), "");
+}
 
 // A client of the library, with its picture.
 class Client {
@@ -217,12 +154,12 @@ Clients ten_clients(int rotation = 0)
 }
 
 // Everything is drawn in one pass, whatever was drawn before.
-Picture picture_of(const Panel &panel, const Clients &clients)
+Picture picture_of(const LastingPanel &panel, const Clients &clients)
 {
     pfb_hide(clients[0]->client);
     pfb_show(clients[0]->client);
     clients[0]->settle();
-    return panel.view.picture();
+    return panel.view().picture();
 }
 
 void expect_same_pixels(const Clients &clients)
@@ -233,22 +170,22 @@ void expect_same_pixels(const Clients &clients)
 
 void survive(int signal_number, const ServerOptions &options, int rotation)
 {
-    Panel panel(options);
+    LastingPanel panel(options);
     panel.start_server();
     const Clients clients = ten_clients(rotation);
     const Picture before = picture_of(panel, clients);
-    const std::string status = panel.status(clients[0]->client);
+    const std::string status = status_of(panel, clients[0]->client);
     EXPECT_NE(status.find("fb.hidden"), std::string::npos) << status;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(panel.stop_server(signal_number), 128 + signal_number);
     panel.erase();
     panel.start_server();
-    EXPECT_TRUE(dispatch_until(clients, [&] { return panel.view.picture() == before; }));
+    EXPECT_TRUE(dispatch_until(clients, [&] { return panel.view().picture() == before; }));
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
     printf("from the signal to the full picture: %.0f ms\n", took.count());
     EXPECT_TRUE(dispatch_until(clients, [&] { return all_connected(clients); }));
     EXPECT_EQ(picture_difference(picture_of(panel, clients), before), "");
-    EXPECT_EQ(panel.status(clients[0]->client), status);
+    EXPECT_EQ(status_of(panel, clients[0]->client), status);
     expect_same_pixels(clients);
     for (const auto &c : clients) {
         EXPECT_EQ(c->events[PFB_EVENT_LOST], 1);
@@ -260,7 +197,7 @@ void survive(int signal_number, const ServerOptions &options, int rotation)
     hidden.draw(pixels_filled(PixelFormat::RGB565, 50, 50, 0xF81F));
     pfb_show(hidden.client);
     hidden.settle();
-    const Picture after = panel.view.picture();
+    const Picture after = panel.view().picture();
     if (rotation == 0) {
         EXPECT_EQ(after.at(50, 50), 0xF800F8u);
         EXPECT_EQ(after.at(89, 94), 0xF800F8u);
@@ -289,7 +226,7 @@ TEST(Recovery, TenClientsSurviveOnATurnedDisplay)
 
 TEST(Recovery, AClientThatOnlyDrawsComesBack)
 {
-    Panel panel;
+    LastingPanel panel;
     panel.start_server();
     Client client("fb.drawing", pixels_new(PixelFormat::XRGB, WIDTH, HEIGHT), 0, 0, 0);
     pfb_show(client.client);
@@ -311,14 +248,14 @@ TEST(Recovery, AClientThatOnlyDrawsComesBack)
     }));
     draw_frame();
     client.settle();
-    EXPECT_EQ(panel.view.picture().at(0, 0), shade * 0x10101);
-    EXPECT_EQ(panel.view.picture().at(WIDTH - 1, HEIGHT - 1), shade * 0x10101);
+    EXPECT_EQ(panel.view().picture().at(0, 0), shade * 0x10101);
+    EXPECT_EQ(panel.view().picture().at(WIDTH - 1, HEIGHT - 1), shade * 0x10101);
 }
 
 // The server ends in the midst of a drawing under two locks: nothing is drawn until both are given back.
 TEST(Recovery, OutstandingLocksComeBack)
 {
-    Panel panel;
+    LastingPanel panel;
     panel.start_server();
     Clients clients;
     clients.push_back(
@@ -335,7 +272,7 @@ TEST(Recovery, OutstandingLocksComeBack)
     panel.start_server();
     EXPECT_TRUE(dispatch_until(clients, [&] { return pfb_is_connected(locked) == 1; }));
     EXPECT_TRUE(dispatch_until(clients, [&] { return all_connected(clients); }));
-    const auto blue = [&] { return panel.view.picture().at(80, 60); };
+    const auto blue = [&] { return panel.view().picture().at(80, 60); };
     clients[0]->settle();
     EXPECT_EQ(blue(), 0u) << "drawn in spite of the locks";
     clients[0]->draw(pixels_filled(PixelFormat::XRGB, WIDTH, HEIGHT, 0xFF0000FF));
@@ -345,14 +282,14 @@ TEST(Recovery, OutstandingLocksComeBack)
     EXPECT_EQ(pfb_unlock(locked), PFB_OK);
     clients[0]->settle();
     EXPECT_EQ(blue(), 0x0000FFu);
-    EXPECT_EQ(panel.view.picture().at(10, 10), 0xFF0000u);
+    EXPECT_EQ(panel.view().picture().at(10, 10), 0xFF0000u);
     EXPECT_EQ(pfb_unlock(locked), PFB_ERROR_STATE);
 }
 
 // A block comes back as well: without it the server would end over the unlock, or over the end of the connection.
 TEST(Recovery, AnOutstandingBlockComesBack)
 {
-    Panel panel;
+    LastingPanel panel;
     panel.start_server();
     Client client("fb.blocking", pixels_filled(PixelFormat::XRGB, WIDTH, HEIGHT, 0xFF00FF00), 0, 0, 0);
     pfb_show(client.client);
@@ -362,11 +299,11 @@ TEST(Recovery, AnOutstandingBlockComesBack)
     panel.start_server();
     client.settle();
     EXPECT_EQ(client.events[PFB_EVENT_RESTORED], 1);
-    EXPECT_TRUE(panel.view.is_black());
+    EXPECT_TRUE(panel.view().is_black());
     EXPECT_EQ(pfb_lock(client.client, 0, 0, 1, 1), PFB_OK);
     EXPECT_EQ(pfb_unlock(client.client), PFB_OK);
     client.settle();
-    EXPECT_EQ(panel.view.picture().at(80, 60), 0x00FF00u);
+    EXPECT_EQ(panel.view().picture().at(80, 60), 0x00FF00u);
     EXPECT_EQ(pfb_block_until_unlock(client.client), PFB_OK);
     panel.stop_server(SIGKILL);
     panel.start_server();
@@ -375,7 +312,7 @@ TEST(Recovery, AnOutstandingBlockComesBack)
 
 TEST(Recovery, ServersThatComeAndGoLeaveNothingBehind)
 {
-    Panel panel;
+    LastingPanel panel;
     panel.start_server();
     const Clients clients = ten_clients();
     const Picture before = picture_of(panel, clients);

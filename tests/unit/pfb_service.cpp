@@ -172,7 +172,8 @@ void PfbService::open_memory(const char *name)
     const uint32_t mark = 0x12345678;
     EXPECT_EQ(pwrite(fd, &mark, sizeof mark, 4), static_cast<ssize_t>(sizeof mark));
     ::close(fd);
-    shm_unlink(name);
+    if (!leaves_names_)
+        shm_unlink(name);
 }
 
 std::vector<std::string> PfbService::take(size_t n)

@@ -37,6 +37,9 @@ public:
     // At the next request that begins with this text it closes, and handles nothing more.
     void die_of(const std::string &request);
 
+    // Does as a server of another user does, who cannot remove the name of a client's memory.
+    void leave_names() { leaves_names_ = true; }
+
     std::string socket_path() const { return folder_ + "/pfb.mc"; }
     // What the last "create" came with: the client's name, its memory's name, state and first four bytes.
     std::string client_name, memory_name;
@@ -54,6 +57,7 @@ private:
 
     std::string folder_;
     std::atomic<bool> answers_ = true;
+    std::atomic<bool> leaves_names_ = false;
     std::mutex stall_;
     std::mutex mutex_; // of what follows
     std::condition_variable changed_;

@@ -4,12 +4,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -226,6 +229,29 @@ TEST_F(PfbRecovery, GettingOverItIsNoFailure)
     EXPECT_EQ(pfb_error_text(), text);
 }
 
+// A limit of the process stands in for a full /dev/shm.
+TEST_F(PfbRecovery, MemoryThatIsNotToBeHadIsTriedForAgain)
+{
+    create();
+    EXPECT_EQ(pfb_move(client, 1000001, 0), PFB_ERROR_ARGUMENT);
+    rlimit limit;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    const rlimit none = {4096, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &none), 0);
+    service.close();
+    service.take(0);
+    service.open();
+    EXPECT_TRUE(dispatch_until([&] { return wakeups > 4; }));
+    EXPECT_EQ(pfb_is_connected(client), 0);
+    EXPECT_EQ(pfb_error(), PFB_ERROR_ARGUMENT) << pfb_error_text();
+    EXPECT_EQ(shared_objects(), 0u);
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    signal(SIGXFSZ, handler);
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH));
+}
+
 TEST_F(PfbRecovery, AClientWithoutAMainLoopComesBackByItsRequests)
 {
     create();
@@ -389,15 +415,36 @@ TEST_F(PfbRecovery, AServerThatDoesNotAnswerYetHoldsNobodyUp)
     EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH));
 }
 
+TEST_F(PfbRecovery, NamesThatTheServerCannotRemoveGoAllTheSame)
+{
+    service.leave_names();
+    create();
+    EXPECT_EQ(shared_objects(), 0u);
+    sent_after_the_end();
+    EXPECT_EQ(shared_objects(), 0u);
+}
+
+// The name must not go before the server has been there: it would stop. So disconnecting waits for it.
 TEST_F(PfbRecovery, DisconnectingOnTheWayBackLeavesNothing)
 {
+    service.leave_names();
     create();
     service.close();
     ASSERT_TRUE(lose());
+    std::promise<void> is_stalled, may_go_on;
+    std::thread staller([&] {
+        service.stall();
+        is_stalled.set_value();
+        may_go_on.get_future().wait();
+        service.go_on();
+    });
+    is_stalled.get_future().wait();
     service.open();
-    EXPECT_TRUE(dispatch_until([&] { return shared_objects() == 1 || pfb_is_connected(client) == 1; }));
+    EXPECT_TRUE(dispatch_until([&] { return shared_objects() == 1; }));
+    may_go_on.set_value();
     pfb_disconnect(client);
     client = nullptr;
+    staller.join();
     EXPECT_EQ(shared_objects(), 0u);
 }
 
