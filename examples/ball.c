@@ -38,7 +38,7 @@ int main(void)
     int x = WIDTH / 2, y = HEIGHT / 2, speed_x = 3, speed_y = 2;
     fill(client, 0, 0, WIDTH, HEIGHT, x, y);
     pfb_show(client);
-    struct pollfd server = {pfb_fd(client), POLLIN, 0};
+    struct pollfd server = {pfb_poll_fd(client), POLLIN, 0};
     for (;;) {
         /* Where the ball is and where it is going to be. */
         const int dx = step(&x, &speed_x, WIDTH), dy = step(&y, &speed_y, HEIGHT);

@@ -29,6 +29,7 @@ static void draw(cairo_t *cr)
     cairo_arc(cr, CENTRE, CENTRE, CENTRE - 1, 0, 2 * M_PI);
     cairo_fill(cr);
     cairo_set_source_rgb(cr, 0, 0, 0);
+    cairo_set_line_cap(cr, CAIRO_LINE_CAP_ROUND);
     draw_hand(cr, (t->tm_hour % 12 + t->tm_min / 60.0) / 12, 24, 5);
     draw_hand(cr, t->tm_min / 60.0, 36, 3);
     draw_hand(cr, t->tm_sec / 60.0, 42, 1);
@@ -46,7 +47,7 @@ int main(int argc, char **argv)
         cairo_image_surface_create_for_data(pfb_pixels(client), CAIRO_FORMAT_ARGB32, SIZE, SIZE, pfb_stride(client));
     cairo_t *cr = cairo_create(surface);
     pfb_show(client);
-    struct pollfd server = {pfb_fd(client), POLLIN, 0};
+    struct pollfd server = {pfb_poll_fd(client), POLLIN, 0};
     while (pfb_lock(client, 0, 0, SIZE, SIZE) == PFB_OK) { /* nobody sees a clock without hands */
         draw(cr);
         pfb_unlock(client);

@@ -45,7 +45,7 @@ int main(void)
     GMainLoop *loop = g_main_loop_new(NULL, FALSE);
     pfb_set_event_func(client, on_event, NULL);
     pfb_show(client);
-    g_unix_fd_add(pfb_fd(client), G_IO_IN, on_server, client);
+    g_unix_fd_add(pfb_poll_fd(client), G_IO_IN, on_server, client);
     g_timeout_add(PERIOD_MS, on_time, client);
     g_main_loop_run(loop);
     g_main_loop_unref(loop); /* for a program that quits the loop somewhere */

@@ -108,7 +108,7 @@ double example_time(void)
 /* Waits for `seconds` (negative: for ever) or a signal. When the server ends, the library finds the next one. */
 static void wait_for(double seconds)
 {
-    struct pollfd server = {pfb_fd(client), POLLIN, 0};
+    struct pollfd server = {pfb_poll_fd(client), POLLIN, 0};
     struct timespec time = {(time_t)seconds, (long)((seconds - floor(seconds)) * 1e9)};
     const int n = ppoll(&server, 1, seconds < 0 ? NULL : &time, &while_waiting);
     if (n > 0)

@@ -106,11 +106,17 @@ PFB_PUBLIC void pfb_disconnect(pfb_client *client);
  * can be watched by poll, select, epoll, g_unix_fd_add and the like; read and write nothing. Owned by the client. -1 for
  * NULL.
  *
- *	struct pollfd entry = {pfb_fd(client), POLLIN, 0};
+ *	struct pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
  *	while (poll(&entry, 1, -1) > 0)
  *		if (pfb_dispatch(client) != PFB_OK)
  *			break;
  */
+PFB_PUBLIC int pfb_poll_fd(const pfb_client *client);
+
+/* The socket of the present connection, to ask the system about it (SO_PEERCRED), or for programs that end with the
+ * server: POLLHUP tells that it is gone. It is another one after each pfb_dispatch or request that has connected again,
+ * and -1 while there is none; wait for nothing but the hang-up (ask for no events), read and write nothing. Owned by the
+ * client. -1 for NULL. */
 PFB_PUBLIC int pfb_fd(const pfb_client *client);
 
 /* Does what there is to do about the server's end, without waiting; every request does so too, so that a client without

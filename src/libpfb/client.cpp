@@ -207,6 +207,11 @@ void pfb_disconnect(pfb_client *client)
 
 int pfb_fd(const pfb_client *client)
 {
+    return client != nullptr && client->connection != nullptr ? mc_fd(client->connection) : -1;
+}
+
+int pfb_poll_fd(const pfb_client *client)
+{
     return client != nullptr ? client->epoll_fd : -1;
 }
 

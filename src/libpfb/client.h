@@ -68,7 +68,7 @@ struct pfb_client {
     libpfb::SurfaceState confirmed; // the last one that the server has answered after
 
     // Recovery.
-    int epoll_fd; // what pfb_fd gives: watches the connection and the timer
+    int epoll_fd; // what pfb_poll_fd gives: watches the connection and the timer
     int timer_fd;
     libpfb::Phase phase;
     bool reconnect;

@@ -85,7 +85,7 @@ bool dispatch_until(const Clients &clients, const std::function<bool()> &done)
     return wait_until([&] {
         std::vector<pollfd> entries;
         for (const auto &c : clients)
-            entries.push_back({pfb_fd(c->client), POLLIN, 0});
+            entries.push_back({pfb_poll_fd(c->client), POLLIN, 0});
         poll(entries.data(), entries.size(), 1);
         for (size_t i = 0; i < entries.size(); i++) {
             if (entries[i].revents != 0) {

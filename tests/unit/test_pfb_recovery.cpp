@@ -68,7 +68,7 @@ protected:
     // What an application's main loop does, until there is nothing to wait for. False after a generous while.
     bool dispatch_until(const std::function<bool()> &done)
     {
-        pollfd entry = {pfb_fd(client), POLLIN, 0};
+        pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
         while (!done()) {
             if (poll(&entry, 1, PATIENCE_MS) <= 0)
                 return false;
@@ -199,6 +199,7 @@ TEST_F(PfbRecovery, RequestsAreRememberedWhileThereIsNoServer)
     create();
     service.close();
     ASSERT_TRUE(lose());
+    EXPECT_EQ(pfb_fd(client), -1);
     EXPECT_EQ(pfb_show(client), PFB_OK);
     EXPECT_EQ(pfb_move(client, 1, 2), PFB_OK);
     EXPECT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
@@ -387,10 +388,10 @@ TEST_F(PfbRecovery, NothingIsLeftOfManyServers)
 {
     create();
     const size_t descriptors = entries("/proc/self/fd");
-    const int fd = pfb_fd(client);
+    const int fd = pfb_poll_fd(client);
     for (int i = 0; i < 4; i++) {
         sent_after_the_end();
-        EXPECT_EQ(pfb_fd(client), fd);
+        EXPECT_EQ(pfb_poll_fd(client), fd);
         EXPECT_EQ(shared_objects(), 0u);
     }
     EXPECT_EQ(entries("/proc/self/fd"), descriptors);
