@@ -102,7 +102,7 @@ bool libpfb::memory_renew(pfb_client *client, char *name)
 {
     const size_t size = memory_size(client);
     void *fresh = nullptr;
-    if (memory_new(client, "pfb_dispatch", static_cast<int64_t>(size), name, &fresh) != PFB_OK) {
+    if (memory_new(client, "pfb_dispatch", static_cast<int64_t>(size), name, &fresh) != PFB_OK || fresh == nullptr) {
         name[0] = '\0';
         return false;
     }
