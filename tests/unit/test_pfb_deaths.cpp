@@ -106,10 +106,13 @@ TEST_F(PfbRecovery, ALongAbsenceIsNotSpentTrying)
     EXPECT_TRUE(come_back());
 }
 
-// A server that ends over this client each time gets longer and longer times in between, for everybody's sake.
+// A server that ends over this client each time gets longer and longer times in between, for everybody's sake. There
+// is much to bring back, so that it ends while the client still sends.
 TEST_F(PfbRecovery, ServersThatEndAgainAndAgainAreLeftInPeace)
 {
     create();
+    for (int i = 0; i < 100; i++)
+        ASSERT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
     service.close();
     service.take(0);
     const auto start = std::chrono::steady_clock::now();
