@@ -119,8 +119,8 @@ PFB_PUBLIC int pfb_poll_fd(const pfb_client *client);
  * client. -1 for NULL. */
 PFB_PUBLIC int pfb_fd(const pfb_client *client);
 
-/* Does what there is to do about the server's end, without waiting; every request does so too, so that a client without
- * a main loop needs no call. Calls the function of pfb_set_event_func. Nothing to do is no error. Errors: ARGUMENT,
+/* Does what there is to do about the server's end, without waiting (but where dozens of locks are outstanding, for the
+ * server to read them); every request does so too, so that a client without a main loop needs no call. Calls the function of pfb_set_event_func. Nothing to do is no error. Errors: ARGUMENT,
  * STATE, and GONE where the server has ended and pfb_set_reconnect is off. */
 PFB_PUBLIC int pfb_dispatch(pfb_client *client);
 

@@ -161,7 +161,8 @@ int depth_from(const mc_packet *answer, const char *function, int32_t *depth);
 // Shared memory of `size` bytes, zeroed and really there, that the server may open, and its name. Returns its mapping
 // in *pixels.
 int memory_new(const pfb_client *client, const char *function, int64_t size, char *name, void **pixels);
-// The same with a copy of the client's pixels, at their address. What was there is unmapped.
+// The same with a copy of the client's pixels, at their address. What was there is unmapped. After a failure there is
+// no name.
 bool memory_renew(pfb_client *client, char *name);
 size_t memory_size(const pfb_client *client);
 

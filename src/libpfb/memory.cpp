@@ -110,6 +110,8 @@ bool libpfb::memory_renew(pfb_client *client, char *name)
     if (mremap(fresh, size, size, MREMAP_MAYMOVE | MREMAP_FIXED, client->pixels) == client->pixels)
         return true;
     munmap(fresh, size);
+    shm_unlink(name);
+    name[0] = '\0';
     return false;
 }
 

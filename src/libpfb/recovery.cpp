@@ -62,6 +62,12 @@ int64_t back_off_ms(int deaths)
     return ms + (now.tv_nsec / 1000 + getpid()) % (ms / 2);
 }
 
+bool has_ended(const pfb_client *client)
+{
+    pollfd entry = {mc_fd(client->connection), 0, 0};
+    return poll(&entry, 1, 0) > 0;
+}
+
 void drop_connection(pfb_client *client)
 {
     watch(client, EPOLL_CTL_DEL, mc_fd(client->connection), 0);
@@ -106,6 +112,27 @@ void become_ready(pfb_client *client)
     note_event(client, PFB_EVENT_RESTORED);
 }
 
+// Part of it may be with a server that is alive, and would stop if it did not find the memory: the name stays for it.
+void give_up_sending(pfb_client *client)
+{
+    client->memory_name[0] = '\0';
+    drop_connection(client);
+    attempt_later(client);
+}
+
+void restore(pfb_client *client)
+{
+    if (!memory_renew(client, client->memory_name)) {
+        drop_connection(client);
+        attempt_later(client);
+    } else if (!restore_send(client)) {
+        if (has_ended(client))
+            recovery_lose(client);
+        else
+            give_up_sending(client);
+    }
+}
+
 void attempt(pfb_client *client)
 {
     client->connection = mc_connect(SERVICE, client->name);
@@ -115,15 +142,13 @@ void attempt(pfb_client *client)
     }
     client->phase = Phase::restoring;
     set_timer(client, 0);
-    const bool watched = watch(client, EPOLL_CTL_ADD, mc_fd(client->connection), EPOLLIN);
-    if (watched && client->pixels == nullptr) {
-        become_ready(client);
-    } else if (!watched || !memory_renew(client, client->memory_name)) {
+    if (!watch(client, EPOLL_CTL_ADD, mc_fd(client->connection), EPOLLIN)) {
         drop_connection(client);
-        drop_memory_name(client);
         attempt_later(client);
-    } else if (!restore_send(client)) { // it has ended meanwhile
-        recovery_lose(client);
+    } else if (client->pixels == nullptr) {
+        become_ready(client);
+    } else {
+        restore(client);
     }
 }
 
@@ -136,15 +161,9 @@ void look_for_answer(pfb_client *client)
         mc_packet_free(answer);
         drop_memory_name(client);
         become_ready(client);
-    } else if (errno != ETIMEDOUT) {
+    } else if (errno != ETIMEDOUT && errno != ENOMEM) {
         recovery_lose(client);
     }
-}
-
-bool has_ended(const pfb_client *client)
-{
-    pollfd entry = {mc_fd(client->connection), 0, 0};
-    return poll(&entry, 1, 0) > 0;
 }
 
 void tell_events(pfb_client *client)

@@ -9,11 +9,10 @@ namespace {
 
 constexpr char FUNCTION[] = "pfb_dispatch";
 
-// A fresh connection has room for all of this, unless there are hundreds of locks and a server that is only starting:
-// then it is tried again later.
+// A fresh connection has room for all of this. Only dozens of locks have to wait for the server to read.
 bool send_soon(pfb_client *client, const Request &request)
 {
-    return send(client, request, now_ms()) == PFB_OK;
+    return send(client, request, deadline_of(client)) == PFB_OK;
 }
 
 bool send_area(pfb_client *client, const char *word, const Area &area)
@@ -60,20 +59,18 @@ bool send_look(pfb_client *client)
 bool send_locks(pfb_client *client)
 {
     const SurfaceState &state = client->state;
-    if (state.blocked && !send_soon(client, {FUNCTION, "block_until_unlock"}))
-        return false;
     for (int32_t i = 0; i < state.locks; i++) {
         if (!send_area(client, "lock_area", {0, 0, 0, 0}))
             return false;
     }
-    return true;
+    return !state.blocked || send_soon(client, {FUNCTION, "block_until_unlock"});
 }
 
 } // namespace
 
 bool libpfb::restore_send(pfb_client *client)
 {
-    if (send_create(client, FUNCTION, client->memory_name, now_ms()) != PFB_OK || !send_place(client) ||
+    if (send_create(client, FUNCTION, client->memory_name, deadline_of(client)) != PFB_OK || !send_place(client) ||
         !send_look(client) || !send_locks(client))
         return false;
     if (client->state.shown && !send_soon(client, {FUNCTION, "show"}))

@@ -129,6 +129,25 @@ TEST_F(PfbRecovery, ServersThatEndAgainAndAgainAreLeftInPeace)
     EXPECT_TRUE(come_back());
 }
 
+// More than fits into a socket, and a server that does not read: the attempt is given up. A server that then reads
+// "create" and did not find the memory would stop; this service fails the test.
+TEST_F(PfbRecovery, ASlowServerFindsTheMemoryOfAnAttemptThatWasGivenUp)
+{
+    create();
+    for (int i = 0; i < 500; i++)
+        ASSERT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
+    service.close();
+    ASSERT_TRUE(lose());
+    service.open();
+    service.stall();
+    pfb_set_timeout(client, 20);
+    EXPECT_TRUE(dispatch_until([&] { return shared_objects() > 1; })) << "no second attempt";
+    service.go_on();
+    pfb_set_timeout(client, PATIENCE_MS);
+    EXPECT_TRUE(come_back());
+    EXPECT_EQ(shared_objects(), 0u);
+}
+
 TEST_F(PfbRecovery, NothingIsLeftOfManyServers)
 {
     create();

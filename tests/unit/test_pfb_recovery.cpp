@@ -54,7 +54,7 @@ TEST_F(PfbRecovery, EverythingThatWasSetComesBackBeforeItIsShown)
                 ElementsAre("create iiiiiiiiis 0 32 -5 6 100 50 448 -7 0 NAME",
                             "set_scale iiiiiiii 1 2 50 40 -3 4 80 60", "move ii -5 6", "resize ii 70 60",
                             "set_clip iiii 1 2 3 0", "opaque_area iiii 4 5 6 7", "color_plane i -2130706433",
-                            "set_sync i 1", "block_until_unlock ", "lock_area iiii 0 0 0 0", "lock_area iiii 0 0 0 0",
+                            "set_sync i 1", "lock_area iiii 0 0 0 0", "lock_area iiii 0 0 0 0", "block_until_unlock ",
                             "show ", DEPTH));
     EXPECT_EQ(pfb_unlock(client), PFB_OK);
     EXPECT_EQ(pfb_unlock(client), PFB_OK);
