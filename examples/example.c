@@ -105,16 +105,14 @@ double example_time(void)
     return now() - started;
 }
 
-/* Waits for `seconds` (negative: for ever), a signal, or the end of the server. */
+/* Waits for `seconds` (negative: for ever) or a signal. When the server ends, the library finds the next one. */
 static void wait_for(double seconds)
 {
-    struct pollfd server = {pfb_fd(client), 0, 0};
+    struct pollfd server = {pfb_poll_fd(client), POLLIN, 0};
     struct timespec time = {(time_t)seconds, (long)((seconds - floor(seconds)) * 1e9)};
     const int n = ppoll(&server, 1, seconds < 0 ? NULL : &time, &while_waiting);
-    if (n > 0) {
-        fprintf(stderr, "%s: the server has ended\n", g_get_prgname());
-        failed = true;
-    }
+    if (n > 0)
+        example_check(pfb_dispatch(client));
     if (n < 0 && errno != EINTR)
         failed = true;
 }

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 /*
  * What the examples share, so that each of them shows only its own point: common options, the surface, and a loop that
- * keeps time and ends on SIGTERM, SIGINT, at the end of --seconds, or with the server.
+ * keeps time and ends on SIGTERM, SIGINT or at the end of --seconds.
  *
  *	if (!example_start(&argc, &argv, "What it shows", own_options, PFB_FORMAT_XRGB32))
  *		return EXIT_FAILURE;
@@ -41,7 +41,7 @@ double example_time(void);
 
 /* Reports a failed pfb_ function, if `result` is one, and makes the loop end. Returns whether all is well. */
 bool example_check(int result);
-/* Disconnects. Returns the program's exit status: 0, or 1 after a failure or when the server went first. */
+/* Disconnects. Returns the program's exit status: 0, or 1 after a failure. */
 int example_end(void);
 
 #endif

@@ -137,6 +137,10 @@ int mc_send(mc_connection *connection, const mc_packet *request);
  * A request that the server does not answer always runs into the time-out. */
 mc_packet *mc_call(mc_connection *connection, const mc_packet *request, int timeout_ms);
 
+/* Waits in the same way for the answer to the last request of mc_send. With timeout_ms 0 it only looks: ETIMEDOUT when
+ * the answer is not there yet. Once it has been taken there is no other. */
+mc_packet *mc_answer(mc_connection *connection, int timeout_ms);
+
 /* The socket, to poll for hang-up (POLLHUP) in a main loop of the caller's. Owned by the connection. */
 int mc_fd(const mc_connection *connection);
 

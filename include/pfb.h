@@ -31,8 +31,13 @@
  * Order. The requests of one client are handled in the order of the calls. Most functions return when the request is on
  * its way; pfb_get_color_depth returns when everything before it has been done.
  *
- * Threads. A client belongs to one thread at a time; different clients may be used by different threads at once. The
- * error text is each thread's own. Signals do not end a call, and the library raises none.
+ * The server ends. A client with a surface notices little: as soon as there is a server again, the library connects,
+ * copies the pixels into new shared memory at the same address and makes the surface again as it was, pfb_set_reconnect
+ * says how. Until then requests are only remembered, and succeed at once.
+ *
+ * Threads. A client belongs to one thread at a time: calls on it must not overlap. Different clients may be used by
+ * different threads at once. The error text is each thread's own. Signals do not end a call, and the library raises
+ * none. After fork the child leaves the parent's clients alone.
  */
 #ifndef PFB_H
 #define PFB_H
@@ -59,7 +64,7 @@ enum pfb_error {
 	PFB_ERROR_STATE = -2,     /* not now: no surface yet, one already, no lock to undo, ... */
 	PFB_ERROR_NO_SERVER = -3, /* nobody listens */
 	PFB_ERROR_ACCESS = -4,    /* the server, or this client's memory for the server, is out of reach */
-	PFB_ERROR_GONE = -5,      /* the server has ended or has closed the connection; disconnect */
+	PFB_ERROR_GONE = -5,      /* the server has ended, or has closed the connection, over this call */
 	PFB_ERROR_TIMEOUT = -6,   /* no answer, or no room in the socket, in time */
 	PFB_ERROR_MEMORY = -7,    /* no memory, shared or own */
 	PFB_ERROR_SYSTEM = -8,    /* anything else that the system refuses; the text has its reason */
@@ -81,16 +86,110 @@ PFB_PUBLIC const char *pfb_error_text(void);
  */
 PFB_PUBLIC pfb_client *pfb_connect(const char *name);
 
-/* Ends the connection and frees the client: the server removes the surface, with its locks, and its pixels are unmapped
- * here. What was sent before is still handled. NULL is allowed. */
+/*
+ *	pfb_client *client = pfb_connect("fb2.clock");
+ *	if (client == NULL)
+ *		fprintf(stderr, "%s\n", pfb_error_text());
+ *	else
+ *		pfb_set_timeout(client, 1000);
+ *	pfb_disconnect(client);
+ *
+ * Ends the connection and frees the client: the server removes the surface, with its locks, and its pixels are unmapped
+ * here. What was sent before is still handled. A client on its way back after the server's end waits, as long as a call
+ * may, until the server has taken its memory. NULL is allowed.
+ */
 PFB_PUBLIC void pfb_disconnect(pfb_client *client);
 
-/* The socket, for poll() in the caller's main loop: POLLHUP tells that the server is gone. Wait for nothing else (ask
- * for no events), read and write nothing. Owned by the client. -1 for NULL. */
+/*
+ * A descriptor for the caller's main loop, the same one for the life of the client: when it can be read (POLLIN), call
+ * pfb_dispatch. That is so when the server has ended and whenever the library has something to do to get over it. It
+ * can be watched by poll, select, epoll, g_unix_fd_add and the like; read and write nothing. Owned by the client. -1 for
+ * NULL.
+ *
+ *	struct pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
+ *	while (poll(&entry, 1, -1) > 0)
+ *		if (pfb_dispatch(client) != PFB_OK)
+ *			break;
+ */
+PFB_PUBLIC int pfb_poll_fd(const pfb_client *client);
+
+/* The socket of the present connection, to ask the system about it (SO_PEERCRED), or for programs that end with the
+ * server: POLLHUP tells that it is gone. It is another one after each pfb_dispatch or request that has connected again,
+ * and -1 while there is none; wait for nothing but the hang-up (ask for no events), read and write nothing. Owned by the
+ * client. -1 for NULL. */
 PFB_PUBLIC int pfb_fd(const pfb_client *client);
+
+/* Does what there is to do about the server's end, without waiting (but where dozens of locks are outstanding, for the
+ * server to read them); every request does so too, so that a client without a main loop needs no call. Calls the function of pfb_set_event_func. Nothing to do is no error. Errors: ARGUMENT,
+ * STATE, and GONE where the server has ended and pfb_set_reconnect is off. */
+PFB_PUBLIC int pfb_dispatch(pfb_client *client);
 
 /* How long a call may wait, in milliseconds, from now on; -1: for ever. Errors: ARGUMENT. */
 PFB_PUBLIC int pfb_set_timeout(pfb_client *client, int milliseconds);
+
+/* ---- when the server ends ---------------------------------------------------------------------------------- */
+
+/*
+ * Whether the library gets over the end of the server by itself: on (not 0) at first. When it is off, a call that finds
+ * the server gone fails with GONE, and so do all that follow.
+ *
+ *	pfb_set_reconnect(client, 0);
+ *	if (pfb_show(client) == PFB_ERROR_GONE)
+ *		pfb_disconnect(client);
+ *
+ * A client with a surface. The surface comes back with its pixels and everything that was set: shown or hidden,
+ * position, size, level, clip, opaque area, colour plane, scale, sync, rotation and locks. pfb_pixels stays the same
+ * address. What does not come back:
+ *   - the order among surfaces of the same level: it is that in which their clients are back. Give surfaces that
+ *     overlap different levels.
+ *   - what pfb_set_surface has selected.
+ * Requests succeed meanwhile and are only remembered: drawing, pfb_dirty, pfb_lock and pfb_unlock go on as ever.
+ * pfb_get_color_depth, pfb_set_surface, pfb_status and pfb_set_color_format wait for a server as long as
+ * pfb_set_timeout allows.
+ *
+ * A client without a surface is connected again; its requests wait in the same way. The one that the server ended over
+ * fails with GONE.
+ *
+ * What the server may have died of is not sent again. The new surface is made by the outcome of earlier requests, not
+ * by those; an unanswered lock comes back with an empty area; an unanswered pfb_create fails with GONE. When two servers
+ * in a row end while this surface is being made again, what was changed since a server last answered (pfb_create,
+ * pfb_lock, pfb_get_color_depth, and the surface's return) is left out: PFB_EVENT_REDUCED.
+ *
+ * How often. At once; while no server listens again after a quarter of the time that it has been away, at least 5 ms
+ * and at most 1 s. When servers end within 5 s of the surface's return, 100 ms after the second of them, then 200 ms
+ * and so on to 10 s, each lengthened by up to a half by chance.
+ *
+ * Memory. For a moment the pixels are there twice. Where they do not fit, it is tried again as above.
+ * Threads. A thread that draws while another one is inside a call on this client may draw into the old memory: draw
+ * again after PFB_EVENT_RESTORED.
+ * Errors: ARGUMENT.
+ */
+PFB_PUBLIC int pfb_set_reconnect(pfb_client *client, int on);
+
+enum pfb_event {
+	PFB_EVENT_LOST = 1,     /* the server has ended, or has closed the connection */
+	PFB_EVENT_RESTORED = 2, /* the server has everything again */
+	PFB_EVENT_REDUCED = 3,  /* some changes were left out, see pfb_set_reconnect: set again what matters */
+};
+
+/* Called from inside pfb_dispatch and requests, on their thread. It may call everything but pfb_disconnect. */
+typedef void (*pfb_event_func)(pfb_client *client, enum pfb_event event, void *user_data);
+
+/*
+ * Sets the function that is told of the server's end and return; NULL: none. `user_data` is handed to it and stays the
+ * caller's. Errors: ARGUMENT.
+ *
+ *	static void on_event(pfb_client *client, enum pfb_event event, void *user_data)
+ *	{
+ *		(void)client;
+ *		if (event == PFB_EVENT_LOST)
+ *			++*(int *)user_data;
+ *	}
+ */
+PFB_PUBLIC int pfb_set_event_func(pfb_client *client, pfb_event_func function, void *user_data);
+
+/* 1 when the client is connected and the server has its surface; 0 otherwise. */
+PFB_PUBLIC int pfb_is_connected(const pfb_client *client);
 
 /* ---- surface ---------------------------------------------------------------------------------------------- */
 
@@ -104,6 +203,13 @@ enum pfb_format {
 };
 
 /*
+ *	if (pfb_create(client, PFB_FORMAT_RGB16, 0, 0, 64, 48, 1, 0) == PFB_OK)
+ *		for (int y = 0; y < pfb_height(client); y++) {
+ *			uint16_t *row = (uint16_t *)((char *)pfb_pixels(client) + y * pfb_stride(client));
+ *			for (int x = 0; x < pfb_width(client); x++)
+ *				row[x] = 0x07e0;
+ *		}
+ *
  * Makes the client's surface: shared memory of its size, zeroed and mapped here, and the "create" request; returns when
  * the server has it. It is hidden at first. Once for each client.
  *   x, y           position, SCREEN coordinates; any part may lie outside the screen
@@ -114,14 +220,14 @@ enum pfb_format {
  * Until the server has it, the memory can be opened by this user and by the group of the server's socket, those who
  * may connect; its name is gone afterwards.
  * Errors: ARGUMENT, STATE (there is a surface), ACCESS (the server is another user, and this process is not of its
- * group), MEMORY, GONE, SYSTEM. TIMEOUT: when the request was on its way already, the client is of no use any more but
+ * group), MEMORY, SYSTEM, GONE (the server ended over it: it may be called again). TIMEOUT: when the request was on its way already, the client is of no use any more but
  * for pfb_disconnect, and every call on it fails with STATE.
  */
 PFB_PUBLIC int pfb_create(pfb_client *client, enum pfb_format format, int32_t x, int32_t y, int32_t width,
 			  int32_t height, int32_t level, int32_t rotation);
 
-/* The first pixel; rows are pfb_stride bytes apart (a multiple of 64). Mapped until pfb_disconnect, also when the
- * server ends. Owned by the client. NULL or 0 without a surface. */
+/* The first pixel; rows are pfb_stride bytes apart (a multiple of 64). The same address until pfb_disconnect, also when
+ * the server ends. Owned by the client. NULL or 0 without a surface. */
 PFB_PUBLIC void *pfb_pixels(const pfb_client *client);
 PFB_PUBLIC int32_t pfb_stride(const pfb_client *client);
 /* The size given to pfb_create. 0 without a surface. */
@@ -130,8 +236,13 @@ PFB_PUBLIC int32_t pfb_height(const pfb_client *client);
 
 /* ---- where and whether it is seen --------------------------------------------------------------------------
  *
+ *	pfb_set_clip(client, 0, 0, 400, 300);
+ *	pfb_set_scale(client, 0, 0, 64, 48, 200, 100, 128, 96);
+ *	pfb_show(client);
+ *
  * From here on, the requests of a client without a surface of its own act on the selected surface (pfb_set_surface);
- * without one the server ignores them. Errors of all of them: ARGUMENT, TIMEOUT, GONE, MEMORY, SYSTEM.
+ * without one the server ignores them. Errors of all of them: ARGUMENT, STATE (only
+ * pfb_disconnect is left, see pfb_create), TIMEOUT, GONE, MEMORY, SYSTEM.
  */
 
 /* Shows the surface, with all of its pixels, or hides it. Doing so twice has no effect. On the main screen the last
@@ -189,10 +300,16 @@ PFB_PUBLIC int pfb_set_scale(pfb_client *client, int32_t source_x, int32_t sourc
 PFB_PUBLIC int pfb_dirty(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height);
 
 /*
+ *	if (pfb_lock(client, 8, 8, 32, 32) == PFB_OK) {
+ *		memset(pfb_pixels(client), 0, 40 * (size_t)pfb_stride(client));
+ *		pfb_unlock(client);
+ *	}
+ *
  * A pair around drawing that must not be seen half done: pfb_lock returns when the server draws nothing any more; draw
  * within the rectangle, SURFACE coordinates; pfb_unlock lets the server show it. Keep it short: no surface of
  * anybody is drawn meanwhile. Pairs nest. Nothing stays locked after a pfb_lock that failed (after TIMEOUT the lock is
  * taken back by a request that follows it), nor after pfb_disconnect or the end of this process.
+ * When the server ends meanwhile, the next one is locked before it draws this surface.
  * STATE: no surface; pfb_unlock without a lock.
  */
 PFB_PUBLIC int pfb_lock(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height);
@@ -211,8 +328,14 @@ PFB_PUBLIC int pfb_set_sync(pfb_client *client, int on);
 
 /* ---- asking and selecting --------------------------------------------------------------------------------- */
 
-/* The colour depth of the output that the surface is on, in bits: 16, 18, 24 or 32, or 0 when it is on none. Waits for
- * the answer, and so for everything before it. `depth` is not touched on failure. */
+/*
+ * The colour depth of the output that the surface is on, in bits: 16, 18, 24 or 32, or 0 when it is on none. Waits for
+ * the answer, and so for everything before it. `depth` is not touched on failure.
+ *
+ *	int depth;
+ *	if (pfb_get_color_depth(client, &depth) == PFB_OK && depth < 24)
+ *		printf("nothing is translucent here\n");
+ */
 PFB_PUBLIC int pfb_get_color_depth(pfb_client *client, int *depth);
 
 /* Makes the lowest surface of that name the selected one, for all clients without a surface of their own; none of that

@@ -26,6 +26,11 @@ int64_t now_ms()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+int64_t deadline_in(int timeout_ms)
+{
+    return timeout_ms < 0 ? FOR_EVER : now_ms() + timeout_ms;
+}
+
 // However the kernel tells that the other side is gone, callers see EPIPE.
 void unify_errno()
 {
@@ -157,6 +162,18 @@ bool receive_until(mc_connection *connection, mc_packet *packet, int64_t deadlin
     }
 }
 
+// To the last request that was sent.
+mc_packet *answer_until(mc_connection *connection, int64_t deadline)
+{
+    mc_packet *answer = mc_packet_new(0);
+    if (!answer || receive_until(connection, answer, deadline))
+        return answer;
+    const int error = errno;
+    mc_packet_free(answer);
+    errno = error;
+    return nullptr;
+}
+
 } // namespace
 
 mc_connection *mc_connect(const char *service_name, const char *client_name)
@@ -189,18 +206,19 @@ int mc_send(mc_connection *connection, const mc_packet *request)
     return usable(connection, request) ? send_until(connection, request, FOR_EVER) : -1;
 }
 
+mc_packet *mc_answer(mc_connection *connection, int timeout_ms)
+{
+    if (connection->side != Side::client) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    return answer_until(connection, deadline_in(timeout_ms));
+}
+
 mc_packet *mc_call(mc_connection *connection, const mc_packet *request, int timeout_ms)
 {
     if (!usable(connection, request))
         return nullptr;
-    const int64_t deadline = timeout_ms < 0 ? FOR_EVER : now_ms() + timeout_ms;
-    mc_packet *answer = mc_packet_new(0);
-    if (!answer)
-        return nullptr;
-    if (send_until(connection, request, deadline) == 0 && receive_until(connection, answer, deadline))
-        return answer;
-    const int error = errno;
-    mc_packet_free(answer);
-    errno = error;
-    return nullptr;
+    const int64_t deadline = deadline_in(timeout_ms);
+    return send_until(connection, request, deadline) == 0 ? answer_until(connection, deadline) : nullptr;
 }

@@ -14,24 +14,7 @@ using namespace libpfb;
 
 namespace {
 
-constexpr char SERVICE[] = "pfb";
 constexpr int DEFAULT_TIMEOUT_MS = 5000;
-constexpr int64_t FOR_EVER = -1;
-
-int64_t now_ms()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-int left(int64_t deadline)
-{
-    if (deadline == FOR_EVER)
-        return -1;
-    const int64_t ms = deadline - now_ms();
-    return static_cast<int>(ms < 0 ? 0 : ms);
-}
 
 const char *server_folder()
 {
@@ -60,6 +43,12 @@ int fail_connect()
     return fail_errno("pfb_connect", "connecting");
 }
 
+int connect_first(pfb_client *client)
+{
+    client->connection = mc_connect(SERVICE, client->name);
+    return client->connection != nullptr ? recovery_start(client) : fail_connect();
+}
+
 mc_packet *packet_of(const Request &request)
 {
     mc_packet *packet = mc_packet_new_command(request.word);
@@ -77,42 +66,6 @@ mc_packet *packet_of(const Request &request)
     return nullptr;
 }
 
-// A server that lost its only client in the midst of "block until unlock" would stop: what is missing is made up for.
-void end_block(pfb_client *client)
-{
-    if (!client->blocked || client->lost)
-        return;
-    if (client->locks == 0 && send(client, {"pfb_disconnect", "lock_area", {0, 0, 0, 0}}) != PFB_OK)
-        return;
-    send(client, {"pfb_disconnect", "unlock"});
-}
-
-} // namespace
-
-namespace libpfb {
-
-int64_t deadline_of(const pfb_client *client)
-{
-    return client->timeout_ms < 0 ? FOR_EVER : now_ms() + client->timeout_ms;
-}
-
-int check_client(const pfb_client *client, const char *function)
-{
-    if (client == nullptr)
-        return fail(PFB_ERROR_ARGUMENT, function, "the client is NULL");
-    if (client->lost)
-        return fail(PFB_ERROR_STATE, function, "the server did not answer pfb_create: disconnect");
-    return PFB_OK;
-}
-
-int check_surface(const pfb_client *client, const char *function)
-{
-    const int checked = check_client(client, function);
-    if (checked == PFB_OK && client->pixels == nullptr)
-        return fail(PFB_ERROR_STATE, function, "%s has no surface", client->name);
-    return checked;
-}
-
 int wait_for_room(pfb_client *client, const char *function, int64_t deadline)
 {
     pollfd entry = {mc_fd(client->connection), POLLOUT, 0};
@@ -127,6 +80,58 @@ int wait_for_room(pfb_client *client, const char *function, int64_t deadline)
     }
 }
 
+// A server that lost its only client in the midst of "block until unlock" would stop: what is missing is made up for.
+void end_block(pfb_client *client)
+{
+    if (!client->state.blocked || client->unusable || client->phase != Phase::ready)
+        return;
+    const int64_t deadline = deadline_of(client);
+    if (client->state.locks == 0 && send(client, {"pfb_disconnect", "lock_area", {0, 0, 0, 0}}, deadline) != PFB_OK)
+        return;
+    send(client, {"pfb_disconnect", "unlock"}, deadline);
+}
+
+} // namespace
+
+namespace libpfb {
+
+int64_t now_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+int64_t deadline_of(const pfb_client *client)
+{
+    return client->timeout_ms < 0 ? FOR_EVER : now_ms() + client->timeout_ms;
+}
+
+int left(int64_t deadline)
+{
+    if (deadline == FOR_EVER)
+        return -1;
+    const int64_t ms = deadline - now_ms();
+    return static_cast<int>(ms < 0 ? 0 : ms);
+}
+
+int check_client(const pfb_client *client, const char *function)
+{
+    if (client == nullptr)
+        return fail(PFB_ERROR_ARGUMENT, function, "the client is NULL");
+    if (client->unusable)
+        return fail(PFB_ERROR_STATE, function, "the server did not answer pfb_create: disconnect");
+    return PFB_OK;
+}
+
+int check_surface(const pfb_client *client, const char *function)
+{
+    const int checked = check_client(client, function);
+    if (checked == PFB_OK && client->pixels == nullptr)
+        return fail(PFB_ERROR_STATE, function, "%s has no surface", client->name);
+    return checked;
+}
+
 int send_now(pfb_client *client, const Request &request)
 {
     mc_packet *packet = packet_of(request);
@@ -136,19 +141,26 @@ int send_now(pfb_client *client, const Request &request)
     return result;
 }
 
-int send(pfb_client *client, const Request &request)
+int send(pfb_client *client, const Request &request, int64_t deadline)
 {
-    const int ready = wait_for_room(client, request.function, deadline_of(client));
+    const int ready = wait_for_room(client, request.function, deadline);
     return ready == PFB_OK ? send_now(client, request) : ready;
 }
 
 int call(pfb_client *client, const Request &request, int64_t deadline, mc_packet **answer)
 {
-    mc_packet *packet = packet_of(request);
-    *answer = packet != nullptr ? mc_call(client->connection, packet, left(deadline)) : nullptr;
-    const int result = *answer != nullptr ? int{PFB_OK} : fail_errno(request.function, "asking the server");
-    mc_packet_free(packet);
-    return result;
+    *answer = nullptr;
+    const int result = send(client, request, deadline);
+    return result == PFB_OK ? take_answer(client, request.function, deadline, answer) : result;
+}
+
+int take_answer(pfb_client *client, const char *function, int64_t deadline, mc_packet **answer)
+{
+    *answer = mc_answer(client->connection, left(deadline));
+    if (*answer == nullptr)
+        return fail_errno(function, "asking the server");
+    recovery_confirm(client);
+    return PFB_OK;
 }
 
 } // namespace libpfb
@@ -164,31 +176,43 @@ pfb_client *pfb_connect(const char *name)
         fail_errno("pfb_connect", "connecting");
         return nullptr;
     }
-    client->connection = mc_connect(SERVICE, name);
-    if (client->connection == nullptr) {
-        fail_connect();
-        free(client);
-        return nullptr;
-    }
     client->timeout_ms = DEFAULT_TIMEOUT_MS;
+    client->reconnect = true;
+    client->epoll_fd = client->timer_fd = -1;
     strcpy(client->name, name); // is_name has measured it
-    return client;
+    if (connect_first(client) == PFB_OK)
+        return client;
+    recovery_end(client);
+    mc_close(client->connection);
+    free(client);
+    return nullptr;
 }
 
 void pfb_disconnect(pfb_client *client)
 {
     if (client == nullptr)
         return;
+    const LastError error = error_save();
+    client->on_event = nullptr;
+    if (client->phase == Phase::restoring) // a server that did not find the memory any more would stop
+        (void)recovery_settle(client, "pfb_disconnect", deadline_of(client));
     end_block(client);
+    recovery_end(client);
     mc_close(client->connection);
     if (client->pixels != nullptr)
-        munmap(client->pixels, static_cast<size_t>(client->stride) * static_cast<size_t>(client->height));
+        munmap(client->pixels, memory_size(client));
     free(client);
+    error_restore(error);
 }
 
 int pfb_fd(const pfb_client *client)
 {
-    return client != nullptr ? mc_fd(client->connection) : -1;
+    return client != nullptr && client->connection != nullptr ? mc_fd(client->connection) : -1;
+}
+
+int pfb_poll_fd(const pfb_client *client)
+{
+    return client != nullptr ? client->epoll_fd : -1;
 }
 
 int pfb_set_timeout(pfb_client *client, int milliseconds)

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// What the files of the client library share: the client's record, its errors and the sending of requests.
+// What the files of the client library share: the client's record, its errors, the sending of requests, and recovery
+// from the end of the server.
 #pragma once
 
 #include <cstdint>
@@ -8,33 +9,113 @@
 #include "mc.h"
 #include "pfb.h"
 
-struct pfb_client {
-    mc_connection *connection; // owned
-    int timeout_ms;            // -1: for ever
-    bool lost;                 // a "create" that was not answered in time: nobody knows what the server has
-    // The surface; pixels is null without one.
-    void *pixels; // owned mapping of stride x height bytes
+namespace libpfb {
+
+struct Area {
+    int32_t x, y, width, height;
+
+    bool operator==(const Area &) const = default;
+};
+
+// What stays of a surface from "create" on.
+struct Shape {
     pfb_format format;
-    int32_t width;
-    int32_t height;
-    int32_t stride; // bytes
-    // What the server holds of it, followed here so that nothing is sent that the server would stop for.
+    int32_t width, height; // pixels
+    int32_t stride;        // bytes
+    int32_t rotation;      // degrees
+};
+
+// What requests change of it: followed here so that nothing is sent that the server would stop for, and so that it can
+// be made again on another server.
+struct SurfaceState {
+    Area area; // screen
+    int32_t level;
+    uint32_t plane;
+    bool shown;
+    bool sync;
+    bool clipped;
+    Area clip; // screen
+    bool opaque_given;
+    Area opaque; // surface
     bool scaled;
-    int32_t shown_width; // what a resize may reach: the surface's size, or the scaled one's
-    int32_t shown_height;
-    int32_t locks;  // pfb_lock without its pfb_unlock
-    bool blocked;   // pfb_block_until_unlock without its pfb_unlock
-    char name[256]; // for messages
+    Area source;      // surface
+    Area destination; // screen
+    int32_t locks;    // pfb_lock without its pfb_unlock
+    bool blocked;     // pfb_block_until_unlock without its pfb_unlock
+
+    bool operator==(const SurfaceState &) const = default;
+};
+
+enum class Phase {
+    ready,     // the server has everything
+    lost,      // there is no connection; the next attempt is due at next_attempt
+    restoring, // connected, everything is sent, and the server's answer to it is still to come
+};
+
+constexpr int MEMORY_NAME_SIZE = 40; // of "/pfb.PID.RANDOM"
+
+} // namespace libpfb
+
+struct pfb_client {
+    mc_connection *connection; // owned; null while the phase is lost
+    int timeout_ms;            // -1: for ever
+    bool unusable;             // a "create" that was not answered in time: nobody knows what the server has
+    char name[256];
+
+    void *pixels; // owned mapping of stride x height bytes; null without a surface
+    libpfb::Shape shape;
+    libpfb::SurfaceState state;
+    libpfb::SurfaceState confirmed; // the last one that the server has answered after
+
+    // Recovery.
+    int epoll_fd; // what pfb_poll_fd gives: watches the connection and the timer
+    int timer_fd;
+    libpfb::Phase phase;
+    bool reconnect;
+    bool recovering;         // a step is under way: callbacks may come back here
+    int deaths;              // of servers, each soon after the surface was there again
+    int failed_restorations; // in a row: the server went before it had answered
+    int64_t lost_ms;         // moments of the monotonic clock
+    int64_t restored_ms;
+    int64_t next_attempt_ms;
+    int32_t depth;                              // what the restoration's question was answered with
+    char memory_name[libpfb::MEMORY_NAME_SIZE]; // while restoring: what the server may not have opened yet
+    unsigned events;                            // to be told, bits 1 << PFB_EVENT_...
+    pfb_event_func on_event;
+    void *event_data;
 };
 
 namespace libpfb {
 
+constexpr char SERVICE[] = "pfb";
 constexpr int32_t SIZE_MAX_PIXELS = 32767; // what the server's regions can hold
+constexpr int64_t FOR_EVER = -1;           // no deadline
 
 // Notes the failure for pfb_error and pfb_error_text, "FUNCTION: ..."; returns `code`.
 [[gnu::format(printf, 3, 4)]] int fail(int code, const char *function, const char *format, ...);
 // The same for a failed call of the system or of the channel, from errno.
 int fail_errno(const char *function, const char *what);
+// The last failure as it was: what the library gets over itself is none of the application's failures.
+struct LastError {
+    int code;
+    char text[512];
+};
+LastError error_save();
+void error_restore(const LastError &error);
+
+int64_t now_ms();
+// The moment until which a call that begins now may wait.
+int64_t deadline_of(const pfb_client *client);
+// Milliseconds until then, for poll.
+int left(int64_t deadline);
+
+// PFB_OK, or a failure for a null client and for one that can only be disconnected.
+int check_client(const pfb_client *client, const char *function);
+// check_client, and STATE without a surface.
+int check_surface(const pfb_client *client, const char *function);
+int check_position(const char *function, int32_t x, int32_t y);
+int check_size(const char *function, int32_t width, int32_t height, int32_t least);
+int check_area(const char *function, const Area &area);
 
 // A request on its way: its word and arguments, and the library's function that it is sent for.
 struct Request {
@@ -44,32 +125,45 @@ struct Request {
     const char *text = nullptr; // after the integers; null: none
 };
 
-// The moment until which a call that begins now may wait.
-int64_t deadline_of(const pfb_client *client);
-// PFB_OK, or a failure for a null client and for one that can only be disconnected.
-int check_client(const pfb_client *client, const char *function);
-// check_client, and STATE without a surface.
-int check_surface(const pfb_client *client, const char *function);
-
-// Waits until a request fits into the socket. After PFB_OK one more mc_send is sure not to wait.
-int wait_for_room(pfb_client *client, const char *function, int64_t deadline);
-// Sends, waiting for room. On failure nothing has been sent.
-int send(pfb_client *client, const Request &request);
-// Sends at once, after wait_for_room.
+// Sends on the present connection, waiting for room until the deadline. On failure nothing has been sent.
+int send(pfb_client *client, const Request &request, int64_t deadline);
+// Sends at once: for a connection that is known to have room.
 int send_now(pfb_client *client, const Request &request);
-// Sends, after wait_for_room, and waits for the answer, which is the caller's to free. On TIMEOUT the request is with
-// the server.
+// Sends and waits for the answer, which is the caller's to free. On TIMEOUT the request may be with the server.
 int call(pfb_client *client, const Request &request, int64_t deadline, mc_packet **answer);
+// Its second half: waits for the answer to the last request.
+int take_answer(pfb_client *client, const char *function, int64_t deadline, mc_packet **answer);
 
-int check_position(const char *function, int32_t x, int32_t y);
-int check_size(const char *function, int32_t width, int32_t height, int32_t least);
-int check_area(const char *function, int32_t x, int32_t y, int32_t width, int32_t height);
+// ---- recovery
+
+// Gets as far as it can without waiting, and tells the application what has happened.
+void recovery_step(pfb_client *client);
+// Before a request: takes a step, and waits for the answer to a restoration that is under way. Afterwards the phase is
+// ready or lost. GONE without recovery, TIMEOUT.
+int recovery_settle(pfb_client *client, const char *function, int64_t deadline);
+// The same until the server has everything.
+int recovery_wait(pfb_client *client, const char *function, int64_t deadline);
+// The connection was found ended. The caller takes a step afterwards.
+void recovery_lose(pfb_client *client);
+// The server has answered: what was sent before has not ended it.
+void recovery_confirm(pfb_client *client);
+// The first connection is there.
+int recovery_start(pfb_client *client);
+void recovery_end(pfb_client *client);
+
+// Makes the surface on the server: "create", with the state as it is now.
+int send_create(pfb_client *client, const char *function, const char *memory_name, int64_t deadline);
+// Everything that makes a new surface the present one, and a question behind it. False when something was not sent.
+bool restore_send(pfb_client *client);
+
+int depth_from(const mc_packet *answer, const char *function, int32_t *depth);
 
 // Shared memory of `size` bytes, zeroed and really there, that the server may open, and its name. Returns its mapping
 // in *pixels.
 int memory_new(const pfb_client *client, const char *function, int64_t size, char *name, void **pixels);
-
-// A name for shared memory: "/pfb.PID.RANDOM".
-constexpr int MEMORY_NAME_SIZE = 40;
+// The same with a copy of the client's pixels, at their address. What was there is unmapped. After a failure there is
+// no name.
+bool memory_renew(pfb_client *client, char *name);
+size_t memory_size(const pfb_client *client);
 
 } // namespace libpfb

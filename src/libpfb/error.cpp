@@ -8,10 +8,7 @@
 
 namespace {
 
-constexpr int TEXT_SIZE = 512;
-
-thread_local int last_code = PFB_OK;
-thread_local char last_text[TEXT_SIZE];
+thread_local libpfb::LastError last; // zeros: PFB_OK, and no text
 
 int code_of(int error)
 {
@@ -44,11 +41,11 @@ const char *text_of(int error, char *buffer, size_t size)
 
 int libpfb::fail(int code, const char *function, const char *format, ...)
 {
-    last_code = code;
-    const int n = snprintf(last_text, sizeof last_text, "%s: ", function);
+    last.code = code;
+    const int n = snprintf(last.text, sizeof last.text, "%s: ", function);
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(last_text + n, sizeof last_text - static_cast<size_t>(n), format, arguments);
+    vsnprintf(last.text + n, sizeof last.text - static_cast<size_t>(n), format, arguments);
     va_end(arguments);
     return code;
 }
@@ -60,12 +57,22 @@ int libpfb::fail_errno(const char *function, const char *what)
     return fail(code_of(error), function, "%s: %s", what, text_of(error, buffer, sizeof buffer));
 }
 
+libpfb::LastError libpfb::error_save()
+{
+    return last;
+}
+
+void libpfb::error_restore(const LastError &error)
+{
+    last = error;
+}
+
 int pfb_error(void)
 {
-    return last_code;
+    return last.code;
 }
 
 const char *pfb_error_text(void)
 {
-    return last_text;
+    return last.text;
 }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/random.h>
@@ -95,4 +96,26 @@ int libpfb::memory_new(const pfb_client *client, const char *function, int64_t s
     if (filled != PFB_OK)
         shm_unlink(name);
     return filled;
+}
+
+bool libpfb::memory_renew(pfb_client *client, char *name)
+{
+    const size_t size = memory_size(client);
+    void *fresh = nullptr;
+    if (memory_new(client, "pfb_dispatch", static_cast<int64_t>(size), name, &fresh) != PFB_OK || fresh == nullptr) {
+        name[0] = '\0';
+        return false;
+    }
+    memcpy(fresh, client->pixels, size);
+    if (mremap(fresh, size, size, MREMAP_MAYMOVE | MREMAP_FIXED, client->pixels) == client->pixels)
+        return true;
+    munmap(fresh, size);
+    shm_unlink(name);
+    name[0] = '\0';
+    return false;
+}
+
+size_t libpfb::memory_size(const pfb_client *client)
+{
+    return static_cast<size_t>(client->shape.stride) * static_cast<size_t>(client->shape.height);
 }

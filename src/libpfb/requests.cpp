@@ -23,23 +23,86 @@ int check_size(const char *function, int32_t width, int32_t height, int32_t leas
     return PFB_OK;
 }
 
-int check_area(const char *function, int32_t x, int32_t y, int32_t width, int32_t height)
+int check_area(const char *function, const Area &area)
 {
-    const int positioned = check_position(function, x, y);
-    return positioned == PFB_OK ? check_size(function, width, height, 0) : positioned;
+    const int positioned = check_position(function, area.x, area.y);
+    return positioned == PFB_OK ? check_size(function, area.width, area.height, 0) : positioned;
 }
 
 } // namespace libpfb
 
 namespace {
 
-// Sends when the client can and `checked` says that the arguments are good.
-int send_checked(pfb_client *client, int checked, const Request &request)
+// The connection was found ended in a request that is not sent again. With recovery the client is on its way back
+// already when this returns.
+int ended(pfb_client *client, int result)
+{
+    if (result != PFB_ERROR_GONE || !client->reconnect)
+        return result;
+    const LastError error = error_save();
+    recovery_lose(client);
+    recovery_step(client);
+    error_restore(error);
+    return result;
+}
+
+// For a request that leaves nothing behind in the client's own surface: it goes to a server that is there, or fails.
+int pass(pfb_client *client, const Request &request)
+{
+    const int64_t deadline = deadline_of(client);
+    const int result = recovery_wait(client, request.function, deadline);
+    return result == PFB_OK ? ended(client, send(client, request, deadline)) : result;
+}
+
+// For a request after which the client's surface has the state `next`. While there is no server it has it here; the
+// next one gets it with the surface.
+int change(pfb_client *client, const Request &request, const SurfaceState &next)
+{
+    const LastError error = error_save();
+    const int64_t deadline = deadline_of(client);
+    int result = recovery_settle(client, request.function, deadline);
+    if (result == PFB_OK && client->phase == Phase::ready)
+        result = send(client, request, deadline);
+    const bool lost = result == PFB_ERROR_GONE && client->reconnect;
+    if (result != PFB_OK && !lost)
+        return result;
+    client->state = next;
+    if (!lost)
+        return PFB_OK;
+    recovery_lose(client);
+    recovery_step(client);
+    error_restore(error);
+    return PFB_OK;
+}
+
+// Sends when the client can and `checked` says that the arguments are good. Without a surface of its own a client acts
+// on the selected one.
+int send_checked(pfb_client *client, int checked, const Request &request, const SurfaceState &next)
 {
     const int usable = check_client(client, request.function);
-    if (usable != PFB_OK)
-        return usable;
-    return checked == PFB_OK ? send(client, request) : checked;
+    if (usable != PFB_OK || checked != PFB_OK)
+        return usable != PFB_OK ? usable : checked;
+    return client->pixels != nullptr ? change(client, request, next) : pass(client, request);
+}
+
+int pass_checked(pfb_client *client, int checked, const Request &request)
+{
+    const int usable = check_client(client, request.function);
+    if (usable != PFB_OK || checked != PFB_OK)
+        return usable != PFB_OK ? usable : checked;
+    return pass(client, request);
+}
+
+// The present state, to be changed; anything for a null client.
+SurfaceState state_of(const pfb_client *client)
+{
+    return client != nullptr ? client->state : SurfaceState{};
+}
+
+// What a resize may reach.
+Area limit_of(const pfb_client *client)
+{
+    return client->state.scaled ? client->state.destination : Area{0, 0, client->shape.width, client->shape.height};
 }
 
 bool shows_something(uint32_t plane)
@@ -47,88 +110,177 @@ bool shows_something(uint32_t plane)
     return plane >> 24 == 0xff || (plane & 0xffffff) == 0xffffff;
 }
 
-struct Scale {
-    int32_t source_x, source_y, source_width, source_height; // surface
-    int32_t width, height;                                   // screen
-
-    bool is_none() const { return source_width == width && source_height == height; }
-};
-
-// Whether the source's pixels exist, as the client has them and as the server checks them.
-bool source_exists(const pfb_client *client, const Scale &s)
+bool same_size(const Area &a, const Area &b)
 {
-    return s.source_x >= 0 && s.source_y >= 0 && s.source_width >= 1 && s.source_height >= 1 &&
-           s.source_width <= client->width - s.source_x && s.source_height <= client->height - s.source_y;
+    return a.width == b.width && a.height == b.height;
 }
 
-int check_scale(const pfb_client *client, const char *function, const Scale &s)
+// Whether the source's pixels exist, as the client has them and as the server checks them.
+bool source_exists(const Shape &shape, const Area &s)
 {
-    if (client->format == PFB_FORMAT_RGB18)
+    return s.x >= 0 && s.y >= 0 && s.width >= 1 && s.height >= 1 && s.width <= shape.width - s.x &&
+           s.height <= shape.height - s.y;
+}
+
+int check_scale(const pfb_client *client, const char *function, const Area &from, const Area &to)
+{
+    const Shape &shape = client->shape;
+    if (shape.format == PFB_FORMAT_RGB18)
         return fail(PFB_ERROR_ARGUMENT, function, "an 18-bit surface cannot be scaled");
-    if (!source_exists(client, s))
-        return fail(PFB_ERROR_ARGUMENT, function, "source %d x %d at %d, %d is not within %d x %d", s.source_width,
-                    s.source_height, s.source_x, s.source_y, client->width, client->height);
-    if (s.width < 1 || s.height < 1 || s.width > SIZE_MAX_PIXELS || s.height > SIZE_MAX_PIXELS ||
-        int64_t{s.width} * s.height > INT32_MAX / 4)
-        return fail(PFB_ERROR_ARGUMENT, function, "there is no destination of %d x %d", s.width, s.height);
-    if (client->scaled && !s.is_none() && s.source_x + s.source_width > client->shown_width)
+    if (!source_exists(shape, from))
+        return fail(PFB_ERROR_ARGUMENT, function, "source %d x %d at %d, %d is not within %d x %d", from.width,
+                    from.height, from.x, from.y, shape.width, shape.height);
+    if (to.width < 1 || to.height < 1 || to.width > SIZE_MAX_PIXELS || to.height > SIZE_MAX_PIXELS ||
+        int64_t{to.width} * to.height > INT32_MAX / 4)
+        return fail(PFB_ERROR_ARGUMENT, function, "there is no destination of %d x %d", to.width, to.height);
+    const int32_t reach = limit_of(client).width;
+    if (client->state.scaled && !same_size(from, to) && from.x + from.width > reach)
         return fail(PFB_ERROR_ARGUMENT, function, "source ends at column %d, beyond the present destination's %d",
-                    s.source_x + s.source_width, client->shown_width);
-    return PFB_OK;
+                    from.x + from.width, reach);
+    return check_position(function, to.x, to.y);
+}
+
+// Scaling, and its end, make a surface without alpha opaque as a whole.
+SurfaceState scaled_state(const pfb_client *client, const Area &from, const Area &to)
+{
+    SurfaceState next = client->state;
+    const bool ends = same_size(from, to);
+    if (ends && !next.scaled)
+        return next;
+    next.scaled = !ends;
+    next.source = ends ? Area{} : from;
+    next.destination = ends ? Area{} : to;
+    next.area = to;
+    if (client->shape.format != PFB_FORMAT_ARGB32) {
+        next.opaque_given = ends;
+        next.opaque = {0, 0, ends ? to.width : 0, ends ? to.height : 0};
+    }
+    return next;
 }
 
 // The last lock_area was not answered in time, so it is still before the server: an unlock behind it undoes it.
 int take_lock_back(pfb_client *client, const char *function)
 {
-    const int sent = send_now(client, {function, "unlock"});
-    if (sent != PFB_OK)
+    const int sent = ended(client, send_now(client, {function, "unlock"}));
+    if (sent != PFB_OK && !(sent == PFB_ERROR_GONE && client->reconnect))
         return sent;
-    client->blocked = false; // the unlock has ended that as well
+    client->state.blocked = false; // the unlock has ended that as well
     return fail(PFB_ERROR_TIMEOUT, function, "the server has not locked in time; the lock is taken back");
+}
+
+// A server that ends meanwhile draws nothing any more, and the next one is told of the lock before it draws.
+int lock_on_server(pfb_client *client, const char *function, const Area &area, int64_t deadline)
+{
+    if (client->phase == Phase::lost)
+        return PFB_OK;
+    const LastError error = error_save();
+    int result = send(client, {function, "lock_area", {area.x, area.y, area.width, area.height}}, deadline);
+    const bool sent = result == PFB_OK;
+    if (sent) {
+        mc_packet *answer;
+        result = take_answer(client, function, deadline, &answer);
+        mc_packet_free(answer);
+    }
+    if (sent && result == PFB_ERROR_TIMEOUT)
+        return take_lock_back(client, function);
+    if (result != PFB_ERROR_GONE || !client->reconnect)
+        return result;
+    recovery_lose(client);
+    error_restore(error);
+    return PFB_OK;
+}
+
+// The answer, or that of a restoration when the server ended over the question: that one is not asked again.
+int ask_depth(pfb_client *client, const char *function, int32_t *depth)
+{
+    const int64_t deadline = deadline_of(client);
+    int result = recovery_wait(client, function, deadline);
+    if (result != PFB_OK)
+        return result;
+    mc_packet *answer;
+    result = ended(client, call(client, {function, "get_native_color_depth"}, deadline, &answer));
+    if (result == PFB_OK)
+        result = depth_from(answer, function, depth);
+    mc_packet_free(answer);
+    if (result != PFB_ERROR_GONE || !client->reconnect || client->pixels == nullptr)
+        return result;
+    result = recovery_wait(client, function, deadline);
+    *depth = client->depth;
+    return result;
 }
 
 } // namespace
 
+namespace libpfb {
+
+int depth_from(const mc_packet *answer, const char *function, int32_t *depth)
+{
+    if (mc_packet_parse_args(answer, "i", depth) == 1)
+        return PFB_OK;
+    return fail(PFB_ERROR_SYSTEM, function, "the answer holds no depth");
+}
+
+} // namespace libpfb
+
 int pfb_show(pfb_client *client)
 {
-    return send_checked(client, PFB_OK, {__func__, "show"});
+    SurfaceState next = state_of(client);
+    next.shown = true;
+    return send_checked(client, PFB_OK, {__func__, "show"}, next);
 }
 
 int pfb_hide(pfb_client *client)
 {
-    return send_checked(client, PFB_OK, {__func__, "hide"});
+    SurfaceState next = state_of(client);
+    next.shown = false;
+    return send_checked(client, PFB_OK, {__func__, "hide"}, next);
 }
 
 int pfb_move(pfb_client *client, int32_t x, int32_t y)
 {
-    return send_checked(client, check_position(__func__, x, y), {__func__, "move", {x, y}});
+    SurfaceState next = state_of(client);
+    next.area.x = x;
+    next.area.y = y;
+    return send_checked(client, check_position(__func__, x, y), {__func__, "move", {x, y}}, next);
 }
 
 int pfb_resize(pfb_client *client, int32_t width, int32_t height)
 {
     int checked = check_size(__func__, width, height, 1);
-    const bool known = checked == PFB_OK && pfb_pixels(client) != nullptr;
-    if (known && (width > client->shown_width || height > client->shown_height))
-        checked = fail(PFB_ERROR_ARGUMENT, __func__, "size %d x %d is beyond the surface's %d x %d", width, height,
-                       client->shown_width, client->shown_height);
-    return send_checked(client, checked, {__func__, "resize", {width, height}});
+    if (checked == PFB_OK && pfb_pixels(client) != nullptr) {
+        const Area limit = limit_of(client);
+        if (width > limit.width || height > limit.height)
+            checked = fail(PFB_ERROR_ARGUMENT, __func__, "size %d x %d is beyond the surface's %d x %d", width, height,
+                           limit.width, limit.height);
+    }
+    SurfaceState next = state_of(client);
+    next.area.width = width;
+    next.area.height = height;
+    return send_checked(client, checked, {__func__, "resize", {width, height}}, next);
 }
 
 int pfb_set_layer(pfb_client *client, int32_t level)
 {
-    return send_checked(client, PFB_OK, {__func__, "set_layer", {level}});
+    SurfaceState next = state_of(client);
+    next.level = level;
+    return send_checked(client, PFB_OK, {__func__, "set_layer", {level}}, next);
 }
 
 int pfb_set_clip(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
-    return send_checked(client, check_area(__func__, x, y, width, height),
-                        {__func__, "set_clip", {x, y, width, height}});
+    SurfaceState next = state_of(client);
+    next.clipped = true;
+    next.clip = {x, y, width, height};
+    return send_checked(client, check_area(__func__, next.clip), {__func__, "set_clip", {x, y, width, height}}, next);
 }
 
 int pfb_set_opaque_area(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
-    return send_checked(client, check_area(__func__, x, y, width, height),
-                        {__func__, "opaque_area", {x, y, width, height}});
+    SurfaceState next = state_of(client);
+    next.opaque_given = true;
+    next.opaque = {x, y, width, height};
+    return send_checked(client, check_area(__func__, next.opaque), {__func__, "opaque_area", {x, y, width, height}},
+                        next);
 }
 
 int pfb_set_color_plane(pfb_client *client, uint32_t plane)
@@ -136,7 +288,9 @@ int pfb_set_color_plane(pfb_client *client, uint32_t plane)
     const int checked = shows_something(plane)
                             ? int{PFB_OK}
                             : fail(PFB_ERROR_ARGUMENT, __func__, "plane %08x is neither a colour nor a veil", plane);
-    return send_checked(client, checked, {__func__, "color_plane", {static_cast<int32_t>(plane)}});
+    SurfaceState next = state_of(client);
+    next.plane = plane;
+    return send_checked(client, checked, {__func__, "color_plane", {static_cast<int32_t>(plane)}}, next);
 }
 
 int pfb_set_scale(pfb_client *client, int32_t source_x, int32_t source_y, int32_t source_width, int32_t source_height,
@@ -145,43 +299,38 @@ int pfb_set_scale(pfb_client *client, int32_t source_x, int32_t source_y, int32_
     int result = check_surface(client, __func__);
     if (result != PFB_OK)
         return result;
-    const Scale scale{source_x, source_y, source_width, source_height, width, height};
-    result = check_scale(client, __func__, scale);
-    if (result == PFB_OK)
-        result = check_position(__func__, x, y);
-    if (result == PFB_OK)
-        result = send(client,
-                      {__func__, "set_scale", {source_x, source_y, source_width, source_height, x, y, width, height}});
+    const Area from{source_x, source_y, source_width, source_height}, to{x, y, width, height};
+    result = check_scale(client, __func__, from, to);
     if (result != PFB_OK)
         return result;
-    client->scaled = !scale.is_none();
-    client->shown_width = client->scaled ? width : client->width;
-    client->shown_height = client->scaled ? height : client->height;
-    return PFB_OK;
+    return change(client,
+                  {__func__, "set_scale", {source_x, source_y, source_width, source_height, x, y, width, height}},
+                  scaled_state(client, from, to));
 }
 
 int pfb_dirty(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
-    return send_checked(client, check_area(__func__, x, y, width, height), {__func__, "dirty", {x, y, width, height}});
+    return send_checked(client, check_area(__func__, {x, y, width, height}), {__func__, "dirty", {x, y, width, height}},
+                        state_of(client));
 }
 
 int pfb_lock(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
+    const Area area{x, y, width, height};
     int result = check_surface(client, __func__);
     if (result == PFB_OK)
-        result = check_area(__func__, x, y, width, height);
+        result = check_area(__func__, area);
     if (result != PFB_OK)
         return result;
     const int64_t deadline = deadline_of(client);
-    result = wait_for_room(client, __func__, deadline);
+    result = recovery_settle(client, __func__, deadline);
+    if (result == PFB_OK)
+        result = lock_on_server(client, __func__, area, deadline);
     if (result != PFB_OK)
         return result;
-    mc_packet *answer;
-    result = call(client, {__func__, "lock_area", {x, y, width, height}}, deadline, &answer);
-    mc_packet_free(answer);
-    if (result == PFB_OK)
-        client->locks++;
-    return result == PFB_ERROR_TIMEOUT ? take_lock_back(client, __func__) : result;
+    client->state.locks++;
+    recovery_step(client);
+    return PFB_OK;
 }
 
 int pfb_unlock(pfb_client *client)
@@ -189,52 +338,42 @@ int pfb_unlock(pfb_client *client)
     const int usable = check_surface(client, __func__);
     if (usable != PFB_OK)
         return usable;
-    if (client->locks == 0)
+    if (client->state.locks == 0)
         return fail(PFB_ERROR_STATE, __func__, "%s holds no lock", client->name);
-    const int sent = send(client, {__func__, "unlock"});
-    if (sent != PFB_OK)
-        return sent;
-    client->locks--;
-    client->blocked = false;
-    return PFB_OK;
+    SurfaceState next = client->state;
+    next.locks--;
+    next.blocked = false;
+    return change(client, {__func__, "unlock"}, next);
 }
 
 int pfb_block_until_unlock(pfb_client *client)
 {
     const int usable = check_surface(client, __func__);
-    const int sent = usable == PFB_OK ? send(client, {__func__, "block_until_unlock"}) : usable;
-    if (sent == PFB_OK)
-        client->blocked = true;
-    return sent;
+    if (usable != PFB_OK)
+        return usable;
+    SurfaceState next = client->state;
+    next.blocked = true;
+    return change(client, {__func__, "block_until_unlock"}, next);
 }
 
 int pfb_set_sync(pfb_client *client, int on)
 {
-    return send_checked(client, PFB_OK, {__func__, "set_sync", {on != 0}});
+    SurfaceState next = state_of(client);
+    next.sync = on != 0;
+    return send_checked(client, PFB_OK, {__func__, "set_sync", {on != 0}}, next);
 }
 
 int pfb_get_color_depth(pfb_client *client, int *depth)
 {
     if (depth == nullptr)
         return fail(PFB_ERROR_ARGUMENT, __func__, "depth is NULL");
+    int32_t value = 0;
     int result = check_client(client, __func__);
-    if (result != PFB_OK)
-        return result;
-    const int64_t deadline = deadline_of(client);
-    result = wait_for_room(client, __func__, deadline);
-    if (result != PFB_OK)
-        return result;
-    mc_packet *answer;
-    result = call(client, {__func__, "get_native_color_depth"}, deadline, &answer);
-    if (result != PFB_OK)
-        return result;
-    int32_t value;
-    const bool decoded = mc_packet_parse_args(answer, "i", &value) == 1;
-    mc_packet_free(answer);
-    if (!decoded)
-        return fail(PFB_ERROR_SYSTEM, __func__, "the answer holds no depth");
-    *depth = value;
-    return PFB_OK;
+    if (result == PFB_OK)
+        result = ask_depth(client, __func__, &value);
+    if (result == PFB_OK)
+        *depth = value;
+    return result;
 }
 
 int pfb_set_surface(pfb_client *client, const char *name)
@@ -242,15 +381,15 @@ int pfb_set_surface(pfb_client *client, const char *name)
     const bool good = name != nullptr && strlen(name) <= MC_NAME_MAX;
     const int checked =
         good ? int{PFB_OK} : fail(PFB_ERROR_ARGUMENT, __func__, "a name has at most %d bytes", MC_NAME_MAX);
-    return send_checked(client, checked, {__func__, "set_surface", {}, good ? name : ""});
+    return pass_checked(client, checked, {__func__, "set_surface", {}, good ? name : ""});
 }
 
 int pfb_status(pfb_client *client)
 {
-    return send_checked(client, PFB_OK, {__func__, "status"});
+    return pass_checked(client, PFB_OK, {__func__, "status"});
 }
 
 int pfb_set_color_format(pfb_client *client, int32_t format)
 {
-    return send_checked(client, PFB_OK, {__func__, "set_color_format", {format}});
+    return pass_checked(client, PFB_OK, {__func__, "set_color_format", {format}});
 }

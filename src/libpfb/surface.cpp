@@ -32,26 +32,14 @@ Depth depth_of(pfb_format format)
     return {};
 }
 
-struct Shape {
-    pfb_format format;
-    int32_t x, y; // screen
-    int32_t width, height;
-    int32_t level;
-    int32_t rotation;
-    int32_t stride; // bytes
-};
-
-int check_shape(const char *function, const Shape &s)
+int check_shape(const char *function, const Shape &shape)
 {
-    if (depth_of(s.format).bits == 0)
-        return fail(PFB_ERROR_ARGUMENT, function, "there is no format %d", static_cast<int>(s.format));
-    if (s.rotation != 0 && s.rotation != 90 && s.rotation != 270)
-        return fail(PFB_ERROR_ARGUMENT, function, "rotation %d is not 0, 90 or 270", s.rotation);
-    const int positioned = check_position(function, s.x, s.y);
-    if (positioned != PFB_OK)
-        return positioned;
-    if (s.width < 1 || s.height < 1 || s.width > SIZE_MAX_PIXELS || s.height > SIZE_MAX_PIXELS)
-        return fail(PFB_ERROR_ARGUMENT, function, "size %d x %d is not within 1 to %d", s.width, s.height,
+    if (depth_of(shape.format).bits == 0)
+        return fail(PFB_ERROR_ARGUMENT, function, "there is no format %d", static_cast<int>(shape.format));
+    if (shape.rotation != 0 && shape.rotation != 90 && shape.rotation != 270)
+        return fail(PFB_ERROR_ARGUMENT, function, "rotation %d is not 0, 90 or 270", shape.rotation);
+    if (shape.width < 1 || shape.height < 1 || shape.width > SIZE_MAX_PIXELS || shape.height > SIZE_MAX_PIXELS)
+        return fail(PFB_ERROR_ARGUMENT, function, "size %d x %d is not within 1 to %d", shape.width, shape.height,
                     SIZE_MAX_PIXELS);
     return PFB_OK;
 }
@@ -63,39 +51,77 @@ int32_t stride_of(int32_t width, int32_t pixel_bytes)
 
 // Sends "create" and waits until the server has handled it. The name goes when it is certain that the server does not
 // want it any more: a server that does not find it stops.
-int create_on_server(pfb_client *client, const Shape &s, const char *name)
+int create_on_server(pfb_client *client, const char *function, const char *name, int64_t deadline)
 {
-    const char *const function = "pfb_create";
-    const int64_t deadline = deadline_of(client);
-    const Depth depth = depth_of(s.format);
-    int result = wait_for_room(client, function, deadline);
-    if (result == PFB_OK)
-        result =
-            send_now(client, {function,
-                              "create",
-                              {depth.alpha, depth.bits, s.x, s.y, s.width, s.height, s.stride, s.level, s.rotation},
-                              name});
+    int result = send_create(client, function, name, deadline);
     if (result == PFB_OK) {
         mc_packet *answer;
         result = call(client, {function, "get_native_color_depth"}, deadline, &answer);
         mc_packet_free(answer);
-        client->lost = result != PFB_OK;
+        client->unusable = result != PFB_OK && result != PFB_ERROR_GONE;
     }
-    if (!client->lost || result == PFB_ERROR_GONE)
+    if (!client->unusable)
         shm_unlink(name); // the server has done so too, unless the name is another user's
     return result;
 }
 
-void note_surface(pfb_client *client, const Shape &s, void *pixels)
+SurfaceState first_state(const Shape &shape, int32_t x, int32_t y, int32_t level)
 {
+    SurfaceState state = {};
+    state.area = {x, y, shape.width, shape.height};
+    state.level = level;
+    state.plane = PFB_PLANE_NONE;
+    return state;
+}
+
+// After "create" was of no use, the client has no surface as before. What the server ended of is not sent again.
+int create_failed(pfb_client *client, int result, void *pixels, size_t size)
+{
+    munmap(pixels, size);
+    if (result != PFB_ERROR_GONE || !client->reconnect)
+        return result;
+    recovery_lose(client);
+    recovery_step(client);
+    return result;
+}
+
+int create_surface(pfb_client *client, const char *function, int64_t size)
+{
+    const int64_t deadline = deadline_of(client);
+    int result = recovery_wait(client, function, deadline);
+    if (result != PFB_OK)
+        return result;
+    char name[MEMORY_NAME_SIZE];
+    void *pixels = nullptr;
+    result = memory_new(client, function, size, name, &pixels);
+    if (result != PFB_OK)
+        return result;
+    result = create_on_server(client, function, name, deadline);
+    if (result != PFB_OK)
+        return create_failed(client, result, pixels, static_cast<size_t>(size));
     client->pixels = pixels;
-    client->format = s.format;
-    client->width = client->shown_width = s.width;
-    client->height = client->shown_height = s.height;
-    client->stride = s.stride;
+    client->restored_ms = now_ms();
+    return PFB_OK;
 }
 
 } // namespace
+
+namespace libpfb {
+
+int send_create(pfb_client *client, const char *function, const char *memory_name, int64_t deadline)
+{
+    const Shape &shape = client->shape;
+    const SurfaceState &state = client->state;
+    const Depth depth = depth_of(shape.format);
+    const Request request = {function,
+                             "create",
+                             {depth.alpha, depth.bits, state.area.x, state.area.y, shape.width, shape.height,
+                              shape.stride, state.level, shape.rotation},
+                             memory_name};
+    return send(client, request, deadline);
+}
+
+} // namespace libpfb
 
 int pfb_create(pfb_client *client, enum pfb_format format, int32_t x, int32_t y, int32_t width, int32_t height,
                int32_t level, int32_t rotation)
@@ -105,25 +131,21 @@ int pfb_create(pfb_client *client, enum pfb_format format, int32_t x, int32_t y,
         return result;
     if (client->pixels != nullptr)
         return fail(PFB_ERROR_STATE, __func__, "%s has a surface already", client->name);
-    Shape shape{format, x, y, width, height, level, rotation, 0};
+    Shape shape{format, width, height, 0, rotation};
     result = check_shape(__func__, shape);
+    if (result == PFB_OK)
+        result = check_position(__func__, x, y);
     if (result != PFB_OK)
         return result;
     shape.stride = stride_of(width, depth_of(format).bytes);
     const int64_t size = int64_t{shape.stride} * height;
     if (size > INT32_MAX)
         return fail(PFB_ERROR_ARGUMENT, __func__, "%d x %d pixels need more than 2^31 - 1 bytes", width, height);
-
-    char name[MEMORY_NAME_SIZE];
-    void *pixels = nullptr;
-    result = memory_new(client, __func__, size, name, &pixels);
+    client->shape = shape;
+    client->state = first_state(shape, x, y, level);
+    result = create_surface(client, __func__, size);
     if (result != PFB_OK)
-        return result;
-    result = create_on_server(client, shape, name);
-    if (result == PFB_OK)
-        note_surface(client, shape, pixels);
-    else
-        munmap(pixels, static_cast<size_t>(size));
+        client->shape = {};
     return result;
 }
 
@@ -134,15 +156,15 @@ void *pfb_pixels(const pfb_client *client)
 
 int32_t pfb_stride(const pfb_client *client)
 {
-    return client != nullptr ? client->stride : 0;
+    return client != nullptr ? client->shape.stride : 0;
 }
 
 int32_t pfb_width(const pfb_client *client)
 {
-    return client != nullptr ? client->width : 0;
+    return client != nullptr ? client->shape.width : 0;
 }
 
 int32_t pfb_height(const pfb_client *client)
 {
-    return client != nullptr ? client->height : 0;
+    return client != nullptr ? client->shape.height : 0;
 }

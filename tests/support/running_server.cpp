@@ -38,6 +38,16 @@ std::string left_shared_memory()
 
 } // namespace
 
+// The kernel's table of sockets has the flag SO_ACCEPTCON from listen on; a connection would disturb the server.
+bool is_listened_at(const std::string &socket_path)
+{
+    for (const std::string &line : lines_of(file_text("/proc/net/unix"))) {
+        if (count_of(line, " " + socket_path) > 0 && count_of(line, " 00010000 ") > 0)
+            return true;
+    }
+    return false;
+}
+
 std::string server_program()
 {
     return from_build("PFB_TEST_SERVER");
@@ -122,14 +132,9 @@ void RunningServer::expect_no_report() const
     }
 }
 
-// The kernel's table of sockets has the flag SO_ACCEPTCON from listen on; a connection would disturb the server.
 bool RunningServer::is_listening() const
 {
-    for (const std::string &line : lines_of(file_text("/proc/net/unix"))) {
-        if (count_of(line, " " + socket_path()) > 0 && count_of(line, " 00010000 ") > 0)
-            return true;
-    }
-    return false;
+    return is_listened_at(socket_path());
 }
 
 int RunningServer::stop(int signal_number)

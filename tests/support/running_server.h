@@ -56,6 +56,8 @@ private:
 // The start of a program on a virtual panel in `folder`, without streams.
 ProgramStart panel_start(const std::string &folder, const ServerOptions &options, const std::string &program);
 
+bool is_listened_at(const std::string &socket_path);
+
 // The server's program, and the environment in which a test runs it.
 std::string server_program();
 std::vector<std::pair<std::string, std::string>> server_environment(const std::string &folder);

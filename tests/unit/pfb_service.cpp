@@ -46,9 +46,21 @@ std::string text_of(const mc_packet *request)
 PfbService::PfbService() : folder_(make_folder()), loop_(g_main_loop_new(nullptr, FALSE))
 {
     setenv("MC_RUNTIME_DIR", folder_.c_str(), 1);
+    open();
+}
+
+void PfbService::open()
+{
+    dead_ = listening_ = false;
     thread_ = std::thread([this] { run(); });
     std::unique_lock lock(mutex_);
     EXPECT_TRUE(changed_.wait_for(lock, LONG, [this] { return listening_; }));
+}
+
+void PfbService::die_of(const std::string &request)
+{
+    std::lock_guard lock(mutex_);
+    deadly_ = request;
 }
 
 PfbService::~PfbService()
@@ -59,16 +71,23 @@ PfbService::~PfbService()
     g_main_loop_unref(loop_);
 }
 
+bool PfbService::is_dead()
+{
+    std::lock_guard lock(mutex_);
+    return dead_;
+}
+
 void PfbService::close()
 {
     if (!thread_.joinable())
         return;
-    g_idle_add(
-        [](void *loop) -> gboolean {
-            g_main_loop_quit(static_cast<GMainLoop *>(loop));
-            return FALSE;
-        },
-        loop_);
+    if (!is_dead())
+        g_idle_add(
+            [](void *loop) -> gboolean {
+                g_main_loop_quit(static_cast<GMainLoop *>(loop));
+                return FALSE;
+            },
+            loop_);
     thread_.join();
 }
 
@@ -98,18 +117,9 @@ mc_packet *PfbService::on_request(mc_connection *connection, mc_packet *request)
     auto *self = static_cast<PfbService *>(mc_user_data(connection));
     std::lock_guard stall(self->stall_);
     const std::string text = text_of(request);
-    {
-        std::lock_guard lock(self->mutex_);
-        if (text.starts_with("create ")) {
-            int32_t i = 0;
-            const char *name = "";
-            mc_packet_parse_args(request, "iiiiiiiiis", &i, &i, &i, &i, &i, &i, &i, &i, &i, &name);
-            self->client_name = mc_connection_name(connection);
-            self->open_memory(name);
-        }
-        self->requests_.push_back(text);
-    }
-    self->changed_.notify_all();
+    self->note(connection, request, text);
+    if (self->is_dead())
+        return nullptr;
     mc_packet *reply = nullptr;
     if (self->answers_ && text.starts_with("lock_area"))
         reply = mc_packet_new(0);
@@ -118,6 +128,26 @@ mc_packet *PfbService::on_request(mc_connection *connection, mc_packet *request)
         mc_packet_build_args(reply, "i", 18);
     }
     return reply;
+}
+
+void PfbService::note(mc_connection *connection, const mc_packet *request, const std::string &text)
+{
+    std::lock_guard lock(mutex_);
+    if (dead_)
+        return;
+    if (!deadly_.empty() && text.starts_with(deadly_)) {
+        dead_ = true;
+        deadly_.clear();
+        g_main_loop_quit(loop_);
+    } else if (text.starts_with("create ")) {
+        int32_t i = 0;
+        const char *name = "";
+        mc_packet_parse_args(request, "iiiiiiiiis", &i, &i, &i, &i, &i, &i, &i, &i, &i, &name);
+        client_name = mc_connection_name(connection);
+        open_memory(name);
+    }
+    requests_.push_back(text);
+    changed_.notify_all();
 }
 
 int PfbService::on_hangup(mc_connection *connection)
@@ -142,7 +172,8 @@ void PfbService::open_memory(const char *name)
     const uint32_t mark = 0x12345678;
     EXPECT_EQ(pwrite(fd, &mark, sizeof mark, 4), static_cast<ssize_t>(sizeof mark));
     ::close(fd);
-    shm_unlink(name);
+    if (!leaves_names_)
+        shm_unlink(name);
 }
 
 std::vector<std::string> PfbService::take(size_t n)

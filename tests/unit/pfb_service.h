@@ -32,6 +32,13 @@ public:
     void go_on() { stall_.unlock(); }
     // Drops its clients and stops listening.
     void close();
+    // Listens again, with another socket; of what it noted nothing is lost.
+    void open();
+    // At the next request that begins with this text it closes, and handles nothing more.
+    void die_of(const std::string &request);
+
+    // Does as a server of another user does, who cannot remove the name of a client's memory.
+    void leave_names() { leaves_names_ = true; }
 
     std::string socket_path() const { return folder_ + "/pfb.mc"; }
     // What the last "create" came with: the client's name, its memory's name, state and first four bytes.
@@ -44,15 +51,20 @@ private:
     static mc_packet *on_request(mc_connection *connection, mc_packet *request);
     static int on_hangup(mc_connection *connection);
     void run();
+    bool is_dead();
+    void note(mc_connection *connection, const mc_packet *request, const std::string &text);
     void open_memory(const char *name);
 
     std::string folder_;
     std::atomic<bool> answers_ = true;
+    std::atomic<bool> leaves_names_ = false;
     std::mutex stall_;
     std::mutex mutex_; // of what follows
     std::condition_variable changed_;
     std::vector<std::string> requests_;
     bool listening_ = false;
+    bool dead_ = false;
+    std::string deadly_;
     int hangups_ = 0;
     GMainLoop *loop_;
     std::thread thread_;

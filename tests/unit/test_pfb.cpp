@@ -377,10 +377,17 @@ TEST_F(Pfb, SendingWaitsNoLongerThanAllowed)
 TEST_F(Pfb, AServerThatGoesIsNoticed)
 {
     create();
+    EXPECT_EQ(pfb_set_reconnect(client, 0), PFB_OK);
+    EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+    EXPECT_EQ(pfb_is_connected(client), 1);
     service.close();
     pollfd entry = {pfb_fd(client), 0, 0};
     EXPECT_EQ(poll(&entry, 1, 30000), 1);
     EXPECT_NE(entry.revents & POLLHUP, 0);
+    entry = {pfb_poll_fd(client), POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, 30000), 1);
+    EXPECT_EQ(pfb_is_connected(client), 0);
+    EXPECT_EQ(pfb_dispatch(client), PFB_ERROR_GONE);
     EXPECT_EQ(pfb_show(client), PFB_ERROR_GONE);
     EXPECT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_ERROR_GONE);
     int depth = -1;
@@ -413,6 +420,7 @@ TEST_F(Pfb, NothingIsDoneWithNull)
 {
     pfb_disconnect(nullptr);
     EXPECT_EQ(pfb_fd(nullptr), -1);
+    EXPECT_EQ(pfb_poll_fd(nullptr), -1);
     EXPECT_EQ(pfb_pixels(nullptr), nullptr);
     EXPECT_EQ(pfb_stride(nullptr), 0);
     EXPECT_EQ(pfb_width(nullptr), 0);

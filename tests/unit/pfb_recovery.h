@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+// A client of a service that ends and is there again.
+#pragma once
+
+#include "pfb.h"
+
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "pfb_service.h"
+
+using Strings = std::vector<std::string>;
+
+inline const std::string DEPTH = "get_native_color_depth ";
+inline constexpr int PATIENCE_MS = 30000;
+
+inline size_t entries(const char *folder, const std::string &prefix = "")
+{
+    size_t n = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(folder))
+        n += entry.path().filename().string().starts_with(prefix) ? 1 : 0;
+    return n;
+}
+
+inline size_t shared_objects()
+{
+    return entries("/dev/shm", "pfb." + std::to_string(getpid()) + ".");
+}
+
+class PfbRecovery : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        client = pfb_connect("fb.test");
+        ASSERT_NE(client, nullptr) << pfb_error_text();
+        pfb_set_timeout(client, PATIENCE_MS);
+        pfb_set_event_func(
+            client,
+            [](pfb_client *, pfb_event event, void *self) {
+                static_cast<PfbRecovery *>(self)->events.push_back(event);
+            },
+            this);
+    }
+    void TearDown() override
+    {
+        pfb_disconnect(client);
+        EXPECT_EQ(shared_objects(), 0u);
+    }
+
+    void create(pfb_format format = PFB_FORMAT_XRGB32)
+    {
+        ASSERT_EQ(pfb_create(client, format, 10, 20, 100, 50, 3, 0), PFB_OK) << pfb_error_text();
+        service.take(2);
+    }
+    // What an application's main loop does, until there is nothing to wait for. False after a generous while.
+    bool dispatch_until(const std::function<bool()> &done)
+    {
+        pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
+        while (!done()) {
+            if (poll(&entry, 1, PATIENCE_MS) <= 0)
+                return false;
+            wakeups++;
+            EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+        }
+        return true;
+    }
+    bool come_back()
+    {
+        return dispatch_until([&] { return pfb_is_connected(client) == 1; });
+    }
+    bool lose()
+    {
+        return dispatch_until([&] { return pfb_is_connected(client) == 0 && !events.empty(); });
+    }
+    // The service ends and is there again; what the client makes there.
+    Strings sent_after_the_end()
+    {
+        service.close();
+        service.take(0);
+        service.open();
+        EXPECT_TRUE(come_back());
+        return service.take(1);
+    }
+
+    PfbService service;
+    pfb_client *client = nullptr;
+    std::vector<pfb_event> events;
+    int wakeups = 0;
+};

@@ -1,0 +1,279 @@
+// SPDX-License-Identifier: MIT
+// Servers that end over a request, again and again or for long, and everything that must be left of none of them.
+#include "pfb_recovery.h"
+
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <thread>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::StartsWith;
+
+TEST_F(PfbRecovery, WhatTheServerDiedOfIsNotSentAgain)
+{
+    create();
+    EXPECT_EQ(pfb_show(client), PFB_OK);
+    for (const char *deadly : {"dirty iiii 1 2 3 4", "lock_area iiii 1 2 3 4"}) {
+        service.die_of(deadly);
+        EXPECT_EQ(pfb_dirty(client, 1, 2, 3, 4), PFB_OK);
+        EXPECT_EQ(pfb_lock(client, 1, 2, 3, 4), PFB_OK);
+        service.close();
+        service.take(0);
+        service.open();
+        EXPECT_TRUE(come_back());
+        EXPECT_THAT(service.take(1), ElementsAre(StartsWith("create "), "lock_area iiii 0 0 0 0", "show ", DEPTH));
+        EXPECT_EQ(pfb_unlock(client), PFB_OK);
+    }
+}
+
+TEST_F(PfbRecovery, AQuestionThatTheServerDiedOfIsAnsweredByTheNext)
+{
+    create();
+    service.die_of(DEPTH);
+    std::thread next([&] {
+        service.take(1);
+        service.close();
+        service.open();
+    });
+    int depth = 0;
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
+    EXPECT_EQ(depth, 18);
+    next.join();
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH)) << "the restoration's own question only";
+}
+
+TEST_F(PfbRecovery, ACreateThatTheServerDiedOfIsNotSentAgain)
+{
+    service.die_of("create ");
+    EXPECT_EQ(pfb_create(client, PFB_FORMAT_XRGB32, 0, 0, 10, 10, 0, 0), PFB_ERROR_GONE);
+    EXPECT_EQ(pfb_pixels(client), nullptr);
+    EXPECT_EQ(pfb_width(client), 0);
+    EXPECT_EQ(shared_objects(), 0u) << "the name is the client's to remove";
+    service.close();
+    service.take(0);
+    service.open();
+    EXPECT_TRUE(come_back());
+    create();
+}
+
+// A change that ends every server is left out after the second one; what an earlier server has lived through stays.
+TEST_F(PfbRecovery, ADeadlyChangeIsLeftOutInTheEnd)
+{
+    create();
+    EXPECT_EQ(pfb_move(client, 30, 40), PFB_OK);
+    int depth;
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
+    service.take(0);
+    const std::string deadly = "resize ii 66 6";
+    service.die_of(deadly);
+    EXPECT_EQ(pfb_resize(client, 66, 6), PFB_OK);
+    EXPECT_EQ(service.take(1).back(), deadly);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(std::count(events.begin(), events.end(), PFB_EVENT_REDUCED), 0);
+        service.close();
+        service.die_of(deadly);
+        service.open();
+        Strings sent;
+        EXPECT_TRUE(dispatch_until([&] {
+            const Strings more = service.take(0);
+            sent.insert(sent.end(), more.begin(), more.end());
+            return !sent.empty() && sent.back() == deadly;
+        }));
+        EXPECT_TRUE(lose());
+    }
+    service.close();
+    service.open();
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre("create iiiiiiiiis 0 32 30 40 100 50 448 3 0 NAME", DEPTH));
+    EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_REDUCED, PFB_EVENT_RESTORED));
+    EXPECT_EQ(pfb_resize(client, 100, 50), PFB_OK);
+}
+
+// While it is away the client looks rarer and rarer: the number of times is bounded, however slow this machine is.
+TEST_F(PfbRecovery, ALongAbsenceIsNotSpentTrying)
+{
+    create();
+    service.close();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(dispatch_until([&] { return std::chrono::steady_clock::now() - start > std::chrono::seconds(1); }));
+    EXPECT_LE(wakeups, 40);
+    EXPECT_GE(wakeups, 3);
+    EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST));
+    service.open();
+    EXPECT_TRUE(come_back());
+}
+
+// A server that ends over this client each time gets longer and longer times in between, for everybody's sake. There
+// is much to bring back, so that it ends while the client still sends.
+TEST_F(PfbRecovery, ServersThatEndAgainAndAgainAreLeftInPeace)
+{
+    create();
+    for (int i = 0; i < 100; i++)
+        ASSERT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
+    service.close();
+    service.take(0);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 4; i++) {
+        service.die_of("create ");
+        service.open();
+        EXPECT_TRUE(dispatch_until([&] { return !service.take(0).empty(); }));
+        service.close();
+    }
+    // A slow machine makes it longer, none makes it shorter: 100, 200 and 400 ms lie between the four.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
+    service.die_of("nothing any more");
+    service.open();
+    EXPECT_TRUE(come_back());
+}
+
+// More than fits into a socket, and a server that does not read: the attempt is given up. A server that then reads
+// "create" and did not find the memory would stop; this service fails the test.
+TEST_F(PfbRecovery, ASlowServerFindsTheMemoryOfAnAttemptThatWasGivenUp)
+{
+    create();
+    for (int i = 0; i < 500; i++)
+        ASSERT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
+    service.close();
+    ASSERT_TRUE(lose());
+    service.open();
+    service.stall();
+    pfb_set_timeout(client, 20);
+    EXPECT_TRUE(dispatch_until([&] { return shared_objects() > 1; })) << "no second attempt";
+    service.go_on();
+    pfb_set_timeout(client, PATIENCE_MS);
+    EXPECT_TRUE(come_back());
+    EXPECT_EQ(shared_objects(), 0u);
+}
+
+TEST_F(PfbRecovery, NothingIsLeftOfManyServers)
+{
+    create();
+    const size_t descriptors = entries("/proc/self/fd");
+    const int fd = pfb_poll_fd(client);
+    for (int i = 0; i < 4; i++) {
+        sent_after_the_end();
+        EXPECT_EQ(pfb_poll_fd(client), fd);
+        EXPECT_EQ(shared_objects(), 0u);
+    }
+    EXPECT_EQ(entries("/proc/self/fd"), descriptors);
+}
+
+TEST_F(PfbRecovery, AServerThatDoesNotAnswerYetHoldsNobodyUp)
+{
+    create();
+    service.close();
+    ASSERT_TRUE(lose());
+    service.take(0);
+    service.open();
+    service.stall();
+    EXPECT_TRUE(dispatch_until([&] { return shared_objects() == 1; })) << "the surface is on its way";
+    EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+    EXPECT_EQ(pfb_is_connected(client), 0);
+    pfb_set_timeout(client, 20);
+    EXPECT_EQ(pfb_show(client), PFB_ERROR_TIMEOUT);
+    pfb_set_timeout(client, PATIENCE_MS);
+    service.go_on();
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH));
+}
+
+TEST_F(PfbRecovery, NamesThatTheServerCannotRemoveGoAllTheSame)
+{
+    service.leave_names();
+    create();
+    EXPECT_EQ(shared_objects(), 0u);
+    sent_after_the_end();
+    EXPECT_EQ(shared_objects(), 0u);
+}
+
+// The name must not go before the server has been there: it would stop. So disconnecting waits for it.
+TEST_F(PfbRecovery, DisconnectingOnTheWayBackLeavesNothing)
+{
+    service.leave_names();
+    create();
+    service.close();
+    ASSERT_TRUE(lose());
+    std::promise<void> is_stalled, may_go_on;
+    std::thread staller([&] {
+        service.stall();
+        is_stalled.set_value();
+        may_go_on.get_future().wait();
+        service.go_on();
+    });
+    is_stalled.get_future().wait();
+    service.open();
+    EXPECT_TRUE(dispatch_until([&] { return shared_objects() == 1; }));
+    may_go_on.set_value();
+    pfb_disconnect(client);
+    client = nullptr;
+    staller.join();
+    EXPECT_EQ(shared_objects(), 0u);
+}
+
+TEST_F(PfbRecovery, AClientWithoutASurfaceIsConnectedAgain)
+{
+    service.close();
+    service.open();
+    EXPECT_EQ(pfb_move(client, 1, 2), PFB_OK);
+    EXPECT_THAT(service.take(1), ElementsAre("move ii 1 2"));
+    service.close();
+    pfb_set_timeout(client, 20);
+    EXPECT_EQ(pfb_move(client, 3, 4), PFB_ERROR_TIMEOUT);
+    service.open();
+    EXPECT_TRUE(come_back());
+    service.die_of(DEPTH);
+    int depth = -1;
+    pfb_set_timeout(client, PATIENCE_MS);
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_ERROR_GONE);
+    EXPECT_EQ(depth, -1);
+}
+
+TEST_F(PfbRecovery, SwitchedOffItStaysGoneUntilItIsSwitchedOn)
+{
+    create();
+    EXPECT_EQ(pfb_set_reconnect(client, 0), PFB_OK);
+    service.close();
+    service.take(0);
+    service.open();
+    EXPECT_EQ(pfb_dispatch(client), PFB_ERROR_GONE);
+    EXPECT_EQ(pfb_show(client), PFB_ERROR_GONE);
+    EXPECT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_ERROR_GONE);
+    EXPECT_EQ(pfb_unlock(client), PFB_ERROR_STATE);
+    EXPECT_EQ(pfb_set_reconnect(client, 1), PFB_OK);
+    EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH)) << "a show that failed is not remembered";
+}
+
+TEST_F(PfbRecovery, TheCallbackMayAskForMore)
+{
+    create();
+    pfb_set_event_func(
+        client,
+        [](pfb_client *c, pfb_event event, void *data) {
+            *static_cast<int *>(data) += event == PFB_EVENT_RESTORED ? pfb_show(c) == PFB_OK : 0;
+        },
+        &wakeups);
+    wakeups = 0;
+    service.close();
+    service.take(0);
+    service.open();
+    EXPECT_EQ(pfb_move(client, 5, 6), PFB_OK);
+    while (pfb_is_connected(client) == 0)
+        ASSERT_EQ(pfb_move(client, 5, 6), PFB_OK);
+    EXPECT_EQ(wakeups, 1);
+    EXPECT_THAT(service.take(3), testing::Contains("show "));
+}
+
+TEST(PfbRecoveryNull, NothingIsDoneWithNull)
+{
+    EXPECT_EQ(pfb_dispatch(nullptr), PFB_ERROR_ARGUMENT);
+    EXPECT_EQ(pfb_set_reconnect(nullptr, 1), PFB_ERROR_ARGUMENT);
+    EXPECT_EQ(pfb_set_event_func(nullptr, nullptr, nullptr), PFB_ERROR_ARGUMENT);
+    EXPECT_EQ(pfb_is_connected(nullptr), 0);
+}
+
+} // namespace
