@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <immintrin.h>
 
+#include "kernels.h"
+
 namespace {
 
 constexpr int LANES = 2;
+constexpr const Kernels &NARROWER = kernels_sse2;
 
 using U8 = uint8_t __attribute__((vector_size(32)));
 using U16 = uint16_t __attribute__((vector_size(32)));
@@ -24,20 +27,17 @@ template <typename V> __m256i bits(V v)
     return reinterpret_cast<__m256i>(v);
 }
 
-inline U16 pack_in_lanes(U32 a, U32 b)
+template <int SHIFT> U16 pack_in_lanes(U32 a, U32 b)
 {
-    return from_bits<U16>(_mm256_packus_epi32(bits(a), bits(b)));
+    return from_bits<U16>(_mm256_packus_epi32(_mm256_srli_epi32(bits(a), SHIFT), _mm256_srli_epi32(bits(b), SHIFT)));
 }
 
-inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+constexpr int RGB_TO_16_SHIFT = 3;
+inline U32 rgb_to_16_above(U32 p) // blue + 64 x green and red, each kept in a half, then put together
 {
-    const auto low = [](__m256i p) {
-        const __m256i red_blue =
-            _mm256_madd_epi16(_mm256_and_si256(p, _mm256_set1_epi32(0x00F800F8)), _mm256_set1_epi32(0x08000001));
-        const __m256i green = _mm256_srli_epi32(_mm256_and_si256(p, _mm256_set1_epi32(0x0000FC00)), 2);
-        return _mm256_srli_epi32(_mm256_or_si256(red_blue, green), 3);
-    };
-    return from_bits<U16>(_mm256_packus_epi32(low(bits(a)), low(bits(b))));
+    const __m256i kept = _mm256_and_si256(bits(p), _mm256_set1_epi32(0x00F8FCF8));
+    const __m256i halves = _mm256_maddubs_epi16(kept, _mm256_set1_epi32(0x00014001));
+    return from_bits<U32>(_mm256_madd_epi16(halves, _mm256_set1_epi32(0x08000001)));
 }
 
 inline U16 lanes_to_memory(U16 v)

@@ -6,24 +6,26 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "pixel.h"
+#include "kernels.h"
 
 namespace {
 
 constexpr int LANES = 1;
+constexpr const Kernels &NARROWER = kernels_plain;
 
 using U8 = uint8x16_t;
 using U16 = uint16x8_t;
 using U32 = uint32x4_t;
 
-inline U16 pack_in_lanes(U32 a, U32 b)
+template <int SHIFT> U16 pack_in_lanes(U32 a, U32 b)
 {
-    return vcombine_u16(vmovn_u32(a), vmovn_u32(b));
+    return vcombine_u16(vshrn_n_u32(a, SHIFT), vshrn_n_u32(b, SHIFT));
 }
 
-inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+constexpr int RGB_TO_16_SHIFT = 5;
+inline U32 rgb_to_16_above(U32 p) // green stays where it is
 {
-    return pack_in_lanes(pixel_rgb_to_16(a), pixel_rgb_to_16(b));
+    return (p & 0xFC00u) | (p >> 3 & 0x1F0000u) | (p << 2 & 0x03E0u);
 }
 
 inline U16 lanes_to_memory(U16 v)

@@ -6,9 +6,12 @@
 #include <cstdint>
 #include <emmintrin.h>
 
+#include "kernels.h"
+
 namespace {
 
 constexpr int LANES = 1;
+constexpr const Kernels &NARROWER = kernels_plain;
 
 using U8 = uint8_t __attribute__((vector_size(16)));
 using U16 = uint16_t __attribute__((vector_size(16)));
@@ -23,23 +26,20 @@ template <typename V> __m128i bits(V v)
     return reinterpret_cast<__m128i>(v);
 }
 
-inline U16 pack_in_lanes(U32 a, U32 b)
+// There is only a signed pack, which keeps 16 bits when they come with their sign.
+template <int SHIFT> U16 pack_in_lanes(U32 a, U32 b)
 {
-    // There is only a signed pack, which keeps 16 bits when they come with their sign.
-    const __m128i low = _mm_srai_epi32(_mm_slli_epi32(bits(a), 16), 16);
-    const __m128i high = _mm_srai_epi32(_mm_slli_epi32(bits(b), 16), 16);
+    const __m128i low = _mm_srai_epi32(_mm_slli_epi32(bits(a), 16 - SHIFT), 16);
+    const __m128i high = _mm_srai_epi32(_mm_slli_epi32(bits(b), 16 - SHIFT), 16);
     return from_bits<U16>(_mm_packs_epi32(low, high));
 }
 
-inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+constexpr int RGB_TO_16_SHIFT = 5;
+inline U32 rgb_to_16_above(U32 p) // green stays where it is; red and blue come to it by multiplication
 {
-    const auto top = [](__m128i p) { // the result in the upper half of each word, with its sign below
-        const __m128i red_blue =
-            _mm_madd_epi16(_mm_and_si128(p, _mm_set1_epi32(0x00F800F8)), _mm_set1_epi32(0x08000001));
-        const __m128i green = _mm_srli_epi32(_mm_and_si128(p, _mm_set1_epi32(0x0000FC00)), 2);
-        return _mm_srai_epi32(_mm_slli_epi32(_mm_or_si128(red_blue, green), 13), 16);
-    };
-    return from_bits<U16>(_mm_packs_epi32(top(bits(a)), top(bits(b))));
+    const __m128i red_blue = _mm_and_si128(bits(p), _mm_set1_epi32(0x00F800F8));
+    const auto moved = from_bits<U32>(_mm_madd_epi16(red_blue, _mm_set1_epi32(0x20000004)));
+    return (p & 0xFC00u) | moved;
 }
 
 inline U16 lanes_to_memory(U16 v)

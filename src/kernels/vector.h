@@ -2,7 +2,8 @@
 // What the vector kernels share. Each instruction set has a lanes_*.h with the same names: U8, U16 and U32 are vectors
 // of LANES times 16 bytes, and functions "in lanes" work on each 16 bytes by themselves. lanes_to_memory moves the
 // quarters of a vector from the order that packing leaves to that of memory, and from that to the one that unpacking
-// wants.
+// wants. pack_in_lanes<S> takes bits S to S + 15 of words that have none above; rgb_to_16_above leaves pixels for it.
+// NARROWER is the set that does what is too narrow for these vectors.
 //
 // All of it is in unnamed namespaces, and nothing of the standard library is used: a function that the linker could
 // share between files might come from the file of an instruction set that the processor does not have.
@@ -25,23 +26,34 @@ template <typename V> void store(void *p, V v)
     __builtin_memcpy(p, &v, sizeof v);
 }
 
-template <typename Pixel> constexpr ptrdiff_t PER_VECTOR = LANES * 16 / static_cast<ptrdiff_t>(sizeof(Pixel));
-
-// A step of a row: `N` pixels from src to dst.
-template <typename Src, typename Dst> using Step = void (*)(const Src *, Dst *);
-
-// The last pixels of a row, through a buffer of a whole step.
-template <typename Src, typename Dst, ptrdiff_t N, Step<Src, Dst> step, ptrdiff_t COPIES = 1>
-void row_rest(const Src *src, Dst *dst, ptrdiff_t n)
+inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
 {
-    Src from[N];
-    Dst to[N * COPIES];
-    __builtin_memcpy(from, src, static_cast<size_t>(n) * sizeof(Src));
-    step(from, to);
-    __builtin_memcpy(dst, to, static_cast<size_t>(n * COPIES) * sizeof(Dst));
+    return pack_in_lanes<RGB_TO_16_SHIFT>(rgb_to_16_above(a), rgb_to_16_above(b));
 }
 
-template <typename Src, typename Dst, ptrdiff_t N, Step<Src, Dst> step>
+template <typename Pixel> constexpr ptrdiff_t PER_VECTOR = LANES * 16 / static_cast<ptrdiff_t>(sizeof(Pixel));
+
+// N pixels of a row from src to dst. Written into each loop: two of them are done at a time.
+template <typename Src, typename Dst> using Step = void (*)(const Src *, Dst *);
+
+// A row of at least N pixels. Where they are no whole steps, the last step begins earlier and does some pixels again.
+template <auto step, ptrdiff_t N, ptrdiff_t COPIES, typename Src, typename Dst>
+void convert_row(const Src *src, Dst *dst, ptrdiff_t n)
+{
+    ptrdiff_t i = 0;
+    for (; i + 2 * N <= n; i += 2 * N) {
+        step(src + i, dst + COPIES * i);
+        step(src + i + N, dst + COPIES * (i + N));
+    }
+    if (i + N <= n) {
+        step(src + i, dst + COPIES * i);
+        i += N;
+    }
+    if (i < n)
+        step(src + n - N, dst + COPIES * (n - N));
+}
+
+template <typename Src, typename Dst, Kernel<Src, Dst> Kernels::*own, ptrdiff_t N, Step<Src, Dst> step>
 void convert(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
     ptrdiff_t width = w;
@@ -49,13 +61,12 @@ void convert(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch,
         width *= h;
         h = 1;
     }
-    for (; h > 0; h--, src += src_pitch, dst += dst_pitch) {
-        ptrdiff_t i = 0;
-        for (; i + N <= width; i += N)
-            step(src + i, dst + i);
-        if (i < width)
-            row_rest<Src, Dst, N, step>(src + i, dst + i, width - i);
+    if (width < N) {
+        (NARROWER.*own)(src, src_pitch, dst, dst_pitch, w, h);
+        return;
     }
+    for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
+        convert_row<step, N, 1>(src, dst, width);
 }
 
 } // namespace

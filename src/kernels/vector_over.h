@@ -49,15 +49,8 @@ inline void over_rest(const uint32_t *src, uint32_t *dst, ptrdiff_t n)
     constexpr ptrdiff_t N = PER_VECTOR<uint32_t>;
     for (; n >= N; n -= N, src += N, dst += N)
         store(dst, over(load<U32>(src), load<U32>(dst)));
-    if (n == 0)
-        return;
-    const size_t size = static_cast<size_t>(n) * sizeof *dst;
-    U32 from = {};
-    U32 to = {};
-    __builtin_memcpy(&from, src, size);
-    __builtin_memcpy(&to, dst, size);
-    to = over(from, to);
-    __builtin_memcpy(dst, &to, size);
+    if (n > 0)
+        NARROWER.over(src, n, dst, n, static_cast<int32_t>(n), 1);
 }
 
 void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)

@@ -43,28 +43,28 @@ struct Load32 {
     using Src = uint32_t;
     using Dst = uint32_t;
     using V = U32;
+    static constexpr auto kernel = &Kernels::turn_32;
     static constexpr int32_t ROWS = 4;
     static V row(const uint8_t *p, ptrdiff_t step) { return load_lanes<U32>(p, step); }
-    static uint32_t pixel(uint32_t p) { return p; }
 };
 struct Load16 {
     using Src = uint16_t;
     using Dst = uint16_t;
     using V = U16;
+    static constexpr auto kernel = &Kernels::turn_16;
     static constexpr int32_t ROWS = 8;
     static V row(const uint8_t *p, ptrdiff_t step) { return load_lanes<U16>(p, step); }
-    static uint16_t pixel(uint16_t p) { return p; }
 };
 struct LoadRgb {
     using Src = uint32_t;
     using Dst = uint16_t;
     using V = U16;
+    static constexpr auto kernel = &Kernels::turn_rgb_to_16;
     static constexpr int32_t ROWS = 8;
     static V row(const uint8_t *p, ptrdiff_t step)
     {
         return rgb_to_16_in_lanes(load_lanes<U32>(p, step), load_lanes<U32>(p + 16, step));
     }
-    static uint16_t pixel(uint32_t p) { return static_cast<uint16_t>(pixel_rgb_to_16(p)); }
 };
 
 // ROWS columns of ROWS x LANES source rows; `src` is at the lowest of them.
@@ -81,45 +81,35 @@ void turn_block(const typename Load::Src *src, ptrdiff_t src_pitch, typename Loa
         store(dst, v[i]);
 }
 
-// Pixel by pixel: `w` columns of `h` rows; `src` is at the lowest of them.
-template <typename Load>
-void turn_pixels(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch,
-                 int32_t w, int32_t h)
-{
-    for (int32_t i = 0; i < w; i++, src++, dst += dst_pitch) {
-        const typename Load::Src *from = src;
-        for (int32_t j = 0; j < h; j++, from -= src_pitch)
-            dst[j] = Load::pixel(*from);
-    }
-}
-
+// `src` is at the lowest row of the band. What is no whole block is left to the narrower kernels.
 template <typename Load>
 void turn_band(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch,
                int32_t w, int32_t h)
 {
     constexpr int32_t COLUMNS = Load::ROWS;
     constexpr int32_t HEIGHT = Load::ROWS * LANES;
-    const int32_t whole = h - h % HEIGHT;
-    int32_t i = 0;
-    for (; i + COLUMNS <= w; i += COLUMNS) {
-        for (int32_t j = 0; j < whole; j += HEIGHT)
+    const int32_t whole_w = w - w % COLUMNS;
+    const int32_t whole_h = h - h % HEIGHT;
+    for (int32_t i = 0; i < whole_w; i += COLUMNS) {
+        for (int32_t j = 0; j < whole_h; j += HEIGHT)
             turn_block<Load>(src + i - j * src_pitch, src_pitch, dst + i * dst_pitch + j, dst_pitch);
-        if (whole < h)
-            turn_pixels<Load>(src + i - whole * src_pitch, src_pitch, dst + i * dst_pitch + whole, dst_pitch, COLUMNS,
-                              h - whole);
     }
-    turn_pixels<Load>(src + i, src_pitch, dst + i * dst_pitch, dst_pitch, w - i, h);
+    const auto *top = src - (h - 1) * src_pitch;
+    if (whole_h < h && whole_w > 0)
+        (NARROWER.*Load::kernel)(top, src_pitch, dst + whole_h, dst_pitch, whole_w, h - whole_h);
+    if (whole_w < w)
+        (NARROWER.*Load::kernel)(top + whole_w, src_pitch, dst + whole_w * dst_pitch, dst_pitch, w - whole_w, h);
 }
 
 template <typename Load>
 void turn(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch, int32_t w,
           int32_t h)
 {
-    const auto *bottom = src + src_pitch * (h - 1);
     if (dst_pitch < h) { // the rows overlap: only their order tells what is seen
-        turn_pixels<Load>(bottom, src_pitch, dst, dst_pitch, w, h);
+        (kernels_plain.*Load::kernel)(src, src_pitch, dst, dst_pitch, w, h);
         return;
     }
+    const auto *bottom = src + src_pitch * (h - 1);
     for (int32_t j = 0; j < h; j += BAND)
         turn_band<Load>(bottom - j * src_pitch, src_pitch, dst + j, dst_pitch, w, h - j < BAND ? h - j : BAND);
 }
