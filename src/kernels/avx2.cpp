@@ -2,4 +2,11 @@
 #include "lanes_avx2.h"
 #include "vector_table.h"
 
-constinit const Kernels kernels_avx2 = vector_kernels("avx2");
+#include "pick_avx2.h"
+
+constinit const Kernels kernels_avx2 = [] {
+    Kernels table = vector_kernels("avx2");
+    table.pick_16 = PICK_WIDE_16;
+    table.pick_32 = PICK_WIDE_32;
+    return table;
+}();

@@ -18,8 +18,23 @@ using Kernel = void (*)(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t
 template <typename Pixel> using FillKernel = void (*)(Pixel *row, Pixel value, int32_t n);
 using DimKernel = void (*)(uint32_t *row, uint32_t strength, int32_t n);
 
-// dst pixel i = src pixel columns[i]; the columns of n pixels, n at least 1, never go back. Both need no alignment.
-using PickKernel = void (*)(const uint8_t *src, uint8_t *dst, const int32_t *columns, int32_t n);
+// Where the pixels of a scaled row come from, for many rows: dst pixel i is src pixel columns[i].
+constexpr int32_t PICK_MOST = 2048;
+struct PickPlan {
+    int32_t n;                  // pixels, 1 to PICK_MOST
+    int32_t columns[PICK_MOST]; // begin with 0 and never go back
+    // The rest is pick_plan_finish's. Every full eight pixels come from a window of 8 or 16 in the source, which begins
+    // at starts[i / 8] and lies within the row; bytes[i] holds the places of the pixel's two bytes in a window of 16
+    // bits.
+    int32_t window; // 0: pixels come from further apart, or the row is too short
+    int32_t starts[PICK_MOST / 8];
+    uint16_t bytes[PICK_MOST];
+};
+void pick_plan_finish(PickPlan *plan);
+
+// Reads nothing outside columns[0] to columns[n - 1], but between them perhaps everything. Neither side needs
+// alignment.
+using PickKernel = void (*)(const uint8_t *src, uint8_t *dst, const PickPlan *plan);
 
 // "rgb" and "argb" are 32-bit words, "16" is 5-6-5, "18" is 6-6-6 in a word; pixel.h has the formulas.
 struct Kernels {

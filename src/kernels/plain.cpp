@@ -74,11 +74,11 @@ void turn(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, in
     }
 }
 
-template <typename Pixel> void pick(const uint8_t *src, uint8_t *dst, const int32_t *columns, int32_t n)
+template <typename Pixel> void pick(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
 {
-    for (int32_t i = 0; i < n; i++)
-        memcpy(dst + i * sizeof(Pixel), src + static_cast<ptrdiff_t>(columns[i]) * ptrdiff_t{sizeof(Pixel)},
-               sizeof(Pixel));
+    constexpr ptrdiff_t size = sizeof(Pixel);
+    for (int32_t i = 0; i < plan->n; i++)
+        memcpy(dst + i * size, src + plan->columns[i] * size, sizeof(Pixel));
 }
 
 } // namespace

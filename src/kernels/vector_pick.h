@@ -6,11 +6,17 @@
 
 namespace {
 
-template <typename Pixel> void pick(const uint8_t *src, uint8_t *dst, const int32_t *columns, int32_t n)
+// From pixel i on.
+template <typename Pixel> void pick_pixels(const uint8_t *src, uint8_t *dst, const PickPlan *plan, int32_t i)
 {
-    for (int32_t i = 0; i < n; i++)
-        store(dst + i * static_cast<ptrdiff_t>(sizeof(Pixel)),
-              load<Pixel>(src + columns[i] * static_cast<ptrdiff_t>(sizeof(Pixel))));
+    constexpr ptrdiff_t size = sizeof(Pixel);
+    for (; i < plan->n; i++)
+        store(dst + i * size, load<Pixel>(src + plan->columns[i] * size));
+}
+
+template <typename Pixel> void pick(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
+{
+    pick_pixels<Pixel>(src, dst, plan, 0);
 }
 
 } // namespace
