@@ -62,7 +62,7 @@ void convert(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch,
         h = 1;
     }
     if (width < N) {
-        (NARROWER.*own)(src, src_pitch, dst, dst_pitch, w, h);
+        (NARROWER.*own)(src, src_pitch, dst, dst_pitch, static_cast<int32_t>(width), h);
         return;
     }
     for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
