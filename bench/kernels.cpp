@@ -46,7 +46,7 @@ using Work = void (*)(Field &);
 
 struct Case {
     const char *name;
-    int src_size, dst_size;        // bytes per pixel
+    int src_size, dst_size;        // bytes per pixel; 0: nothing is read there
     int dst_passes;                // 1: written; 2: read as well
     pixman_format_code_t from, to; // 0: pixman has none
     pixman_op_t op;
@@ -68,6 +68,22 @@ void refresh(Field &f)
     const Rect whole{0, 0, f.src.w, f.src.h};
     region_reset(&f.surface.dirty_region, &whole);
     scale_refresh(&f.surface);
+}
+
+template <typename Pixel> void fill(Field &f)
+{
+    for (int y = 0; y < f.dst.h; y++) {
+        if constexpr (sizeof(Pixel) == 4)
+            kernels->fill_32(reinterpret_cast<uint32_t *>(f.dst.pixels + y * f.dst.stride), 0xFF123456, f.dst.w);
+        else
+            kernels->fill_16(reinterpret_cast<uint16_t *>(f.dst.pixels + y * f.dst.stride), 0x1234, f.dst.w);
+    }
+}
+
+void dim(Field &f)
+{
+    for (int y = 0; y < f.dst.h; y++)
+        kernels->dim(reinterpret_cast<uint32_t *>(f.dst.pixels + y * f.dst.stride), 0x80, f.dst.w);
 }
 
 // ---- libyuv ----
@@ -135,6 +151,9 @@ const Case CASES[] = {
     {"rgb_to_32_alpha4", 4, 4, 1, NONE, NONE, SRC, run<render_rgb_to_32_alpha4>, nullptr, RANDOM, false, 1},
     {"16_to_16_x2", 2, 2, 1, R16, R16, SRC, run<render_16_to_16_x2>, nullptr, RANDOM, false, 2},
     {"rgb_to_16_x2", 4, 2, 1, X32, R16, SRC, run<render_rgb_to_16_x2>, nullptr, RANDOM, false, 2},
+    {"fill_16", 0, 2, 1, NONE, NONE, SRC, fill<uint16_t>, nullptr, RANDOM, false, 1},
+    {"fill_32", 0, 4, 1, NONE, NONE, SRC, fill<uint32_t>, nullptr, RANDOM, false, 1},
+    {"dim", 0, 4, 2, NONE, NONE, SRC, dim, nullptr, RANDOM, false, 1},
     {"refresh_32_x2", 4, 4, 1, X32, X32, SRC, refresh, yuv_scale, RANDOM, false, 2},
     {"refresh_32_x1.6", 4, 4, 1, X32, X32, SRC, refresh, yuv_scale, RANDOM, false, 1.6},
     {"refresh_32_x0.5", 4, 4, 1, X32, X32, SRC, refresh, yuv_scale, RANDOM, false, 0.5},

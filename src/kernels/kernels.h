@@ -14,7 +14,8 @@
 template <typename Src, typename Dst>
 using Kernel = void (*)(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h);
 
-// A row in place: n pixels, n at least 1.
+// A row in place: n pixels, n at least 0. Dimming makes each colour byte p x strength / 256, strength at most 255, and
+// the top byte 0.
 template <typename Pixel> using FillKernel = void (*)(Pixel *row, Pixel value, int32_t n);
 using DimKernel = void (*)(uint32_t *row, uint32_t strength, int32_t n);
 
@@ -57,6 +58,9 @@ struct Kernels {
     Kernel<uint16_t, uint16_t> turn_16;
     Kernel<uint32_t, uint32_t> turn_32;
     Kernel<uint32_t, uint16_t> turn_rgb_to_16;
+    FillKernel<uint16_t> fill_16;
+    FillKernel<uint32_t> fill_32;
+    DimKernel dim;
     PickKernel pick_16;
     PickKernel pick_32;
 };

@@ -74,6 +74,20 @@ void turn(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, in
     }
 }
 
+template <typename Pixel> void fill(Pixel *row, Pixel value, int32_t n)
+{
+    for (int32_t i = 0; i < n; i++)
+        row[i] = value;
+}
+
+void dim(uint32_t *row, uint32_t strength, int32_t n)
+{
+    for (int32_t i = 0; i < n; i++) {
+        const uint32_t p = row[i];
+        row[i] = ((p & 0x00FF00FF) * strength >> 8 & 0x00FF00FF) | ((p & 0x0000FF00) * strength >> 8 & 0x0000FF00);
+    }
+}
+
 template <typename Pixel> void pick(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
 {
     constexpr ptrdiff_t size = sizeof(Pixel);
@@ -100,6 +114,9 @@ constinit const Kernels kernels_plain = {
     .turn_16 = turn<uint16_t, uint16_t, pixel_same>,
     .turn_32 = turn<uint32_t, uint32_t, pixel_same>,
     .turn_rgb_to_16 = turn<uint32_t, uint16_t, pixel_rgb_to_16>,
+    .fill_16 = fill<uint16_t>,
+    .fill_32 = fill<uint32_t>,
+    .dim = dim,
     .pick_16 = pick<uint16_t>,
     .pick_32 = pick<uint32_t>,
 };

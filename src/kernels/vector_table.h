@@ -4,6 +4,7 @@
 
 #include "vector_over.h"
 #include "vector_pick.h"
+#include "vector_plane.h"
 #include "vector_rows.h"
 #include "vector_turn.h"
 
@@ -30,6 +31,9 @@ constexpr Kernels vector_kernels(const char *name)
         .turn_16 = turn<Load16>,
         .turn_32 = turn<Load32>,
         .turn_rgb_to_16 = turn<LoadRgb>,
+        .fill_16 = fill<uint16_t, U16, &Kernels::fill_16>,
+        .fill_32 = fill<uint32_t, U32, &Kernels::fill_32>,
+        .dim = dim,
         .pick_16 = pick<uint16_t>,
         .pick_32 = pick<uint32_t>,
     };

@@ -139,6 +139,55 @@ TEST(KernelTurn, TheLaterOfOverlappingRowsStays)
     });
 }
 
+// ---- colour planes ----
+
+template <typename Pixel> void check_fill(const Kernels *set, FillKernel<Pixel> fill, Random &random)
+{
+    for (size_t n = 0; n < 200; n++) {
+        const GuardedBuffer row(n * sizeof(Pixel), SIDES[n % 2], (n / 2 % 4) * sizeof(Pixel));
+        const auto value = static_cast<Pixel>(random());
+        std::ranges::fill(row.all(), uint8_t{0xC3});
+        std::vector<uint8_t> expected(row.all().begin(), row.all().end());
+        for (size_t i = 0; i < n; i++)
+            memcpy(expected.data() + (row.data() - row.all().data()) + i * sizeof(Pixel), &value, sizeof value);
+        fill(reinterpret_cast<Pixel *>(row.data()), value, static_cast<int32_t>(n));
+        ASSERT_TRUE(std::ranges::equal(expected, row.all())) << set->name << " " << n;
+    }
+}
+
+TEST(KernelPlane, FillsARow)
+{
+    Random random(6);
+    for (const Kernels *set : all_kernel_sets()) {
+        check_fill<uint16_t>(set, set->fill_16, random);
+        check_fill<uint32_t>(set, set->fill_32, random);
+    }
+}
+
+uint32_t dimmed(uint32_t p, uint32_t strength)
+{
+    const auto part = [&](uint32_t unit) { return p / unit % 256 * strength / 256 * unit; };
+    return part(65536) + part(256) + part(1);
+}
+
+TEST(KernelPlane, DimsByEveryStrength)
+{
+    Random random(7);
+    for (const Kernels *set : all_kernel_sets()) {
+        for (uint32_t strength = 0; strength < 256; strength++) {
+            const size_t n = 1 + strength % 77;
+            const GuardedBuffer row(n * 4, SIDES[strength % 2]);
+            std::vector<uint32_t> expected;
+            for (size_t i = 0; i < n; i++) {
+                words_of(row)[i] = i == 0 ? 0xFFFFFFFF : static_cast<uint32_t>(random());
+                expected.push_back(dimmed(words_of(row)[i], strength));
+            }
+            set->dim(words_of(row), strength, static_cast<int32_t>(n));
+            ASSERT_TRUE(std::equal(expected.begin(), expected.end(), words_of(row))) << set->name << " " << strength;
+        }
+    }
+}
+
 // ---- scaled rows ----
 
 // Columns that go on by about `step` 65536ths of a pixel each.
