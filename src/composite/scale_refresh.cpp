@@ -98,21 +98,17 @@ struct Strip {
     PickPlan plan;
 };
 
-// The source pixel of column x, counted from that of column 0: as often as advance() steps in x times.
-template <typename Pixel> int64_t column_of(int64_t x, int64_t fraction, int64_t step)
-{
-    return std::max<int64_t>(0, (fraction + x * step - (STEP_ABOVE<Pixel> - 0xFFFF)) >> 16);
-}
-
+// Column x comes from the source pixel at place >> 16 with place = fraction + x x step, counted from that of column 0:
+// as often as advance() steps in x times.
 template <typename Pixel> void strip_fill(Strip *strip, int32_t x, const RowWalk &row)
 {
+    int64_t place = row.fraction + x * row.step - (STEP_ABOVE<Pixel> - 0xFFFF);
     strip->x = x;
-    strip->first = column_of<Pixel>(x, row.fraction, row.step);
+    strip->first = std::max<int64_t>(0, place) >> 16;
     strip->plan.n = std::min(PICK_MOST, row.n - x);
-    for (int32_t i = 0; i < strip->plan.n; i++)
-        strip->plan.columns[i] =
-            static_cast<int32_t>(column_of<Pixel>(x + int64_t{i}, row.fraction, row.step) - strip->first);
-    pick_plan_finish(&strip->plan);
+    for (int32_t i = 0; i < strip->plan.n; i++, place += row.step)
+        strip->plan.columns[i] = static_cast<int32_t>((std::max<int64_t>(0, place) >> 16) - strip->first);
+    pick_plan_finish(&strip->plan, sizeof(Pixel));
 }
 
 // Rows y1 to y2 of a strip. `row` comes with what all rows share.

@@ -24,14 +24,17 @@ constexpr int32_t PICK_MOST = 2048;
 struct PickPlan {
     int32_t n;                  // pixels, 1 to PICK_MOST
     int32_t columns[PICK_MOST]; // begin with 0 and never go back
-    // The rest is pick_plan_finish's. Every full eight pixels come from a window of 8 or 16 in the source, which begins
-    // at starts[i / 8] and lies within the row; bytes[i] holds the places of the pixel's two bytes in a window of 16
-    // bits.
-    int32_t window; // 0: pixels come from further apart, or the row is too short
-    int32_t starts[PICK_MOST / 8];
-    uint16_t bytes[PICK_MOST];
+    // The rest is pick_plan_finish's. The pixels of each full group come out of a window of eight in the source, which
+    // begins at starts[i / group] and lies within the row.
+    int32_t group; // 8 or 4 pixels; 0: even four come from further apart, or the row is too short
+    int32_t starts[PICK_MOST / 4];
+    union {
+        uint32_t words[PICK_MOST]; // of 32-bit pixels, the place in the window
+        uint16_t bytes[PICK_MOST]; // of 16-bit pixels, the places of both bytes
+    };
 };
-void pick_plan_finish(PickPlan *plan);
+// For pixels of 2 or 4 bytes.
+void pick_plan_finish(PickPlan *plan, int32_t pixel_size);
 
 // Reads nothing outside columns[0] to columns[n - 1], but between them perhaps everything. Neither side needs
 // alignment.
