@@ -3,6 +3,7 @@
 #include "composite.h"
 
 #include "../base/output.h"
+#include "../kernels/kernels.h"
 #include "extent.h"
 
 namespace {
@@ -26,22 +27,14 @@ template <typename Pixel, typename Paint> void for_each_row(xc_image *work, cons
     }
 }
 
-template <typename Pixel> void fill(xc_image *work, const Region *region, Pixel value)
+template <typename Pixel> void fill(xc_image *work, const Region *region, Pixel value, FillKernel<Pixel> kernel)
 {
-    for_each_row<Pixel>(work, region, [value](Pixel *row, int32_t n) {
-        for (int32_t i = 0; i < n; i++)
-            row[i] = value;
-    });
+    for_each_row<Pixel>(work, region, [=](Pixel *row, int32_t n) { kernel(row, value, n); });
 }
 
 void dim(xc_image *work, const Region *region, uint32_t strength)
 {
-    for_each_row<uint32_t>(work, region, [strength](uint32_t *row, int32_t n) {
-        for (int32_t i = 0; i < n; i++) {
-            const uint32_t p = row[i];
-            row[i] = ((p & 0x00FF00FF) * strength >> 8 & 0x00FF00FF) | ((p & 0x0000FF00) * strength >> 8 & 0x0000FF00);
-        }
-    });
+    for_each_row<uint32_t>(work, region, [strength](uint32_t *row, int32_t n) { kernels->dim(row, strength, n); });
 }
 
 uint16_t to_565(uint32_t c)
@@ -54,7 +47,7 @@ void paint_16(xc_image *work, const Region *region, uint32_t c)
     if ((c & COLORS) == COLORS) // a veil: nothing to see on 16 bits
         return;
     if (c >> 24 == OPAQUE)
-        fill<uint16_t>(work, region, to_565(c));
+        fill(work, region, to_565(c), kernels->fill_16);
     else
         out_puts("unsupported color plane");
 }
@@ -64,7 +57,7 @@ void paint_32(xc_image *work, const Region *region, uint32_t c)
     if ((c & COLORS) == COLORS)
         dim(work, region, c >> 24);
     else if (c >> 24 == OPAQUE)
-        fill<uint32_t>(work, region, c);
+        fill(work, region, c, kernels->fill_32);
     else
         out_puts("unsupported color plane");
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "../kernels/kernels.h"
 #include "extent.h"
 
 namespace {
@@ -62,14 +63,15 @@ template <typename Pixel> void copy_pixel(const RowWalk &row, int64_t src_at, in
     memcpy(row.dst + dst_at, row.src + src_at, sizeof(Pixel)); // a client's stride need not keep rows aligned
 }
 
-template <typename Pixel, bool Checked> void walk_row(const RowWalk &row)
+// Pixel by pixel, those that exist.
+template <typename Pixel> void walk_row(const RowWalk &row)
 {
     constexpr int64_t size = sizeof(Pixel);
     int64_t src_at = row.src_at;
     int64_t dst_at = row.dst_at;
     int64_t fraction = row.fraction;
     for (int32_t i = 0; i < row.n; i++, dst_at += size) {
-        if (!Checked || (row.src_grid.holds(src_at, src_at) && row.dst_grid.holds(dst_at, dst_at)))
+        if (row.src_grid.holds(src_at, src_at) && row.dst_grid.holds(dst_at, dst_at))
             copy_pixel<Pixel>(row, src_at, dst_at);
         src_at += advance<Pixel>(fraction, row.step) * size;
     }
@@ -79,6 +81,62 @@ template <typename Pixel, bool Checked> void walk_row(const RowWalk &row)
 template <typename Pixel> int64_t last_source(const RowWalk &row)
 {
     return row.src_at + (((row.fraction + row.step * row.n) >> 16) + 1) * static_cast<int64_t>(sizeof(Pixel));
+}
+
+// Whether all pixels of a row exist, so that it can be done at once. (A mapping that runs backwards is left to the
+// walk.)
+template <typename Pixel> bool is_whole(const RowWalk &row)
+{
+    return row.step >= 0 && row.src_grid.holds(row.src_at, last_source<Pixel>(row)) &&
+           row.dst_grid.holds(row.dst_at, row.dst_at + (row.n - 1) * row.dst_grid.size);
+}
+
+// The columns of the source are the same in all rows: they are worked out once for a strip of the destination.
+struct Strip {
+    int32_t x;     // of the rectangle's columns, the first
+    int64_t first; // source pixels from the start of the row to there
+    PickPlan plan;
+};
+
+// Column x comes from the source pixel at place >> 16 with place = fraction + x x step, counted from that of column 0:
+// as often as advance() steps in x times.
+template <typename Pixel> void strip_fill(Strip *strip, int32_t x, const RowWalk &row)
+{
+    int64_t place = row.fraction + x * row.step - (STEP_ABOVE<Pixel> - 0xFFFF);
+    strip->x = x;
+    strip->first = std::max<int64_t>(0, place) >> 16;
+    strip->plan.n = std::min(PICK_MOST, row.n - x);
+    for (int32_t i = 0; i < strip->plan.n; i++, place += row.step)
+        strip->plan.columns[i] = static_cast<int32_t>((std::max<int64_t>(0, place) >> 16) - strip->first);
+    pick_plan_finish(&strip->plan, sizeof(Pixel));
+}
+
+// Rows y1 to y2 of a strip. `row` comes with what all rows share.
+template <typename Pixel>
+void refresh_strip(const ScaleState &s, RowWalk row, const Strip &strip, const Rect &to, int64_t start)
+{
+    constexpr int64_t size = sizeof(Pixel);
+    const PickKernel pick = size == 4 ? kernels->pick_32 : kernels->pick_16;
+    const uint8_t *done = nullptr; // the destination row above, when it was done at once
+    int64_t done_src_row = 0;
+    for (int64_t y = to.y1; y < to.y2; y++) {
+        const int64_t src_row = (y * s.y_step + s.src_y_origin) >> 16;
+        row.src_at = row.src_grid.offset(start >> 16, src_row);
+        row.dst_at = row.dst_grid.offset(to.x1, y);
+        if (!is_whole<Pixel>(row)) {
+            done = nullptr;
+            if (strip.x == 0) // all of it at the first strip
+                walk_row<Pixel>(row);
+            continue;
+        }
+        uint8_t *dst = row.dst + row.dst_at + strip.x * size;
+        if (done != nullptr && done_src_row == src_row)
+            memcpy(dst, done, static_cast<size_t>(strip.plan.n * size));
+        else
+            pick(row.src + row.src_at + strip.first * size, dst, &strip.plan);
+        done = dst;
+        done_src_row = src_row;
+    }
 }
 
 template <typename Pixel> void refresh_rectangle(const ImageSurface *surface, const Rect &to)
@@ -95,15 +153,10 @@ template <typename Pixel> void refresh_rectangle(const ImageSurface *surface, co
                 to.x2 - to.x1};
     const int64_t start = static_cast<int64_t>(to.x1) * s.x_step + s.src_x_origin;
     row.fraction = start & 0xFFFF;
-    for (int64_t y = to.y1; y < to.y2; y++) {
-        row.src_at = row.src_grid.offset(start >> 16, (y * s.y_step + s.src_y_origin) >> 16);
-        row.dst_at = row.dst_grid.offset(to.x1, y);
-        const int64_t dst_last = row.dst_at + (row.n - 1) * row.dst_grid.size;
-        if (s.x_step >= 0 && row.src_grid.holds(row.src_at, last_source<Pixel>(row)) &&
-            row.dst_grid.holds(row.dst_at, dst_last))
-            walk_row<Pixel, false>(row);
-        else
-            walk_row<Pixel, true>(row);
+    Strip strip;
+    for (int32_t x = 0; x < row.n; x += strip.plan.n) {
+        strip_fill<Pixel>(&strip, x, row);
+        refresh_strip<Pixel>(s, row, strip, to, start);
     }
 }
 

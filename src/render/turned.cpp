@@ -3,7 +3,6 @@
 #include "render.h"
 
 #include "../base/output.h"
-#include "pixel.h"
 #include "walk.h"
 
 // 90 degrees.
@@ -32,19 +31,18 @@ int32_t render_rgb_to_16_90_announce(const FbServer *, const void *src, void *, 
 
 RENDER_CONVERTER(render_rgb_to_16_90_quiet)
 {
-    return walk_columns<uint32_t, uint16_t, pixel_rgb_to_16>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
+    return walk_turned<uint32_t, uint16_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride},
+                                           kernels->turn_rgb_to_16);
 }
 
 RENDER_CONVERTER(render_16_to_16_90)
 {
-    return walk_columns<uint16_t, uint16_t, pixel_same<uint16_t>>(
-        {fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
+    return walk_turned<uint16_t, uint16_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride}, kernels->turn_16);
 }
 
 RENDER_CONVERTER(render_32_to_32_90)
 {
-    return walk_columns<uint32_t, uint32_t, pixel_same<uint32_t>>(
-        {fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
+    return walk_turned<uint32_t, uint32_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride}, kernels->turn_32);
 }
 
 // The library's function of this name leaves the turning to the present that follows (xc.h).
@@ -58,19 +56,17 @@ RENDER_CONVERTER(render_rgb_to_18_90)
 
 RENDER_CONVERTER(render_rgb_to_16_270)
 {
-    return walk_pixels<uint32_t, uint16_t, pixel_rgb_to_16>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
+    return walk<uint32_t, uint16_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride}, kernels->rgb_to_16);
 }
 
 RENDER_CONVERTER(render_16_to_16_270)
 {
-    return walk_pixels<uint16_t, uint16_t, pixel_same<uint16_t>>(
-        {fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
+    return walk_copy<uint16_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }
 
 RENDER_CONVERTER(render_32_to_32_270)
 {
-    return walk_pixels<uint32_t, uint32_t, pixel_same<uint32_t>>(
-        {fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
+    return walk_copy<uint32_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }
 
 // Handed on with the turn in the name; the library keeps it where it stands (xc.h).

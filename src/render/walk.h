@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "../composite/records.h"
+#include "../kernels/kernels.h"
 
 // The arguments of a converter (render.h), as they came.
 struct Call {
@@ -45,37 +46,33 @@ template <typename Pixel> Pixel *destination_start(const Call &call)
     return static_cast<Pixel *>(call.dst) + pitch_of<Pixel>(call.dstride) * call.dy + call.dx;
 }
 
-// Row functions for walk_rows, as those of libxc: n pixels, n at least 1.
-template <typename Src, typename Dst, Dst pixel(Src)>
-void convert_row(const Src *__restrict src, Dst *__restrict dst, int32_t n)
-{
-    for (int32_t i = 0; i < n; i++)
-        dst[i] = pixel(src[i]);
-}
-template <typename Pixel> void copy_row(const Pixel *src, Pixel *dst, int32_t n)
-{
-    memcpy(dst, src, static_cast<size_t>(n) * sizeof(Pixel));
-}
-
-// Row by row, unturned.
-template <typename Src, typename Dst, void row(const Src *, Dst *, int32_t)> int32_t walk_rows(const Call &call)
+// A kernel over the rectangle where it stands.
+template <typename Src, typename Dst> int32_t walk(const Call &call, Kernel<Src, Dst> kernel)
 {
     if (call_is_empty(call))
         return 0;
-    const Src *src = source_start<Src>(call);
-    Dst *dst = destination_start<Dst>(call);
-    for (int32_t left = call.h; left > 0; left--) {
-        row(src, dst, call.w);
-        src += pitch_of<Src>(call.sstride);
-        dst += pitch_of<Dst>(call.dstride);
-    }
+    kernel(source_start<Src>(call), pitch_of<Src>(call.sstride), destination_start<Dst>(call),
+           pitch_of<Dst>(call.dstride), call.w, call.h);
     return 0;
 }
 
-// The same over the formula of one pixel.
-template <typename Src, typename Dst, Dst pixel(Src)> int32_t walk_pixels(const Call &call)
+// Words unchanged: a copy for each row, and one for all of them where nothing lies between.
+template <typename Pixel> int32_t walk_copy(const Call &call)
 {
-    return walk_rows<Src, Dst, convert_row<Src, Dst, pixel>>(call);
+    if (call_is_empty(call))
+        return 0;
+    const ptrdiff_t src_pitch = pitch_of<Pixel>(call.sstride);
+    const ptrdiff_t dst_pitch = pitch_of<Pixel>(call.dstride);
+    const bool whole = src_pitch == call.w && dst_pitch == call.w;
+    const size_t size = sizeof(Pixel) * static_cast<size_t>(call.w) * static_cast<size_t>(whole ? call.h : 1);
+    const Pixel *src = source_start<Pixel>(call);
+    Pixel *dst = destination_start<Pixel>(call);
+    for (int32_t left = whole ? 1 : call.h; left > 0; left--) {
+        memcpy(dst, src, size);
+        src += src_pitch;
+        dst += dst_pitch;
+    }
+    return 0;
 }
 
 // The whole rectangle handed to one function of libxc, which is told how many pixels lie between its rows.
@@ -90,42 +87,27 @@ int32_t walk_rectangle(const Call &call)
 }
 
 // Onto a panel that stands a quarter turn from the screen: a source column, read from the bottom up, becomes a row of
-// the panel. Source pixel (sx + i, sy + j) lands at row dx + i, column native_w - 1 - dy - j. The panel's memory may be
-// slow and uncached, so it is the writing that goes straight ahead and the reading that jumps.
-template <typename Src, typename Dst, Dst pixel(Src)> int32_t walk_columns(const Call &call)
+// the panel. Source pixel (sx + i, sy + j) lands at row dx + i, column native_w - 1 - dy - j.
+template <typename Src, typename Dst> int32_t walk_turned(const Call &call, Kernel<Src, Dst> kernel)
 {
     if (call_is_empty(call))
         return 0;
-    const ptrdiff_t src_pitch = pitch_of<Src>(call.sstride);
     const ptrdiff_t dst_pitch = pitch_of<Dst>(call.dstride);
-    const Src *bottom = source_start<Src>(call) + src_pitch * (call.h - 1);
     const ptrdiff_t column = ptrdiff_t{call.fs->native_w} - call.dy - call.h;
-    Dst *row = static_cast<Dst *>(call.dst) + dst_pitch * call.dx + column;
-    for (int32_t i = 0; i < call.w; i++, bottom++, row += dst_pitch) {
-        const Src *src = bottom;
-        for (int32_t j = 0; j < call.h; j++, src -= src_pitch)
-            row[j] = pixel(*src);
-    }
+    kernel(source_start<Src>(call), pitch_of<Src>(call.sstride),
+           static_cast<Dst *>(call.dst) + dst_pitch * call.dx + column, dst_pitch, call.w, call.h);
     return 0;
 }
 
 // Every source pixel as a block of 2 x 2 16-bit pixels. A destination step is a pair of pixels: dx counts pairs, dy
 // double rows, and a stride that is no whole number of pairs loses the rest.
-template <typename Src, uint16_t pixel(Src)> int32_t walk_doubled(const Call &call)
+template <typename Src> int32_t walk_doubled(const Call &call, Kernel<Src, uint16_t> kernel)
 {
     if (call_is_empty(call))
         return 0;
     const ptrdiff_t dst_pitch = 2 * pitch_of<uint32_t>(call.dstride);
-    const Src *src = source_start<Src>(call);
     // In 16-bit units, because a 16-bit buffer need not lie on a 32-bit boundary.
     uint16_t *dst = static_cast<uint16_t *>(call.dst) + 2 * (dst_pitch * call.dy + call.dx);
-    for (int32_t left = call.h; left > 0; left--) {
-        for (int32_t i = 0; i < call.w; i++) {
-            const uint16_t value = pixel(src[i]);
-            dst[2 * i] = dst[2 * i + 1] = dst[dst_pitch + 2 * i] = dst[dst_pitch + 2 * i + 1] = value;
-        }
-        src += pitch_of<Src>(call.sstride);
-        dst += 2 * dst_pitch;
-    }
+    kernel(source_start<Src>(call), pitch_of<Src>(call.sstride), dst, dst_pitch, call.w, call.h);
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "../support/converter_oracle.h"
+#include "../support/kernel_sets.h"
 #include "../support/stdout_capture.h"
 
 namespace {
@@ -86,16 +87,19 @@ TEST(Pixel, DoublingCountsWordsOfTheDestination)
         EXPECT_EQ(dst[i], i == 14 || i == 15 || i == 20 || i == 21 ? one : 0) << i;
 }
 
-// A long row of pixels through a converter, compared with the rule for each.
+// A long row of pixels through a converter, in every instruction set, compared with the rule for each.
 template <typename Src, typename Dst> void expect_rule(Converter run, const std::vector<Src> &src)
 {
     const ConverterFacts &facts = converter_facts_of(run);
-    SCOPED_TRACE(facts.name);
-    std::vector<Dst> dst(src.size());
-    const auto n = static_cast<int32_t>(src.size());
-    run(nullptr, src.data(), dst.data(), 0, 0, 0, 0, n, 1, n * int32_t{sizeof(Src)}, n * int32_t{sizeof(Dst)});
-    for (size_t i = 0; i < src.size(); i++)
-        ASSERT_EQ(dst[i], facts.pixel(src[i], 0)) << "of " << std::hex << +src[i];
+    for (const Kernels *set : all_kernel_sets()) {
+        SCOPED_TRACE(std::string(facts.name) + " by " + set->name);
+        const UsedKernels used(set);
+        std::vector<Dst> dst(src.size());
+        const auto n = static_cast<int32_t>(src.size());
+        run(nullptr, src.data(), dst.data(), 0, 0, 0, 0, n, 1, n * int32_t{sizeof(Src)}, n * int32_t{sizeof(Dst)});
+        for (size_t i = 0; i < src.size(); i++)
+            ASSERT_EQ(dst[i], facts.pixel(src[i], 0)) << "of " << std::hex << +src[i];
+    }
 }
 
 TEST(Pixel, All16BitValues)

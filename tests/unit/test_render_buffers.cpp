@@ -7,12 +7,14 @@
 #include <cstring>
 #include <string>
 #include <sys/resource.h>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "../support/converter_oracle.h"
 #include "../support/guarded_buffer.h"
+#include "../support/kernel_sets.h"
 #include "../support/random_cases.h"
 #include "../support/stdout_capture.h"
 
@@ -68,13 +70,21 @@ void expect_same(std::span<const uint8_t> expected, std::span<const uint8_t> fou
         ADD_FAILURE() << what << " differs at byte " << at - expected.begin() << " of its pages";
 }
 
+void fill_randomly(std::span<uint8_t> pages, Random &random)
+{
+    for (size_t at = 0; at < pages.size(); at += sizeof(uint32_t)) {
+        const auto word = static_cast<uint32_t>(random());
+        memcpy(pages.data() + at, &word, sizeof word);
+    }
+}
+
 void check(const ConverterFacts &facts, const ConverterArguments &args, const Layout &layout, Random &random)
 {
     SCOPED_TRACE(describe(facts, args, layout));
     const GuardedBuffer src(bytes_read(facts, args), layout.side, layout.src_gap);
     const GuardedBuffer dst(bytes_written(facts, args), layout.side, layout.dst_gap);
     for (const GuardedBuffer *buffer : {&src, &dst})
-        std::generate(buffer->all().begin(), buffer->all().end(), [&] { return static_cast<uint8_t>(random()); });
+        fill_randomly(buffer->all(), random);
     const Bytes src_before(src.all().begin(), src.all().end());
     Bytes expected(dst.all().begin(), dst.all().end());
     convert_slowly(facts, args, src.data(), expected.data() + (dst.data() - dst.all().data()));
@@ -93,10 +103,21 @@ void set_strides(const ConverterFacts &facts, ConverterArguments &args, int32_t 
     args.dstride = right * step + more_dst;
 }
 
-class EveryConverter : public testing::TestWithParam<ConverterFacts> {};
+// In every instruction set.
+class EveryConverter : public testing::TestWithParam<std::tuple<ConverterFacts, const Kernels *>> {
+protected:
+    static const ConverterFacts &facts() { return std::get<0>(GetParam()); }
 
-INSTANTIATE_TEST_SUITE_P(, EveryConverter, testing::ValuesIn(converter_facts().begin(), converter_facts().end()),
-                         [](const auto &info) { return std::string(info.param.name); });
+private:
+    const UsedKernels used{std::get<1>(GetParam())};
+};
+
+INSTANTIATE_TEST_SUITE_P(, EveryConverter,
+                         testing::Combine(testing::ValuesIn(converter_facts().begin(), converter_facts().end()),
+                                          testing::ValuesIn(all_kernel_sets())),
+                         [](const auto &info) {
+                             return std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param)->name;
+                         });
 
 TEST_P(EveryConverter, AtTheStartOfMemory)
 {
@@ -104,8 +125,8 @@ TEST_P(EveryConverter, AtTheStartOfMemory)
     for (int32_t w = 0; w <= 67; w++) {
         for (int32_t h : {0, 1, 2, 5}) {
             ConverterArguments args = {h, 0, 0, 0, 0, w, h, 0, 0};
-            set_strides(GetParam(), args, 0, 0);
-            check(GetParam(), args, {GuardedBuffer::AT_START, 0, 0}, random);
+            set_strides(facts(), args, 0, 0);
+            check(facts(), args, {GuardedBuffer::AT_START, 0, 0}, random);
         }
     }
 }
@@ -116,8 +137,8 @@ TEST_P(EveryConverter, AtTheEndOfMemoryWithOddStrides)
     for (int32_t w = 0; w <= 67; w++) {
         for (int32_t h : {0, 1, 2, 5}) {
             ConverterArguments args = {h + 9, 3, 1, 5, 2, w, h, 0, 0};
-            set_strides(GetParam(), args, 1 + w % 7, 3 + w % 5);
-            check(GetParam(), args, {GuardedBuffer::AT_END, 0, 0}, random);
+            set_strides(facts(), args, 1 + w % 7, 3 + w % 5);
+            check(facts(), args, {GuardedBuffer::AT_END, 0, 0}, random);
         }
     }
 }
@@ -125,13 +146,13 @@ TEST_P(EveryConverter, AtTheEndOfMemoryWithOddStrides)
 TEST_P(EveryConverter, OnPixelBoundariesOnly)
 {
     Random random(3);
-    const auto src_size = static_cast<size_t>(GetParam().src_size);
-    const auto dst_size = static_cast<size_t>(GetParam().dst_size);
+    const auto src_size = static_cast<size_t>(facts().src_size);
+    const auto dst_size = static_cast<size_t>(facts().dst_size);
     for (size_t pixels = 0; pixels < 9; pixels++) {
         for (GuardedBuffer::Side side : {GuardedBuffer::AT_START, GuardedBuffer::AT_END}) {
             ConverterArguments args = {40, 1, 1, 2, 3, 37, 11, 0, 0};
-            set_strides(GetParam(), args, 2, 6);
-            check(GetParam(), args, {side, pixels * src_size, (8 - pixels) * dst_size}, random);
+            set_strides(facts(), args, 2, 6);
+            check(facts(), args, {side, pixels * src_size, (8 - pixels) * dst_size}, random);
         }
     }
 }
@@ -141,13 +162,13 @@ TEST_P(EveryConverter, LargeRectangles)
     Random random(4);
     for (int32_t w : {127, 128, 255, 800, 1025}) {
         ConverterArguments args = {70, 1, 0, 3, 0, w, 67, 0, 0};
-        set_strides(GetParam(), args, 5, 7);
-        check(GetParam(), args, {GuardedBuffer::AT_END, 0, 0}, random);
+        set_strides(facts(), args, 5, 7);
+        check(facts(), args, {GuardedBuffer::AT_END, 0, 0}, random);
         args.h = w;
         args.w = 67;
         args.native_w = w + 3;
-        set_strides(GetParam(), args, 5, 7);
-        check(GetParam(), args, {GuardedBuffer::AT_START, 0, 0}, random);
+        set_strides(facts(), args, 5, 7);
+        check(facts(), args, {GuardedBuffer::AT_START, 0, 0}, random);
     }
 }
 
@@ -160,10 +181,10 @@ TEST_P(EveryConverter, OfNothingWritesNothing)
     Bytes dst = before;
     for (int32_t none : {0, -1, -3, INT_MIN}) {
         for (int32_t some : {1, 2, 1000, INT_MAX}) {
-            GetParam().run(nullptr, src.data(), dst.data(), 0, 0, 0, 0, some, none, 16, 16);
-            GetParam().run(nullptr, src.data(), dst.data(), 0, 0, 0, 0, none, some, 16, 16);
+            facts().run(nullptr, src.data(), dst.data(), 0, 0, 0, 0, some, none, 16, 16);
+            facts().run(nullptr, src.data(), dst.data(), 0, 0, 0, 0, none, some, 16, 16);
         }
-        GetParam().run(nullptr, src.data(), dst.data(), INT_MAX, INT_MAX, INT_MIN, INT_MIN, none, none, -1, -1);
+        facts().run(nullptr, src.data(), dst.data(), INT_MAX, INT_MAX, INT_MIN, INT_MIN, none, none, -1, -1);
     }
     EXPECT_EQ(dst, before);
 }
@@ -175,8 +196,8 @@ TEST_P(EveryConverter, ReturnsZero)
     fs.native_w = 1;
     const uint32_t src = 0xFFFFFFFF;
     uint32_t dst[2] = {};
-    EXPECT_EQ(GetParam().run(&fs, &src, dst, 0, 0, 0, 0, 1, 1, 4, 4), 0);
-    EXPECT_EQ(GetParam().run(&fs, &src, dst, 0, 0, 0, 0, 1, 0, 4, 4), 0);
+    EXPECT_EQ(facts().run(&fs, &src, dst, 0, 0, 0, 0, 1, 1, 4, 4), 0);
+    EXPECT_EQ(facts().run(&fs, &src, dst, 0, 0, 0, 0, 1, 0, 4, 4), 0);
 }
 
 // Rows may overlap in the source (a client's stride is what it says), and a stride smaller than a pixel counts as 0.
@@ -185,9 +206,9 @@ TEST_P(EveryConverter, SourceRowsMayOverlap)
     Random random(5);
     for (int32_t sstride : {0, 1, 3, 4, 9, 40}) {
         ConverterArguments args = {20, 2, 1, 0, 0, 17, 9, 0, 0};
-        set_strides(GetParam(), args, 0, 1);
+        set_strides(facts(), args, 0, 1);
         args.sstride = sstride;
-        check(GetParam(), args, {GuardedBuffer::AT_END, 0, 0}, random);
+        check(facts(), args, {GuardedBuffer::AT_END, 0, 0}, random);
     }
 }
 
@@ -196,6 +217,9 @@ TEST(Converters, RandomRectangles)
     random_cases::run(6000, [](Random &random) {
         const auto facts = converter_facts();
         const ConverterFacts &converter = facts[static_cast<size_t>(between(random, 0, int32_t(facts.size()) - 1))];
+        const auto sets = all_kernel_sets();
+        const UsedKernels used(sets[static_cast<size_t>(between(random, 0, int32_t(sets.size()) - 1))]);
+        SCOPED_TRACE(kernels->name);
         const int32_t largest = between(random, 0, 19) == 0 ? 300 : 70;
         ConverterArguments args = {};
         args.w = between(random, 0, largest);

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include "../support/kernel_sets.h"
 #include "../support/random_cases.h"
 #include "../support/scale_test.h"
 
@@ -267,6 +268,9 @@ TEST_F(Scale, ARefreshFollowsTheMappingForRandomRectangles)
 {
     random_cases::run(300, [this](random_cases::Random &random) {
         const auto between = [&](int32_t low, int32_t high) { return random_cases::between(random, low, high); };
+        const auto sets = all_kernel_sets();
+        const UsedKernels used(sets[static_cast<size_t>(between(0, static_cast<int32_t>(sets.size()) - 1))]);
+        SCOPED_TRACE(kernels->name);
         const int32_t w = between(1, 40), h = between(1, 40);
         const int32_t format = between(0, 1) == 0 ? XRGB32 : RGB16;
         ImageSurface *scaled = add("x", {0, 0, w, h}, format);

@@ -11,6 +11,7 @@
 #include <pixman.h>
 
 #include "../support/guarded_buffer.h"
+#include "../support/kernel_sets.h"
 #include "../support/random_cases.h"
 
 namespace {
@@ -56,14 +57,17 @@ size_t first_difference(const Pixels &a, const Pixels &b, uint32_t mask)
 void expect_like_pixman(Row row, pixman_op_t op, pixman_format_code_t src_format, pixman_format_code_t dst_format,
                         uint32_t mask, const Pixels &src, const Pixels &dst)
 {
-    Pixels ours = dst;
     Pixels theirs = dst;
-    row(src.data(), ours.data(), static_cast<int32_t>(src.size()));
     pixman_compose(op, src_format, src, dst_format, theirs.data());
-    const size_t i = first_difference(ours, theirs, mask);
-    if (i < src.size()) {
-        ADD_FAILURE() << std::hex << src[i] << " over " << dst[i] << " gives " << ours[i] << ", with pixman "
-                      << theirs[i];
+    for (const Kernels *set : all_kernel_sets()) {
+        const UsedKernels used(set);
+        Pixels ours = dst;
+        row(src.data(), ours.data(), static_cast<int32_t>(src.size()));
+        const size_t i = first_difference(ours, theirs, mask);
+        if (i < src.size()) {
+            ADD_FAILURE() << std::hex << src[i] << " over " << dst[i] << " gives " << ours[i] << ", with pixman "
+                          << theirs[i] << " (" << set->name << ")";
+        }
     }
 }
 
@@ -141,12 +145,15 @@ TEST(XcConvert, To16IsPixmans)
     Pixels src(1 << 20);
     for (uint32_t i = 0; i < src.size(); i++)
         src[i] = i * 2654435761u; // spread over all bits
-    std::vector<uint16_t> ours(src.size());
     std::vector<uint16_t> theirs(src.size());
-    xc_convert_rgba_to_16(src.data(), ours.data(), 0, 0, 1 << 16, 16, 0, 0);
     pixman_compose(PIXMAN_OP_SRC, PIXMAN_x8r8g8b8, src, PIXMAN_r5g6b5, theirs.data());
-    for (size_t i = 0; i < src.size(); i++)
-        ASSERT_EQ(ours[i], theirs[i]) << std::hex << src[i];
+    for (const Kernels *set : all_kernel_sets()) {
+        const UsedKernels used(set);
+        std::vector<uint16_t> ours(src.size());
+        xc_convert_rgba_to_16(src.data(), ours.data(), 0, 0, 1 << 16, 16, 0, 0);
+        for (size_t i = 0; i < src.size(); i++)
+            ASSERT_EQ(ours[i], theirs[i]) << std::hex << src[i] << " " << set->name;
+    }
 }
 
 // Rows that end where their memory ends, and rows of no length.
@@ -170,8 +177,11 @@ TEST(XcRows, StayInsideTheirRow)
 {
     for (Row row : {xc_copy_pixels_rgba_to_rgba, xc_copy_pixels_rgb_to_rgba, xc_blend_pixels_rgba_to_rgba,
                     xc_blend_pixels_rgba_to_rgb}) {
-        for (int32_t n = 0; n < 68; n++)
-            expect_stays_inside(row, n);
+        for (const Kernels *set : all_kernel_sets()) {
+            const UsedKernels used(set);
+            for (int32_t n = 0; n < 68; n++)
+                expect_stays_inside(row, n);
+        }
         row(nullptr, nullptr, 0);
         row(nullptr, nullptr, -1);
         row(nullptr, nullptr, INT32_MIN);

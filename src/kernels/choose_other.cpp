@@ -1,0 +1,7 @@
+// SPDX-License-Identifier: MIT
+#include "kernels.h"
+
+KernelList kernels_available()
+{
+    return {{&kernels_plain}, 1};
+}

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: MIT
+// The inner loops over pixels, once for each instruction set that a machine may have, all with the same results bit for
+// bit. Which set is used is decided once, when the program starts.
+//
+// A kernel works on a rectangle of w x h pixels, both at least 1. `src` and `dst` point at its first pixel, which lies
+// on a boundary of its own size; pitches are the pixels from one row to the next. The two do not overlap. Nothing
+// outside the rectangle is read or written. Every destination row is written from left to right, and read by nothing
+// but OVER and the dimming: a destination may be a device's memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+template <typename Src, typename Dst>
+using Kernel = void (*)(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h);
+
+// A row in place: n pixels, n at least 0. Dimming makes each colour byte p x strength / 256, strength at most 255, and
+// the top byte 0.
+template <typename Pixel> using FillKernel = void (*)(Pixel *row, Pixel value, int32_t n);
+using DimKernel = void (*)(uint32_t *row, uint32_t strength, int32_t n);
+
+// Where the pixels of a scaled row come from, for many rows: dst pixel i is src pixel columns[i].
+constexpr int32_t PICK_MOST = 2048;
+struct PickPlan {
+    int32_t n;                  // pixels, 1 to PICK_MOST
+    int32_t columns[PICK_MOST]; // begin with 0 and never go back
+    // The rest is pick_plan_finish's. The pixels of each full group come out of a window of eight in the source, which
+    // begins at starts[i / group] and lies within the row.
+    int32_t group; // 8 or 4 pixels; 0: even four come from further apart, or the row is too short
+    int32_t starts[PICK_MOST / 4];
+    union {
+        uint32_t words[PICK_MOST]; // of 32-bit pixels, the place in the window
+        uint16_t bytes[PICK_MOST]; // of 16-bit pixels, the places of both bytes
+    };
+};
+// For pixels of 2 or 4 bytes.
+void pick_plan_finish(PickPlan *plan, int32_t pixel_size);
+
+// Reads nothing outside columns[0] to columns[n - 1], but between them perhaps everything. Neither side needs
+// alignment.
+using PickKernel = void (*)(const uint8_t *src, uint8_t *dst, const PickPlan *plan);
+
+// "rgb" and "argb" are 32-bit words, "16" is 5-6-5, "18" is 6-6-6 in a word; pixel.h has the formulas.
+struct Kernels {
+    const char *name;
+    Kernel<uint32_t, uint16_t> rgb_to_16;
+    Kernel<uint32_t, uint32_t> rgb_to_18;
+    Kernel<uint32_t, uint32_t> rgb_to_argb; // alpha becomes 255
+    Kernel<uint32_t, uint32_t> rgb_to_alpha4;
+    Kernel<uint32_t, uint32_t> argb_to_alpha4;
+    Kernel<uint32_t, uint32_t> over; // Porter-Duff OVER of premultiplied words, with pixman's rounding
+    Kernel<uint16_t, uint32_t> from_16_to_32;
+    Kernel<uint16_t, uint32_t> from_16_to_18;
+    Kernel<uint32_t, uint32_t> from_18_to_32;
+    Kernel<uint32_t, uint16_t> from_18_to_16;
+    // Every pixel twice in each of two rows; dst_pitch is that of single rows. Without alignment beyond 16 bits.
+    Kernel<uint16_t, uint16_t> double_16;
+    Kernel<uint32_t, uint16_t> double_rgb_to_16;
+    // A quarter turn: source pixel (i, j) lands in row i, column h - 1 - j. Where a destination pitch below h makes
+    // rows overlap, the later row counts.
+    Kernel<uint16_t, uint16_t> turn_16;
+    Kernel<uint32_t, uint32_t> turn_32;
+    Kernel<uint32_t, uint16_t> turn_rgb_to_16;
+    FillKernel<uint16_t> fill_16;
+    FillKernel<uint32_t> fill_32;
+    DimKernel dim;
+    PickKernel pick_16;
+    PickKernel pick_32;
+};
+
+// The set in use: the fastest that this processor has. Tests and benchmarks may put another one here.
+extern const Kernels *kernels;
+
+// Every set that this processor can run, the plain one first and the fastest last.
+struct KernelList {
+    const Kernels *sets[4];
+    int count;
+};
+KernelList kernels_available();
+
+// Those of them that a build has depends on the architecture; only the plain one is everywhere.
+extern const Kernels kernels_plain;
+extern const Kernels kernels_sse2;
+extern const Kernels kernels_avx2;
+extern const Kernels kernels_neon;

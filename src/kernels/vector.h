@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+// What the vector kernels share. Each instruction set has a lanes_*.h with the same names: U8, U16 and U32 are vectors
+// of LANES times 16 bytes, and functions "in lanes" work on each 16 bytes by themselves. lanes_to_memory moves the
+// quarters of a vector from the order that packing leaves to that of memory, and from that to the one that unpacking
+// wants. pack_in_lanes<S> takes bits S to S + 15 of words that have none above; rgb_to_16_above leaves pixels for it.
+// NARROWER is the set that does what is too narrow for these vectors.
+//
+// All of it is in unnamed namespaces, and nothing of the standard library is used: a function that the linker could
+// share between files might come from the file of an instruction set that the processor does not have.
+#pragma once
+
+#include "kernels.h"
+#include "pixel.h"
+
+namespace {
+
+template <typename V> V load(const void *p)
+{
+    V v;
+    __builtin_memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <typename V> void store(void *p, V v)
+{
+    __builtin_memcpy(p, &v, sizeof v);
+}
+
+inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+{
+    return pack_in_lanes<RGB_TO_16_SHIFT>(rgb_to_16_above(a), rgb_to_16_above(b));
+}
+
+template <typename Pixel> constexpr ptrdiff_t PER_VECTOR = LANES * 16 / static_cast<ptrdiff_t>(sizeof(Pixel));
+
+// N pixels of a row from src to dst. Written into each loop: two of them are done at a time.
+template <typename Src, typename Dst> using Step = void (*)(const Src *, Dst *);
+
+// A row of at least N pixels. Where they are no whole steps, the last step begins earlier and does some pixels again.
+template <auto step, ptrdiff_t N, ptrdiff_t COPIES, typename Src, typename Dst>
+void convert_row(const Src *src, Dst *dst, ptrdiff_t n)
+{
+    ptrdiff_t i = 0;
+    for (; i + 2 * N <= n; i += 2 * N) {
+        step(src + i, dst + COPIES * i);
+        step(src + i + N, dst + COPIES * (i + N));
+    }
+    if (i + N <= n) {
+        step(src + i, dst + COPIES * i);
+        i += N;
+    }
+    if (i < n)
+        step(src + n - N, dst + COPIES * (n - N));
+}
+
+template <typename Src, typename Dst, Kernel<Src, Dst> Kernels::*own, ptrdiff_t N, Step<Src, Dst> step>
+void convert(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
+{
+    ptrdiff_t width = w;
+    if (src_pitch == w && dst_pitch == w) { // one long row
+        width *= h;
+        h = 1;
+    }
+    if (width < N) {
+        (NARROWER.*own)(src, src_pitch, dst, dst_pitch, static_cast<int32_t>(width), h);
+        return;
+    }
+    for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
+        convert_row<step, N, 1>(src, dst, width);
+}
+
+} // namespace

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+// Rows of one colour, and rows that are dimmed in place.
+#pragma once
+
+#include "vector.h"
+
+namespace {
+
+template <typename Pixel, typename V, FillKernel<Pixel> Kernels::*own> void fill(Pixel *row, Pixel value, int32_t n)
+{
+    constexpr int32_t N = PER_VECTOR<Pixel>;
+    if (n < N) {
+        (NARROWER.*own)(row, value, n);
+        return;
+    }
+    const V all = V{} + value;
+    int32_t i = 0;
+    for (; i + 4 * N <= n; i += 4 * N) {
+        for (int32_t k = 0; k < 4; k++)
+            store(row + i + k * N, all);
+    }
+    for (; i + N <= n; i += N)
+        store(row + i, all);
+    store(row + n - N, all);
+}
+
+// Strength is at most 255, so that the product of a byte stays in its 16 bits.
+inline void dim(uint32_t *row, uint32_t strength, int32_t n)
+{
+    constexpr int32_t N = PER_VECTOR<uint32_t>;
+    const U16 factor = U16{} + static_cast<uint16_t>(strength);
+    int32_t i = 0;
+    for (; i + N <= n; i += N) {
+        const U32 p = load<U32>(row + i);
+        const U16 red_blue = reinterpret_cast<U16>(p & 0x00FF00FFu) * factor >> 8;
+        const U16 green = (reinterpret_cast<U16>(p) >> 8) * factor;
+        store(row + i, reinterpret_cast<U32>(red_blue) | (reinterpret_cast<U32>(green) & 0x0000FF00u));
+    }
+    if (i < n)
+        NARROWER.dim(row + i, strength, n - i);
+}
+
+} // namespace

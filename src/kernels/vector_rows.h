@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+// Conversions that leave a rectangle the way it stands.
+#pragma once
+
+#include "vector.h"
+
+namespace {
+
+template <U32 pixel(U32)> [[gnu::always_inline]] inline void words_step(const uint32_t *src, uint32_t *dst)
+{
+    store(dst, pixel(load<U32>(src)));
+}
+
+template <U16 pack(U32, U32)> [[gnu::always_inline]] inline void narrow_step(const uint32_t *src, uint16_t *dst)
+{
+    store(dst, lanes_to_memory(pack(load<U32>(src), load<U32>(src + PER_VECTOR<uint32_t>))));
+}
+
+// Blue and green move up to red by an addition, which processors do more of at a time than shifts.
+inline U32 from_18_to_16_above(U32 p)
+{
+    const U32 green_blue = p & 0x00FFEu;
+    return (p & 0x3E000u) | (green_blue + green_blue);
+}
+
+inline U16 pack_18_in_lanes(U32 a, U32 b)
+{
+    return pack_in_lanes<2>(from_18_to_16_above(a), from_18_to_16_above(b));
+}
+
+// Words out of their lower and upper halves.
+inline void store_words(uint32_t *dst, U16 low, U16 high)
+{
+    store(dst, unpack_low(low, high));
+    store(dst + PER_VECTOR<uint32_t>, unpack_high(low, high));
+}
+
+[[gnu::always_inline]] inline void step_16_to_32(const uint16_t *src, uint32_t *dst)
+{
+    const U16 p = lanes_to_memory(load<U16>(src));
+    store_words(dst, (p << 5 & 0xFC00) | (p << 3 & 0x00F8), p >> 8 & 0x00F8);
+}
+
+[[gnu::always_inline]] inline void step_16_to_18(const uint16_t *src, uint32_t *dst)
+{
+    const U16 p = lanes_to_memory(load<U16>(src));
+    store_words(dst, (p << 1 & 0x0FFE) | (p << 2 & 0xE000), p >> 14);
+}
+
+[[gnu::always_inline]] inline void double_step_16(const uint16_t *src, uint16_t *dst)
+{
+    const U16 p = lanes_to_memory(load<U16>(src));
+    store(dst, unpack_low(p, p));
+    store(dst + PER_VECTOR<uint16_t>, unpack_high(p, p));
+}
+
+[[gnu::always_inline]] inline void double_step_rgb(const uint32_t *src, uint16_t *dst)
+{
+    const U16 p = rgb_to_16_in_lanes(load<U32>(src), load<U32>(src + PER_VECTOR<uint32_t>));
+    store(dst, unpack_low(p, p));
+    store(dst + PER_VECTOR<uint16_t>, unpack_high(p, p));
+}
+
+// Computed twice rather than read back.
+template <typename Src, Kernel<Src, uint16_t> Kernels::*own, Step<Src, uint16_t> step>
+void twice(const Src *src, ptrdiff_t src_pitch, uint16_t *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
+{
+    constexpr ptrdiff_t N = PER_VECTOR<uint16_t>;
+    if (w < N) {
+        (NARROWER.*own)(src, src_pitch, dst, dst_pitch, w, h);
+        return;
+    }
+    for (; h > 0; h--, src += src_pitch, dst += 2 * dst_pitch) {
+        convert_row<step, N, 2>(src, dst, w);
+        convert_row<step, N, 2>(src, dst + dst_pitch, w);
+    }
+}
+
+} // namespace

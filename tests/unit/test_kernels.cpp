@@ -1,0 +1,241 @@
+// SPDX-License-Identifier: MIT
+// The kernels of every instruction set beside the plain ones, on what the converters' own tests do not bring up: runs
+// of transparent and opaque pixels, rows that overlap, and the rows of scaled images.
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "../support/converter_oracle.h"
+#include "../support/guarded_buffer.h"
+#include "../support/kernel_sets.h"
+#include "../support/random_cases.h"
+
+namespace {
+
+using random_cases::between;
+using random_cases::Random;
+
+constexpr GuardedBuffer::Side SIDES[] = {GuardedBuffer::AT_START, GuardedBuffer::AT_END};
+
+TEST(Kernels, TheFastestOfThemIsInUse)
+{
+    const auto sets = all_kernel_sets();
+    EXPECT_EQ(sets.front(), &kernels_plain);
+    EXPECT_EQ(sets.back(), kernels);
+    std::set<std::string> names;
+    for (const Kernels *set : sets)
+        EXPECT_TRUE(names.insert(set->name).second) << set->name;
+#ifdef __x86_64__
+    EXPECT_EQ(names.count("sse2"), 1u);
+    EXPECT_EQ(names.count("avx2"), __builtin_cpu_supports("avx2") ? 1u : 0u);
+#elif defined(__aarch64__)
+    EXPECT_EQ(names.count("neon"), 1u);
+#endif
+}
+
+// ---- OVER ----
+
+// Runs of random length, of pixels that hide nothing, all, or something; and of words that are no premultiplied pixels.
+std::vector<uint32_t> words_in_runs(size_t n, Random &random)
+{
+    std::vector<uint32_t> words;
+    while (words.size() < n) {
+        const int kind = between(random, 0, 4);
+        for (int left = between(random, 1, between(random, 0, 1) == 0 ? 5 : 90); left > 0; left--) {
+            const auto word = static_cast<uint32_t>(random());
+            const uint32_t made[] = {0, word | 0xFF000000, word, word & 0x00FFFFFF, 0x000000FFu << 8 * (word % 4)};
+            words.push_back(made[kind]);
+        }
+    }
+    words.resize(n);
+    return words;
+}
+
+uint32_t *words_of(const GuardedBuffer &buffer)
+{
+    return reinterpret_cast<uint32_t *>(buffer.data());
+}
+
+void check_over(const Kernels *set, int32_t w, int32_t h, int32_t src_more, int32_t dst_more, Random &random)
+{
+    const int32_t src_pitch = w + src_more;
+    const int32_t dst_pitch = w + dst_more;
+    const auto words = [&](int32_t pitch) { return static_cast<size_t>(pitch * (h - 1) + w); };
+    const GuardedBuffer::Side side = SIDES[between(random, 0, 1)];
+    const GuardedBuffer src(words(src_pitch) * 4, side);
+    const GuardedBuffer dst(words(dst_pitch) * 4, side);
+    std::ranges::copy(words_in_runs(words(src_pitch), random), words_of(src));
+    std::ranges::copy(words_in_runs(words(dst_pitch), random), words_of(dst));
+    std::vector<uint32_t> expected(words_of(dst), words_of(dst) + words(dst_pitch));
+    for (int32_t y = 0; y < h; y++) {
+        for (int32_t x = 0; x < w; x++) {
+            uint32_t &pixel = expected[static_cast<size_t>(y * dst_pitch + x)];
+            pixel = over_slowly(words_of(src)[y * src_pitch + x], pixel);
+        }
+    }
+    set->over(words_of(src), src_pitch, words_of(dst), dst_pitch, w, h);
+    for (size_t i = 0; i < expected.size(); i++)
+        ASSERT_EQ(words_of(dst)[i], expected[i])
+            << set->name << " " << w << "x" << h << " pitches " << src_pitch << " " << dst_pitch << " word " << i;
+}
+
+TEST(KernelOver, RunsOfEveryKind)
+{
+    random_cases::run(400, [](Random &random) {
+        const int32_t w = between(random, 1, between(random, 0, 1) == 0 ? 40 : 600);
+        const int32_t h = between(random, 1, 6);
+        const int32_t src_more = between(random, 0, 1) * between(random, 0, 5);
+        const int32_t dst_more = between(random, 0, 1) * between(random, 0, 5);
+        for (const Kernels *set : all_kernel_sets())
+            check_over(set, w, h, src_more, dst_more, random);
+    });
+}
+
+// One visible pixel among transparent ones and one translucent among opaque ones, at each place.
+TEST(KernelOver, OnePixelAmongOthers)
+{
+    for (const Kernels *set : all_kernel_sets()) {
+        for (const auto &[others, one] : {std::pair{0u, 0x40102030u}, {0xFF123456u, 0xFE123456u}, {0u, 1u}}) {
+            for (size_t at = 0; at < 80; at++) {
+                std::vector<uint32_t> src(80, others);
+                std::vector<uint32_t> dst(80, 0x90807060);
+                src[at] = one;
+                set->over(src.data(), 80, dst.data(), 80, 80, 1);
+                for (size_t i = 0; i < 80; i++)
+                    ASSERT_EQ(dst[i], over_slowly(src[i], 0x90807060)) << set->name << " " << at << " " << i;
+            }
+        }
+    }
+}
+
+// ---- the quarter turn ----
+
+// A pitch below the height lets rows overlap: the later row is the one that stays.
+template <typename Src, typename Dst> void check_overlapping_turn(Kernel<Src, Dst> Kernels::*turn, Random &random)
+{
+    const int32_t w = between(random, 1, 60), h = between(random, 2, 60);
+    const int32_t dst_pitch = between(random, 0, h - 1);
+    std::vector<Src> src(static_cast<size_t>(w * h));
+    std::ranges::generate(src, [&] { return static_cast<Src>(random()); });
+    std::vector<Dst> expected(static_cast<size_t>(dst_pitch * (w - 1) + h));
+    (kernels_plain.*turn)(src.data(), w, expected.data(), dst_pitch, w, h);
+    for (const Kernels *set : all_kernel_sets()) {
+        std::vector<Dst> found(expected.size());
+        (set->*turn)(src.data(), w, found.data(), dst_pitch, w, h);
+        ASSERT_EQ(found, expected) << set->name << " " << w << "x" << h << " pitch " << dst_pitch;
+    }
+}
+
+TEST(KernelTurn, TheLaterOfOverlappingRowsStays)
+{
+    random_cases::run(200, [](Random &random) {
+        check_overlapping_turn(&Kernels::turn_16, random);
+        check_overlapping_turn(&Kernels::turn_32, random);
+        check_overlapping_turn(&Kernels::turn_rgb_to_16, random);
+    });
+}
+
+// ---- colour planes ----
+
+template <typename Pixel> void check_fill(const Kernels *set, FillKernel<Pixel> fill, Random &random)
+{
+    for (size_t n = 0; n < 200; n++) {
+        const GuardedBuffer row(n * sizeof(Pixel), SIDES[n % 2], (n / 2 % 4) * sizeof(Pixel));
+        const auto value = static_cast<Pixel>(random());
+        std::ranges::fill(row.all(), uint8_t{0xC3});
+        std::vector<uint8_t> expected(row.all().begin(), row.all().end());
+        for (size_t i = 0; i < n; i++)
+            memcpy(expected.data() + (row.data() - row.all().data()) + i * sizeof(Pixel), &value, sizeof value);
+        fill(reinterpret_cast<Pixel *>(row.data()), value, static_cast<int32_t>(n));
+        ASSERT_TRUE(std::ranges::equal(expected, row.all())) << set->name << " " << n;
+    }
+}
+
+TEST(KernelPlane, FillsARow)
+{
+    Random random(6);
+    for (const Kernels *set : all_kernel_sets()) {
+        check_fill<uint16_t>(set, set->fill_16, random);
+        check_fill<uint32_t>(set, set->fill_32, random);
+    }
+}
+
+uint32_t dimmed(uint32_t p, uint32_t strength)
+{
+    const auto part = [&](uint32_t unit) { return p / unit % 256 * strength / 256 * unit; };
+    return part(65536) + part(256) + part(1);
+}
+
+TEST(KernelPlane, DimsByEveryStrength)
+{
+    Random random(7);
+    for (const Kernels *set : all_kernel_sets()) {
+        for (uint32_t strength = 0; strength < 256; strength++) {
+            const size_t n = 1 + strength % 77;
+            const GuardedBuffer row(n * 4, SIDES[strength % 2]);
+            std::vector<uint32_t> expected;
+            for (size_t i = 0; i < n; i++) {
+                words_of(row)[i] = i == 0 ? 0xFFFFFFFF : static_cast<uint32_t>(random());
+                expected.push_back(dimmed(words_of(row)[i], strength));
+            }
+            set->dim(words_of(row), strength, static_cast<int32_t>(n));
+            ASSERT_TRUE(std::equal(expected.begin(), expected.end(), words_of(row))) << set->name << " " << strength;
+        }
+    }
+}
+
+// ---- scaled rows ----
+
+// Columns that go on by about `step` 65536ths of a pixel each.
+PickPlan random_plan(Random &random, int32_t pixel_size)
+{
+    PickPlan plan = {};
+    const int32_t steps[] = {0x2000, 0x8000, 0xA000, 0xFFFF, 0x10000, 0x14000, 0x20000, 0x24924, 0x30000, 0x90000};
+    const int32_t step = steps[between(random, 0, 9)] + between(random, -2, 2);
+    plan.n = between(random, 0, 9) == 0 ? PICK_MOST : between(random, 1, 150);
+    const int64_t fraction = between(random, 0, 0xFFFF);
+    for (int64_t i = 0; i < plan.n; i++)
+        plan.columns[i] = static_cast<int32_t>((fraction + i * step) >> 16);
+    // Now and then one long step among short ones.
+    const int32_t far = between(random, 0, 3) == 0 ? between(random, 1, plan.n) : plan.n;
+    for (int32_t i = far; i < plan.n; i++)
+        plan.columns[i] += 13;
+    pick_plan_finish(&plan, pixel_size);
+    return plan;
+}
+
+template <typename Pixel> void check_pick(const Kernels *set, PickKernel pick, const PickPlan &plan, Random &random)
+{
+    const auto end = static_cast<size_t>(plan.columns[plan.n - 1] + 1);
+    const GuardedBuffer::Side side = SIDES[between(random, 0, 1)];
+    const auto gap = static_cast<size_t>(between(random, 0, 3)); // no pixel boundaries are needed
+    const GuardedBuffer src(end * sizeof(Pixel), side, gap);
+    const GuardedBuffer dst(static_cast<size_t>(plan.n) * sizeof(Pixel), side, gap);
+    std::ranges::generate(src.all(), [&] { return static_cast<uint8_t>(random()); });
+    std::ranges::fill(dst.all(), uint8_t{0xC3});
+    std::vector<uint8_t> expected(dst.all().begin(), dst.all().end());
+    uint8_t *to = expected.data() + (dst.data() - dst.all().data());
+    for (int32_t i = 0; i < plan.n; i++)
+        memcpy(to + static_cast<size_t>(i) * sizeof(Pixel),
+               src.data() + static_cast<size_t>(plan.columns[i]) * sizeof(Pixel), sizeof(Pixel));
+    pick(src.data(), dst.data(), &plan);
+    ASSERT_TRUE(std::ranges::equal(expected, dst.all())) << set->name << " " << plan.n << " groups of " << plan.group;
+}
+
+TEST(KernelPick, TakesTheColumns)
+{
+    random_cases::run(400, [](Random &random) {
+        const PickPlan plan_16 = random_plan(random, 2);
+        const PickPlan plan_32 = random_plan(random, 4);
+        for (const Kernels *set : all_kernel_sets()) {
+            check_pick<uint16_t>(set, set->pick_16, plan_16, random);
+            check_pick<uint32_t>(set, set->pick_32, plan_32, random);
+        }
+    });
+}
+
+} // namespace
