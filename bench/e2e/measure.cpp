@@ -4,6 +4,9 @@
 //   cpu MODE N                  N updates of 64 x 64 pixels; MODE: one (at a time), flight (16 in flight), paced (60/s)
 //   latency CLIENTS N           N rounds in which each client asks for one update; nanoseconds from asking to pixel
 //   size WIDTH HEIGHT N         N updates of that size, one at a time
+//   surfaces COUNT N            N updates of a surface above COUNT others (this server only)
+//   clients COUNT N             N updates of one client while COUNT others are connected and quiet
+//   reports COUNT               COUNT reports of one pixel each in one pass (this server only)
 //   picture N                   one full screen, and then nothing for N milliseconds; for measures of memory
 //
 // The server's time is read from the kernel's scheduler statistics, in nanoseconds, for all its threads.
@@ -21,6 +24,8 @@
 #include <vector>
 
 #include "floor.h"
+#include "mc.h"
+#include "pfb.h"
 
 void fail(const char *format, ...)
 {
@@ -144,14 +149,20 @@ void wait_shown(Client *client, const Area &part, int i)
     }
 }
 
+Client connect_surface(const Area &area)
+{
+    Client client{area, nullptr, 0, nullptr};
+    target->connect(&client);
+    // All of it once: what is touched for the first time is no part of a measure.
+    const Area whole{0, 0, area.width, area.height};
+    draw(&client, whole, -1);
+    wait_shown(&client, whole, -1);
+    return client;
+}
+
 Client connect_screen()
 {
-    Client client{Area{0, 0, FLOOR_WIDTH, FLOOR_HEIGHT}, nullptr, 0, nullptr};
-    target->connect(&client);
-    // All of the screen once: what is touched for the first time is no part of a measure.
-    draw(&client, client.area, -1);
-    wait_shown(&client, client.area, -1);
-    return client;
+    return connect_surface(Area{0, 0, FLOOR_WIDTH, FLOOR_HEIGHT});
 }
 
 void print_use(const Use &before, long long n)
@@ -208,16 +219,20 @@ void run_cpu(const char *mode, int n)
     target->disconnect(&client);
 }
 
+void update_again_and_again(Client *client, const Area &part, int n)
+{
+    const Use before = server_use();
+    for (int i = 0; i < n; i++) {
+        draw(client, part, i);
+        wait_shown(client, part, i);
+    }
+    print_use(before, n);
+}
+
 void run_size(int32_t width, int32_t height, int n)
 {
     Client client = connect_screen();
-    const Area part{0, 0, width, height};
-    const Use before = server_use();
-    for (int i = 0; i < n; i++) {
-        draw(&client, part, i);
-        wait_shown(&client, part, i);
-    }
-    print_use(before, n);
+    update_again_and_again(&client, Area{0, 0, width, height}, n);
     target->disconnect(&client);
 }
 
@@ -277,6 +292,50 @@ void run_latency(int n, int rounds)
         target->disconnect(&client);
 }
 
+void run_surfaces(int count, int n)
+{
+    mc_connection *crowd = crowd_connect(count, 16);
+    Client client = connect_surface(Area{0, 0, 16, 16});
+    update_again_and_again(&client, Area{0, 0, 8, 8}, n);
+    target->disconnect(&client);
+    mc_close(crowd);
+}
+
+void run_clients(int count, int n)
+{
+    std::vector<Client> quiet;
+    for (int i = 0; i < count; i++)
+        quiet.push_back(connect_surface(Area{i * 16 % FLOOR_WIDTH, 64 + i * 16 / FLOOR_WIDTH * 16, 16, 16}));
+    Client client = connect_surface(Area{0, 0, TILE, TILE});
+    update_again_and_again(&client, Area{0, 0, TILE, TILE}, n);
+    target->disconnect(&client);
+    for (Client &other : quiet)
+        target->disconnect(&other);
+}
+
+// All reports wait for one pass: the client holds the lock meanwhile.
+void run_reports(int count)
+{
+    Client client = connect_screen();
+    auto *own = static_cast<pfb_client *>(client.own);
+    const Use before = server_use();
+    if (pfb_lock(own, 0, 0, 0, 0) != PFB_OK)
+        fail("%s", pfb_error_text());
+    const int64_t pixels = FLOOR_WIDTH * FLOOR_HEIGHT;
+    for (int i = 0; i < count; i++) {
+        const auto at = static_cast<int32_t>(i * int64_t{7919} % pixels);
+        const Area pixel{at % FLOOR_WIDTH, at / FLOOR_WIDTH, 1, 1};
+        draw(&client, pixel, 1);
+    }
+    const Area corner{FLOOR_WIDTH - 1, FLOOR_HEIGHT - 1, 1, 1};
+    draw(&client, corner, 2);
+    if (pfb_unlock(own) != PFB_OK)
+        fail("%s", pfb_error_text());
+    wait_shown(&client, corner, 2);
+    print_use(before, count);
+    target->disconnect(&client);
+}
+
 void run_picture(int milliseconds)
 {
     Client client = connect_screen();
@@ -311,6 +370,12 @@ int main(int argc, char **argv)
         run_latency(atoi(argv[5]), atoi(argv[6]));
     else if (work == "size" && argc == 8)
         run_size(atoi(argv[5]), atoi(argv[6]), atoi(argv[7]));
+    else if (work == "surfaces" && argc == 7)
+        run_surfaces(atoi(argv[5]), atoi(argv[6]));
+    else if (work == "clients" && argc == 7)
+        run_clients(atoi(argv[5]), atoi(argv[6]));
+    else if (work == "reports" && argc == 6)
+        run_reports(atoi(argv[5]));
     else if (work == "picture" && argc == 6)
         run_picture(atoi(argv[5]));
     else

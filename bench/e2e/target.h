@@ -39,3 +39,7 @@ extern const Target target_wayland; // place: the display's name
 [[noreturn, gnu::format(printf, 1, 2)]] void fail(const char *format, ...);
 // Maps a panel of 480 x 272 pixels.
 const volatile uint32_t *map_panel(const char *path);
+
+// A connection of this server's that has made n surfaces of size x size pixels, all shown. To be closed with mc_close.
+struct mc_connection;
+mc_connection *crowd_connect(int n, int32_t size);
