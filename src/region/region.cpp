@@ -44,11 +44,8 @@ bool cross(const Box &a, const Box &b, Box *result)
 // Where region_new finds no memory. It is an empty region that all such callers share and nobody frees.
 Region *broken_region()
 {
-    static Region region = [] {
-        Region empty;
-        pixman_region_init(&empty);
-        return empty;
-    }();
+    static Region region;
+    pixman_region_init(&region); // each time, not once: that would take the C++ library, for this alone
     return &region;
 }
 
