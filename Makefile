@@ -8,7 +8,7 @@ FORMAT ?= xrgb8888
 TIME ?= 60
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-clang test-compilers soak e2e arm check format sanitize install clean
+.PHONY: help build demo panel test test-clang test-compilers soak bench e2e arm check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -20,6 +20,8 @@ help:
 	@echo 'make test-compilers  all builds with clang, and all tests in each'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
+	@echo 'make bench           processor time, latency, memory, start and growth, beside Xvfb, Weston and a bare loop:'
+	@echo '                     writes docs/performance.md, plots in build/bench/results'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
 	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors (not yet run to the end)'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
@@ -63,6 +65,11 @@ soak:
 	@scripts/deps build demo test
 	@scripts/build sanitized
 	@PFB_HISTORY_SECONDS=$(TIME) build/sanitized/tests/server/test_histories
+
+bench:
+	@scripts/deps build bench
+	@scripts/build bench -Dbench=true
+	@scripts/bench
 
 e2e:
 	@scripts/e2e

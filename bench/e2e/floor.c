@@ -126,6 +126,7 @@ static int listen_at(const char *path)
 {
     struct sockaddr_un address = {.sun_family = AF_UNIX};
     strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    unlink(path);
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     check(fd >= 0 && bind(fd, (struct sockaddr *)&address, sizeof address) == 0 && listen(fd, 64) == 0,
           "floor: socket");

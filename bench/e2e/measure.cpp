@@ -12,7 +12,6 @@
 // The server's time is read from the kernel's scheduler statistics, in nanoseconds, for all its threads.
 #include "target.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,17 +25,6 @@
 #include "floor.h"
 #include "mc.h"
 #include "pfb.h"
-
-void fail(const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    fprintf(stderr, "measure: ");
-    vfprintf(stderr, format, args);
-    fprintf(stderr, "\n");
-    va_end(args);
-    exit(1);
-}
 
 namespace {
 
@@ -343,15 +331,6 @@ void run_picture(int milliseconds)
     fflush(stdout);
     rest(milliseconds * (SECOND / 1000));
     target->disconnect(&client);
-}
-
-const Target *find_target(const char *name)
-{
-    for (const Target *candidate : {&target_pfb, &target_floor, &target_x, &target_wayland}) {
-        if (strcmp(candidate->name, name) == 0)
-            return candidate;
-    }
-    fail("there is no target %s", name);
 }
 
 } // namespace

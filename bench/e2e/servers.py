@@ -3,6 +3,7 @@
 import os
 import re
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -70,6 +71,12 @@ class Server:
             return {key: int(value) * 1024 for key, value in re.findall(r'(\w+):\s+(\d+) kB', status.read())}
 
 
+def accepts(path):
+    """The socket is there a moment before its server listens."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
+        return client.connect_ex(path) == 0
+
+
 def child_of(pid):
     with open(f'/proc/{pid}/task/{pid}/children', encoding='ascii') as children:
         return int((children.read().split() or ['0'])[0])
@@ -85,7 +92,7 @@ def start_pfb(build, folder, command=(), name='pfb'):
     panel = os.path.join(own, 'pfbpanel-' + name)
     server.start([f'{build}/src/pfbpanel/pfbpanel', '--size', '%dx%d' % SIZE, '--format', 'xrgb8888', '--name', name,
                   '--', *command, f'{build}/src/fbserver/fbserver'])
-    wait_for(name, lambda: os.path.exists(os.path.join(panel, 'pfb.mc')), 60)
+    wait_for(name, lambda: accepts(os.path.join(panel, 'pfb.mc')), 60)
     server.pid = wait_for(name, lambda: child_of(server.process.pid))
     server.env['MC_RUNTIME_DIR'] = panel
     server.place = os.path.join(panel, 'dev', 'fb0')
@@ -95,12 +102,12 @@ def start_pfb(build, folder, command=(), name='pfb'):
 def start_floor(build, folder, copies):
     server = Server(f'floor{copies}', 'floor', folder)
     panel = os.path.join(folder, f'floor{copies}.panel')
-    socket = os.path.join(folder, f'floor{copies}.socket')
+    path = os.path.join(folder, f'floor{copies}.socket')
     with open(panel, 'wb') as file:
         file.truncate(SCREEN_BYTES)
-    server.start([f'{build}/bench/e2e/floor', socket, panel, str(copies)])
-    wait_for(server.name, lambda: os.path.exists(socket))
-    server.place = f'{socket}:{panel}'
+    server.start([f'{build}/bench/e2e/floor', path, panel, str(copies)])
+    wait_for(server.name, lambda: os.path.exists(path))
+    server.place = f'{path}:{panel}'
     return server
 
 
@@ -128,7 +135,7 @@ def start_weston(folder):
     server.start(['weston', '--backend=headless-backend.so', '--use-pixman', '--shell=desktop-shell.so', '--no-config',
                   '--idle-time=0', '--socket=bench', '--width=%d' % SIZE[0], '--height=%d' % SIZE[1]])
     wait_for('weston', lambda: os.path.exists(os.path.join(server.env['XDG_RUNTIME_DIR'], 'bench')))
-    time.sleep(2) # its desktop is drawn by clients of its own
+    time.sleep(2)  # its desktop is drawn by clients of its own
     return server
 
 
@@ -150,3 +157,41 @@ class All:
         for server in self.servers:
             server.stop()
         self.folder.cleanup()
+
+
+class Starters:
+    """What startup is told for each server: its environment, and its words. A panel stands by for this server."""
+
+    def __init__(self):
+        self.commands = {}
+        self.panel = None
+
+    def stop(self):
+        if self.panel is not None:
+            self.panel.stop()
+
+
+def starters(build, folder):
+    found = Starters()
+    panel = found.panel = Server('panel', 'pfb', folder)
+    panel.env['XDG_RUNTIME_DIR'] = folder
+    panel.env.pop('MC_RUNTIME_DIR', None)
+    place = os.path.join(folder, 'pfbpanel-start')
+    panel.start([f'{build}/src/pfbpanel/pfbpanel', '--size', '%dx%d' % SIZE, '--format', 'xrgb8888', '--name', 'start',
+                 '--', 'sleep', '600'])
+    wait_for('the panel', lambda: os.path.exists(os.path.join(place, 'dev', 'fb0')))
+    own = dict(panel.env, MC_RUNTIME_DIR=place)
+    preload = f'{build}/src/pfbpanel/libpfbpanel-preload.so'
+    found.commands['pfb'] = own, ['pfb', f'{place}/pfb.mc', f'{place}/dev/fb0', f'LD_PRELOAD={preload}',
+                                  f'PFBPANEL_DIR={place}', f'{build}/src/fbserver/fbserver']
+    path, pixels = os.path.join(folder, 'socket'), os.path.join(folder, 'panel')
+    with open(pixels, 'wb') as file:
+        file.truncate(SCREEN_BYTES)
+    found.commands['floor2'] = own, ['floor', path, f'{path}:{pixels}', f'{build}/bench/e2e/floor', path, pixels,
+                                     '2']
+    number = 200 + os.getpid() % 300
+    found.commands['xvfb'] = own, ['xvfb', f':{number}', '-', 'Xvfb', f':{number}', '-screen', '0', '%dx%dx24' % SIZE,
+                                   '-nolisten', 'tcp', '-ac']
+    found.commands['weston'] = own, ['weston', 'start', '-', 'weston', '--backend=headless-backend.so', '--use-pixman',
+                                     '--shell=desktop-shell.so', '--no-config', '--socket=start']
+    return found

@@ -21,6 +21,8 @@ struct Target {
     const char *name;
     // `place` says where the server is: see the target.
     void (*start)(const char *place);
+    // True as soon as the server takes a client at `where`: the path of its socket, or the name of its display.
+    bool (*accepts)(const char *where);
     // Connects a client and shows its surface of client->area.
     void (*connect)(Client *client);
     void (*disconnect)(Client *client);
@@ -35,6 +37,9 @@ extern const Target target_pfb;     // place: the panel's file; the server's soc
 extern const Target target_floor;   // place: SOCKET:PANEL
 extern const Target target_x;       // place: DISPLAY:SHMID of the screen
 extern const Target target_wayland; // place: the display's name
+
+// By its name; ends the program when there is none.
+const Target *find_target(const char *name);
 
 [[noreturn, gnu::format(printf, 1, 2)]] void fail(const char *format, ...);
 // Maps a panel of 480 x 272 pixels.

@@ -23,6 +23,18 @@ const volatile uint32_t *panel_pixel(int32_t x, int32_t y)
     return panel + y * FLOOR_WIDTH + x;
 }
 
+// Both listen at a path.
+bool accepts_at(const char *path)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path, sizeof address.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    const bool accepted = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    close(fd);
+    return accepted;
+}
+
 // ---- this server ----
 
 void pfb_start(const char *place)
@@ -128,5 +140,7 @@ const volatile uint32_t *map_panel(const char *path)
     return static_cast<uint32_t *>(pixels);
 }
 
-const Target target_pfb{"pfb", pfb_start, pfb_connect_client, pfb_disconnect_client, pfb_update, panel_pixel, nullptr};
-const Target target_floor{"floor", floor_start, floor_connect, floor_disconnect, floor_update, panel_pixel, nullptr};
+const Target target_pfb{"pfb",      pfb_start,   accepts_at, pfb_connect_client, pfb_disconnect_client,
+                        pfb_update, panel_pixel, nullptr};
+const Target target_floor{"floor",          floor_start,  accepts_at,  floor_connect,
+                          floor_disconnect, floor_update, panel_pixel, nullptr};

@@ -98,6 +98,15 @@ void wayland_start(const char *place)
     display_name = place;
 }
 
+bool wayland_accepts(const char *where)
+{
+    wl_display *display = wl_display_connect(where);
+    const bool accepted = display != nullptr && wl_display_roundtrip(display) >= 0;
+    if (display != nullptr)
+        wl_display_disconnect(display);
+    return accepted;
+}
+
 void make_window(WaylandClient *own)
 {
     own->surface = wl_compositor_create_surface(own->compositor);
@@ -152,5 +161,5 @@ void wayland_finish(Client *client)
 
 } // namespace
 
-const Target target_wayland{"weston",       wayland_start, wayland_connect, wayland_disconnect,
-                            wayland_update, nullptr,       wayland_finish};
+const Target target_wayland{"weston",           wayland_start,  wayland_accepts, wayland_connect,
+                            wayland_disconnect, wayland_update, nullptr,         wayland_finish};

@@ -67,6 +67,14 @@ void attach_memory(XClient *own, Client *client)
     client->pitch = client->area.width;
 }
 
+bool x_accepts(const char *where)
+{
+    xcb_connection_t *connection = xcb_connect(where, nullptr);
+    const bool accepted = xcb_connection_has_error(connection) == 0;
+    xcb_disconnect(connection);
+    return accepted;
+}
+
 void x_connect(Client *client)
 {
     auto *own = new XClient{};
@@ -115,4 +123,4 @@ void x_update(Client *client, const Area &part)
 
 } // namespace
 
-const Target target_x{"xvfb", x_start, x_connect, x_disconnect, x_update, x_pixel, nullptr};
+const Target target_x{"xvfb", x_start, x_accepts, x_connect, x_disconnect, x_update, x_pixel, nullptr};
