@@ -83,7 +83,7 @@ check:
 
 format:
 	@scripts/deps check
-	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'examples/*.c' 'examples/*.h' \
+	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'examples/*.c' 'examples/*.h' 'bench/*.c' 'bench/*.cpp' 'bench/*.h' \
 		':!tests/e2e/module' | \
 		xargs clang-format -i
 

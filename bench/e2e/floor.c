@@ -1,9 +1,12 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * floor SOCKET PANEL COPIES - the least that a server on a GLib loop can do: it takes one request for each wake-up and
+ * floor SOCKET PANEL COPIES [tuned] - the least that a server on a GLib loop can do: it takes one request for each wake-up and
  * copies the rectangle that it names, once (to the panel) or twice (to a work image, then to the panel). It knows one
  * kind of pixel, composes nothing, checks nothing and reports nothing; what a display server costs more than this is
  * what its work costs.
+ *
+ * As GLib is commonly used, it takes a descriptor out of its poll while the descriptor's source runs, and puts it back:
+ * that is four system calls more for each request. The tuned floor avoids them.
  *
  * A client sends a FloorSurface first, then four integers for each update. PANEL is a file of the panel's pixels.
  */
@@ -28,6 +31,7 @@ typedef struct Connection {
 } Connection;
 
 static int copies;
+static int tuned;
 static uint32_t *panel;
 static uint32_t *work;
 
@@ -104,6 +108,7 @@ static Connection *attach(GSourceFuncs *functions, int fd)
     Connection *connection = (Connection *)source;
     connection->fd = fd;
     connection->pixels = NULL;
+    g_source_set_can_recurse(source, tuned);
     g_source_add_unix_fd(source, fd, G_IO_IN);
     g_source_attach(source, NULL);
     g_source_unref(source);
@@ -135,7 +140,7 @@ static int listen_at(const char *path)
 
 int main(int argc, char **argv)
 {
-    if (argc != 4)
+    if (argc < 4)
         return 2;
     const size_t bytes = FLOOR_WIDTH * FLOOR_HEIGHT * sizeof(uint32_t);
     const int fd = open(argv[2], O_RDWR);
@@ -143,6 +148,7 @@ int main(int argc, char **argv)
     panel = map_file(fd, bytes);
     work = calloc(1, bytes);
     copies = atoi(argv[3]);
+    tuned = argc > 4;
     attach(&listening, listen_at(argv[1]));
     g_main_loop_run(g_main_loop_new(NULL, FALSE));
 }

@@ -99,13 +99,14 @@ def start_pfb(build, folder, command=(), name='pfb'):
     return server
 
 
-def start_floor(build, folder, copies):
-    server = Server(f'floor{copies}', 'floor', folder)
-    panel = os.path.join(folder, f'floor{copies}.panel')
-    path = os.path.join(folder, f'floor{copies}.socket')
+def start_floor(build, folder, copies, *tuned):
+    name = f'floor{copies}' + ''.join(tuned)
+    server = Server(name, 'floor', folder)
+    panel = os.path.join(folder, name + '.panel')
+    path = os.path.join(folder, name + '.socket')
     with open(panel, 'wb') as file:
         file.truncate(SCREEN_BYTES)
-    server.start([f'{build}/bench/e2e/floor', path, panel, str(copies)])
+    server.start([f'{build}/bench/e2e/floor', path, panel, str(copies), *tuned])
     wait_for(server.name, lambda: os.path.exists(path))
     server.place = f'{path}:{panel}'
     return server
@@ -147,7 +148,8 @@ class All:
         self.servers = []
         try:
             for start in (lambda f: start_pfb(build, f), lambda f: start_floor(build, f, 1),
-                          lambda f: start_floor(build, f, 2), start_xvfb, start_weston):
+                          lambda f: start_floor(build, f, 2),
+                          lambda f: start_floor(build, f, 2, 'tuned'), start_xvfb, start_weston):
                 self.servers.append(start(self.folder.name))
         except BaseException:
             self.stop()
