@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * floor SOCKET PANEL COPIES [tuned] - the least that a server on a GLib loop can do: it takes one request for each wake-up and
- * copies the rectangle that it names, once (to the panel) or twice (to a work image, then to the panel). It knows one
- * kind of pixel, composes nothing, checks nothing and reports nothing; what a display server costs more than this is
- * what its work costs.
+ * floor SOCKET PANEL COPIES [tuned] - the least that a server on a GLib loop can do: it takes one request for each
+ * wake-up and copies the rectangle that it names, once (to the panel) or twice (to a work image, then to the panel). It
+ * knows one kind of pixel, composes nothing, checks nothing and reports nothing; what a display server costs more than
+ * this is what its work costs.
  *
  * As GLib is commonly used, it takes a descriptor out of its poll while the descriptor's source runs, and puts it back:
  * that is four system calls more for each request. The tuned floor avoids them.
