@@ -13,8 +13,8 @@ import sys
 import servers
 
 MODES = {'one': 'one at a time', 'flight': '16 in flight', 'paced': '60 a second'}
-NAMES = {'pfb': 'fbserver', 'floor1': 'floor, 1 copy', 'floor2': 'floor, 2 copies', 'floor2tuned': 'tuned floor, 2 copies',
-         'xvfb': 'Xvfb', 'weston': 'Weston'}
+NAMES = {'pfb': 'fbserver', 'floor1': 'floor, 1 copy', 'floor2': 'floor, 2 copies',
+         'floor2tuned': 'tuned floor, 2 copies', 'xvfb': 'Xvfb', 'weston': 'Weston'}
 MIB = 1024 * 1024
 
 
@@ -96,7 +96,8 @@ def growth_part(found):
     return '\n'.join([
         'An update of 8 x 8 pixels over other surfaces, shown and unchanged, µs:\n',
         table(['surfaces', 'fbserver'], by_surfaces),
-        'An update of 64 x 64 pixels while other clients are connected and quiet, µs:\n', table(['clients', *titles], by_clients),
+        'An update of 64 x 64 pixels while other clients are connected and quiet, µs:\n',
+        table(['clients', *titles], by_clients),
         'An update by its size, one at a time, µs:\n', table(['pixels', *titles], by_size),
         'Scattered reports of one pixel each that wait for one pass, µs a report (receiving it included):\n',
         table(['reports', 'fbserver'], by_reports)])
