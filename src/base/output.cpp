@@ -12,6 +12,7 @@
 #include <limits.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -60,18 +61,22 @@ ssize_t write_terminal(int fd, const char *bytes, size_t n)
     return written;
 }
 
-// Writes without waiting. A pipe that polls as writable takes PIPE_BUF bytes at once; a socket is told not to wait.
+// Writes without waiting. A file never makes a writer wait. A pipe that polls as writable takes PIPE_BUF bytes at once;
+// a socket is told not to wait.
 ssize_t write_some(int fd, const char *bytes, size_t n)
 {
+    struct stat stream {};
+    fstat(fd, &stream); // each time: what stands behind the descriptor may change
+    if (S_ISREG(stream.st_mode))
+        return write(fd, bytes, n);
     if (!can_take_some(fd, 0)) {
         errno = EAGAIN;
         return -1;
     }
     n = std::min<size_t>(n, PIPE_BUF);
-    ssize_t sent = send(fd, bytes, n, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent < 0 && errno == ENOTSOCK)
-        sent = isatty(fd) ? write_terminal(fd, bytes, n) : write(fd, bytes, n);
-    return sent;
+    if (S_ISSOCK(stream.st_mode))
+        return send(fd, bytes, n, MSG_DONTWAIT | MSG_NOSIGNAL);
+    return S_ISCHR(stream.st_mode) && isatty(fd) ? write_terminal(fd, bytes, n) : write(fd, bytes, n);
 }
 
 void append(Stream &stream, const char *text, size_t n)

@@ -31,8 +31,7 @@ volatile sig_atomic_t fault_seen;
 
 size_t page_size()
 {
-    static const auto size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    return size;
+    return static_cast<size_t>(sysconf(_SC_PAGESIZE)); // a signal handler may ask
 }
 
 bool range_add(RangeList &list, Range range)
@@ -139,7 +138,6 @@ void catch_sigbus()
     static bool caught;
     if (caught)
         return;
-    page_size(); // known before the handler needs it
     struct sigaction action {};
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_SIGINFO;

@@ -85,7 +85,7 @@ void fs_rotate_display(FbServer *fs, int32_t rot);
 void fs_release_rotation(FbServer *fs);
 void fs_dump_status(FbServer *fs);
 
-// ---- compositor (render_pass.cpp, color_plane.cpp, image_render.cpp) ----
+// ---- compositor (render_pass.cpp, render_draw.cpp, color_plane.cpp, image_render.cpp) ----
 
 // One pass; a GLib idle callback (data is the FbServer). Always returns 0, which drops the idle source.
 int fs_render(void *data);

@@ -70,23 +70,27 @@ struct ReportBatch {
     int32_t capacity;
 };
 
+// What every pass looks at of every surface stands first, together, and what only those need that are drawn next: with
+// many surfaces a pass costs what it fetches from memory.
 struct ImageSurface {
-    Rect area;           // screen
-    Rect drawing_area;   // screen: area cropped to the screen and to clip
-    Rect *clip;          // owned, screen; null: not set
-    Region opaque_area;  // surface: covers what lies below
-    Region dirty_region; // surface: client damage, not yet rendered
-    Region aux_region;   // screen: what the running pass draws of this surface; empty between passes
-    int32_t level;       // higher is nearer the viewer
+    uint32_t flags;          // SURFACE_*
+    int32_t level;           // higher is nearer the viewer
+    Backend *backend;        // not owned; null: none could be had
+    ScaleState *scale_state; // owned; null: not scaled
+    Rect drawing_area;       // screen: area cropped to the screen and to clip
+    Region dirty_region;     // surface: client damage, not yet rendered
+    ReportBatch reports;     // surface: belongs to dirty_region, see fs_fold_reports
+
+    Region aux_region;  // screen: what the running pass draws of this surface; empty between passes
+    Region opaque_area; // surface: covers what lies below
+    Rect area;          // screen
+    xc_image *img;      // owned; the client's image, or the scaled one while scale_state is set
+
+    int32_t color_plane; // -1: none
     int32_t rotation;    // the display rotation that the client expects
     int32_t lock_counter;
-    int32_t color_plane;     // -1: none
-    uint32_t flags;          // SURFACE_*
-    char *name;              // owned
-    xc_image *img;           // owned; the client's image, or the scaled one while scale_state is set
-    ScaleState *scale_state; // owned; null: not scaled
-    Backend *backend;        // not owned; null: none could be had
-    ReportBatch reports;     // surface: belongs to dirty_region, see fs_fold_reports
+    Rect *clip; // owned, screen; null: not set
+    char *name; // owned
 };
 
 struct FbServer {

@@ -2,36 +2,19 @@
 // One call turns everything that was damaged since the last one into pixels on every output. Four phases: collect the
 // damage, assign to each surface the part that it draws, clear, draw and present. All regions here are in screen
 // coordinates unless they say otherwise.
-#include "composite.h"
+#include "render_phases.h"
 
 #include <glib.h>
 
+#include <algorithm>
 #include <cstring>
 
-#include "../backend/backend.h"
 #include "../base/assert.h"
 #include "../base/output.h"
-#include "../base/wrap.h"
 #include "client_memory.h"
 #include "extent.h"
 
 namespace {
-
-// The surfaces that draw in this pass.
-struct Drawers {
-    int32_t count;
-    ImageSurface *last; // the one seen last, the lowest
-};
-
-Backend *backend_at(const FbServer *fs, int32_t i)
-{
-    return fs->backends != nullptr ? fs->backends[i] : nullptr;
-}
-
-bool has_alpha_output(const ImageSurface *surface)
-{
-    return surface->backend != nullptr && image_has_alpha(surface->backend->frame_img);
-}
 
 // On an output with alpha even hidden surfaces are drawn.
 bool takes_part(const ImageSurface *surface)
@@ -70,6 +53,13 @@ void collect_parts(ImageSurface *surface, Region *damage)
     region_make_empty(dirty);
 }
 
+// Nothing was reported since the last pass: true of most surfaces in most passes.
+bool is_unchanged(const ImageSurface *surface)
+{
+    return !surface_has(surface, SURFACE_DIRTY) && region_is_empty(&surface->dirty_region) &&
+           surface->reports.boxes == nullptr;
+}
+
 // What opaque surfaces hide is not taken out here but when it is assigned: all visible damage reaches the outputs.
 void collect_surface(const FbServer *fs, ImageSurface *surface)
 {
@@ -99,18 +89,38 @@ bool any_damage(const FbServer *fs)
 bool collect(const FbServer *fs)
 {
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
-        if (takes_part(fs->surfaces[i]))
-            collect_surface(fs, fs->surfaces[i]);
+        ImageSurface *surface = fs->surfaces[i];
+        if (!is_unchanged(surface) && takes_part(surface))
+            collect_surface(fs, surface);
     }
     return any_damage(fs);
 }
 
 // ---- assign ----
 
+// True when the opaque rectangle of the surface hides all of the damage; false also where that takes more to find out.
+bool hides_all(const ImageSurface *surface, const Region *damage)
+{
+    if (region_num_rects(&surface->opaque_area) != 1)
+        return false;
+    const Box *opaque = region_rects(&surface->opaque_area);
+    const Rect &seen = surface->drawing_area;
+    const int64_t x = surface->area.x1;
+    const int64_t y = surface->area.y1;
+    const Box &hidden = damage->extents;
+    return hidden.x1 >= seen.x1 && hidden.y1 >= seen.y1 && hidden.x2 <= seen.x2 && hidden.y2 <= seen.y2 &&
+           hidden.x1 >= opaque->x1 + x && hidden.y1 >= opaque->y1 + y && hidden.x2 <= opaque->x2 + x &&
+           hidden.y2 <= opaque->y2 + y;
+}
+
 void subtract_opaque(const ImageSurface *surface, Region *damage)
 {
     if (region_is_empty(&surface->opaque_area))
         return;
+    if (hides_all(surface, damage)) {
+        region_make_empty(damage);
+        return;
+    }
     Region opaque;
     region_init(&opaque, nullptr);
     region_copy(&opaque, &surface->opaque_area);
@@ -123,26 +133,36 @@ void subtract_opaque(const ImageSurface *surface, Region *damage)
 // Cheaper than the intersection, and mostly the answer: damage is small, surfaces are many.
 bool is_far_from(const Region *damage, const Rect &area)
 {
-    const Box &extents = damage->extents;
-    return area.x1 >= extents.x2 || area.x2 <= extents.x1 || area.y1 >= extents.y2 || area.y2 <= extents.y1;
+    return are_apart(damage->extents, area);
 }
 
-// Top to bottom; surfaces further down never draw what an opaque area above them hides.
+// True when the surface draws something.
+bool assign_surface(ImageSurface *surface, Region *damage)
+{
+    if (region_is_empty(damage) || is_far_from(damage, surface->drawing_area) || !takes_part(surface))
+        return false;
+    region_intersect_rect(&surface->aux_region, damage, &surface->drawing_area);
+    if (region_is_empty(&surface->aux_region))
+        return false;
+    region_add_i(surface->backend->clear_region, has_alpha_output(surface) ? damage : &surface->aux_region);
+    subtract_opaque(surface, damage);
+    return true;
+}
+
+// Top to bottom; surfaces further down never draw what an opaque area above them hides, and none is looked at when all
+// is hidden.
 Drawers assign(const FbServer *fs)
 {
-    Drawers drawers{0, nullptr};
+    Drawers drawers{0, 0, -1};
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
-        ImageSurface *surface = fs->surfaces[i];
-        Region *damage = damage_of(surface);
-        if (damage == nullptr || !takes_part(surface) || is_far_from(damage, surface->drawing_area))
+        Region *damage = damage_of(fs->surfaces[i]);
+        if (damage == nullptr || !assign_surface(fs->surfaces[i], damage))
             continue;
-        region_intersect_rect(&surface->aux_region, damage, &surface->drawing_area);
-        if (region_is_empty(&surface->aux_region))
-            continue;
-        region_add_i(surface->backend->clear_region, has_alpha_output(surface) ? damage : &surface->aux_region);
         drawers.count++;
-        drawers.last = surface;
-        subtract_opaque(surface, damage);
+        drawers.lowest = i;
+        drawers.highest = std::max(drawers.highest, i);
+        if (region_is_empty(damage) && !any_damage(fs))
+            break;
     }
     return drawers;
 }
@@ -191,174 +211,6 @@ bool clear_outputs(const FbServer *fs)
     return cleared;
 }
 
-// ---- present ----
-
-void set_alpha(xc_image *image, bool on)
-{
-    if (image == nullptr)
-        return;
-    image->flags = on ? image->flags | XC_IMAGE_ALPHA : image->flags & ~XC_IMAGE_ALPHA;
-}
-
-// The work image holds nothing valid where a direct surface went straight into the frame.
-void copy_to_frame(FbServer *fs, Backend *backend)
-{
-    Region *direct = backend->direct_region;
-    if (region_is_empty(direct)) {
-        image_render(fs, backend, backend->work_img, backend->frame_img, backend->clear_region, 0, 0, fs->rotation);
-        return;
-    }
-    region_subtract(direct, backend->clear_region, direct);
-    if (!region_is_empty(direct))
-        image_render(fs, backend, backend->work_img, backend->frame_img, direct, 0, 0, fs->rotation);
-    region_make_empty(direct);
-}
-
-// The second layer copies words as they are, alpha included, and counts as having alpha from its first present on.
-void present(FbServer *fs, Backend *backend)
-{
-    if (backend->secondary != 0) {
-        set_alpha(backend->work_img, false);
-        set_alpha(backend->frame_img, false);
-    }
-    copy_to_frame(fs, backend);
-    if (backend->secondary != 0) {
-        set_alpha(backend->work_img, true);
-        set_alpha(backend->frame_img, true);
-    }
-    backend->displayfunc->update(fs, backend->clear_region);
-    backend->displayfunc->flush(fs);
-    region_make_empty(backend->clear_region);
-    region_make_empty(backend->damage_region);
-}
-
-void present_all(FbServer *fs)
-{
-    for (int32_t i = 0; i < fs->n_backend; i++) {
-        Backend *backend = backend_at(fs, i);
-        if (backend != nullptr && !region_is_empty(backend->clear_region))
-            present(fs, backend);
-    }
-}
-
-// ---- draw ----
-
-// A surface alone in its pass goes into the work image turned, and without its colour plane. Its client on the second
-// layer has stored alpha in every pixel, and finds its image marked so afterwards.
-void draw_alone(FbServer *fs, ImageSurface *surface)
-{
-    Backend *backend = surface->backend;
-    if (backend->secondary != 0) {
-        set_alpha(surface->img, false);
-        set_alpha(backend->work_img, false);
-    }
-    image_render(fs, backend, surface->img, backend->work_img, &surface->aux_region, surface->area.x1, surface->area.y1,
-                 fs->rotation);
-    if (backend->secondary != 0) {
-        set_alpha(surface->img, true);
-        set_alpha(backend->work_img, true);
-    }
-    region_add_i(backend->clear_region, &surface->aux_region);
-    region_make_empty(&surface->aux_region);
-}
-
-// What shown surfaces above the one at `index` draw on the same output.
-void unite_above(const FbServer *fs, int32_t index, Region *covered)
-{
-    for (int32_t i = index + 1; i < fs->n_surface; i++) {
-        const ImageSurface *above = fs->surfaces[i];
-        if (surface_has(above, SURFACE_SHOWN) && above->backend == fs->surfaces[index]->backend &&
-            !region_is_empty(&above->aux_region))
-            region_add_i(covered, &above->aux_region);
-    }
-}
-
-// The uncovered part of a direct surface goes straight into the frame; only the rest is left to the work image.
-void draw_direct(FbServer *fs, int32_t index)
-{
-    ImageSurface *surface = fs->surfaces[index];
-    Backend *backend = surface->backend;
-    Region covered;
-    Region uncovered;
-    region_init(&covered, nullptr);
-    region_init(&uncovered, nullptr);
-    unite_above(fs, index, &covered);
-    region_intersect(&covered, &covered, &surface->aux_region);
-    region_subtract(&uncovered, &surface->aux_region, &covered);
-    if (!region_is_empty(&uncovered)) {
-        image_render(fs, backend, surface->img, backend->frame_img, &uncovered, surface->area.x1, surface->area.y1,
-                     fs->rotation);
-        backend->displayfunc->update(fs, &uncovered);
-        region_add_i(backend->direct_region, &uncovered);
-    }
-    region_copy(&surface->aux_region, &covered);
-    region_uninit(&covered);
-    region_uninit(&uncovered);
-}
-
-// True when all that the surface draws lies in the first rectangle that its client declared opaque: it is then copied
-// instead of blended. The rectangle is moved down by the surface's x, not its y; clients have tuned their opaque
-// areas to which of their pictures that makes fast.
-bool is_drawn_opaque(const ImageSurface *surface)
-{
-    if (!image_has_alpha(surface->img) || region_is_empty(&surface->opaque_area))
-        return false;
-    const Box *first = region_rects(&surface->opaque_area);
-    const int32_t x = surface->area.x1;
-    const Box moved = region_box(
-        Rect{wrap_add(first->x1, x), wrap_add(first->y1, x), wrap_add(first->x2, x), wrap_add(first->y2, x)});
-    return region_contained_in_rectangle(&surface->aux_region, &moved) != 0;
-}
-
-void draw_surface(FbServer *fs, int32_t index)
-{
-    ImageSurface *surface = fs->surfaces[index];
-    Backend *backend = surface->backend;
-    if (surface_has(surface, SURFACE_DIRECT))
-        draw_direct(fs, index);
-    const bool copied = is_drawn_opaque(surface);
-    if (copied)
-        set_alpha(surface->img, false);
-    if (surface->color_plane == -1)
-        image_render(fs, backend, surface->img, backend->work_img, &surface->aux_region, surface->area.x1,
-                     surface->area.y1, 0);
-    else
-        color_plane_paint(backend->work_img, &surface->aux_region, surface->color_plane);
-    if (copied)
-        set_alpha(surface->img, true);
-    region_add_i(backend->clear_region, &surface->aux_region);
-    region_make_empty(&surface->aux_region);
-}
-
-void draw_stack(FbServer *fs)
-{
-    for (int32_t i = 0; i < fs->n_surface; i++) {
-        const ImageSurface *surface = fs->surfaces[i];
-        const bool visited =
-            surface_has(surface, SURFACE_SHOWN) ? !region_is_empty(&surface->aux_region) : has_alpha_output(surface);
-        if (visited)
-            draw_surface(fs, i);
-    }
-}
-
-// Damage outside every surface stays with its output for a later pass.
-void draw(FbServer *fs, const Drawers &drawers, bool cleared)
-{
-    if (drawers.count == 0) {
-        if (cleared)
-            present_all(fs);
-    } else if (drawers.count == 1) {
-        draw_alone(fs, drawers.last);
-        if (cleared)
-            present_all(fs);
-        else
-            present(fs, drawers.last->backend);
-    } else {
-        draw_stack(fs);
-        present_all(fs);
-    }
-}
-
 // ---- faults ----
 
 void report_truncated(const FbServer *fs)
@@ -383,7 +235,7 @@ int fs_render(void *data)
     if (collect(fs)) {
         const Drawers drawers = assign(fs);
         const bool cleared = clear_outputs(fs);
-        draw(fs, drawers, cleared);
+        pass_draw(fs, drawers, cleared);
     } else {
         err_printf("dirty region is empty!!!!!!!!!!!!!!!!!!!!\n");
     }

@@ -34,9 +34,16 @@ void let_signals_in()
 int poll_with_signals(GPollFD *fds, guint n, gint timeout_ms)
 {
     static_assert(sizeof(GPollFD) == sizeof(pollfd));
+    // Requests have been handled and left a render behind: what arrived meanwhile can wait for that.
+    static bool was_busy;
+    if (timeout_ms == 0 && was_busy) {
+        was_busy = false;
+        return 0;
+    }
     timespec timeout{timeout_ms / 1000, timeout_ms % 1000 * 1000000L};
     const int ready =
         ppoll(reinterpret_cast<pollfd *>(fds), n, timeout_ms < 0 ? nullptr : &timeout, &mask_while_waiting);
+    was_busy = ready > 0;
     // A poll that need not wait lets no signal in: clients that flood would keep them out for ever. Now and then is
     // enough, and saves two system calls a turn.
     static unsigned turns_since;

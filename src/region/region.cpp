@@ -25,14 +25,27 @@ Region *unchanged(const Region *region)
     return const_cast<Region *>(region);
 }
 
+// One rectangle, or none: it may be written over.
+bool has_no_memory(const Region *region)
+{
+    return region->data == nullptr || region->data->size == 0;
+}
+
+// Stores what two boxes have in common. False, and nothing stored, when that is nothing.
+bool cross(const Box &a, const Box &b, Box *result)
+{
+    const Box common{std::max(a.x1, b.x1), std::max(a.y1, b.y1), std::min(a.x2, b.x2), std::min(a.y2, b.y2)};
+    if (is_empty(common))
+        return false;
+    *result = common;
+    return true;
+}
+
 // Where region_new finds no memory. It is an empty region that all such callers share and nobody frees.
 Region *broken_region()
 {
-    static Region region = [] {
-        Region empty;
-        pixman_region_init(&empty);
-        return empty;
-    }();
+    static Region region;
+    pixman_region_init(&region); // each time, not once: that would take the C++ library, for this alone
     return &region;
 }
 
@@ -76,16 +89,6 @@ void pixman_region_destroy(Region *region)
         return;
     region_uninit(region);
     free(region);
-}
-
-int region_num_rects(const Region *region)
-{
-    return pixman_region_n_rects(unchanged(region));
-}
-
-const Box *region_rects(const Region *region)
-{
-    return pixman_region_rectangles(unchanged(region), nullptr);
 }
 
 int region_copy(Region *dst, const Region *src)
@@ -132,6 +135,10 @@ int region_intersect(Region *result, const Region *a, const Region *b)
 int region_intersect_rect(Region *result, const Region *src, const Rect *rect)
 {
     const Box box = region_box(*rect);
+    if (src->data == nullptr && has_no_memory(result) && cross(src->extents, box, &result->extents)) {
+        result->data = nullptr;
+        return 1;
+    }
     Region one;
     region_init(&one, &box);
     return pixman_region_intersect(result, unchanged(src), &one);
@@ -173,11 +180,6 @@ void region_make_empty(Region *region)
     const Box extents = region->extents;
     pixman_region_clear(region);
     region->extents = Box{extents.x1, extents.y1, extents.x1, extents.y1};
-}
-
-int region_is_empty(const Region *region)
-{
-    return !pixman_region_not_empty(unchanged(region));
 }
 
 int region_contained_in_rectangle(const Region *region, const Box *box)

@@ -23,8 +23,14 @@ void region_uninit(Region *region);
 // Uninit, then free unless it is the broken-region marker. Null is allowed.
 void pixman_region_destroy(Region *region);
 
-int region_num_rects(const Region *region);
-const Box *region_rects(const Region *region);
+inline int region_num_rects(const Region *region)
+{
+    return region->data != nullptr ? static_cast<int>(region->data->numRects) : 1;
+}
+inline const Box *region_rects(const Region *region)
+{
+    return region->data != nullptr ? reinterpret_cast<const Box *>(region->data + 1) : &region->extents;
+}
 
 int region_copy(Region *dst, const Region *src);
 int region_union(Region *result, const Region *a, const Region *b);
@@ -40,7 +46,10 @@ void region_translate(Region *region, int32_t dx, int32_t dy);
 // Makes the region exactly `rect`, or empty when rect is empty or inverted.
 void region_reset(Region *region, const Rect *rect);
 void region_make_empty(Region *region);
-int region_is_empty(const Region *region);
+inline int region_is_empty(const Region *region)
+{
+    return region->data != nullptr && region->data->numRects == 0;
+}
 // 1 when every rectangle of the region lies inside the box; an empty region does.
 int region_contained_in_rectangle(const Region *region, const Box *box);
 // Writes the region to standard output, for debugging.

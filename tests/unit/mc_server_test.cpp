@@ -200,6 +200,33 @@ TEST_F(McServer, ABatchIsHandledBeforeIdleWorkOfItsFirstPacket)
     EXPECT_EQ(events.back(), "idle");
 }
 
+// A handler may run the main loop: its connection rests meanwhile, and does not keep that loop awake.
+TEST_F(McServer, AHandlerThatRunsTheLoopMeetsNoOtherRequestOfItsConnection)
+{
+    static Fd client;
+    static Wait inside;
+    client = raw_client("svc", "a");
+    settle();
+    events.clear();
+    mc_set_handler(
+        connections.at(0), "outer",
+        [](mc_connection *, mc_packet *) -> mc_packet * {
+            EXPECT_TRUE(raw_send(client, header(1, "inner", "")));
+            settle();
+            inside = next_wait();
+            events.push_back("outer");
+            return nullptr;
+        },
+        nullptr);
+    ASSERT_TRUE(raw_send(client, header(1, "outer", "")));
+    settle();
+    EXPECT_FALSE(inside.ready);
+    EXPECT_THAT(events, ElementsAre("outer", "a: inner "));
+    client.reset();
+    settle();
+    EXPECT_EQ(events.back(), "hup a");
+}
+
 TEST_F(McServer, AFloodStarvesNeitherAnotherClientNorIdleWork)
 {
     const Fd flood = raw_client("svc", "flood");

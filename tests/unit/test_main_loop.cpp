@@ -77,7 +77,56 @@ int end_by(int signal_number, const std::function<void()> &prepare)
     return wait_for(pid);
 }
 
+int late_request[2]; // arrives while the first one is handled
+bool rendered;
+
+gboolean render(gpointer)
+{
+    rendered = true;
+    return G_SOURCE_REMOVE;
+}
+
+gboolean take_request(gint fd, GIOCondition, gpointer)
+{
+    g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, render, nullptr, nullptr);
+    char byte;
+    const bool moved = read(fd, &byte, 1) == 1 && write(late_request[1], &byte, 1) == 1;
+    return moved ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+}
+
+gboolean take_late_request(gint, GIOCondition, gpointer)
+{
+    _exit(rendered ? ENDED : 1);
+}
+
+void watch_request(int fd, GUnixFDSourceFunc take)
+{
+    GSource *source = g_unix_fd_source_new(fd, G_IO_IN);
+    g_source_set_priority(source, G_PRIORITY_DEFAULT_IDLE);
+    g_source_set_callback(source, G_SOURCE_FUNC(take), nullptr, nullptr);
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
+}
+
 } // namespace
+
+// The render that requests leave behind comes next, without another look at the descriptors.
+TEST(MainLoop, ARenderGoesBeforeRequestsThatArriveLater)
+{
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        signals_install();
+        int request[2];
+        if (pipe(request) < 0 || pipe(late_request) < 0 || write(request[1], ".", 1) != 1)
+            _exit(2);
+        watch_request(late_request[0], take_late_request);
+        watch_request(request[0], take_request);
+        main_loop_run();
+        _exit(3);
+    }
+    EXPECT_EQ(wait_for(pid), ENDED);
+}
 
 TEST(MainLoop, ASignalEndsTheWaiting)
 {

@@ -1,0 +1,173 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""count.py PANEL SERVER CLIENT FILE [--write] - counts what one update costs the server, from the packet to the panel,
+and compares it with FILE: more by over 5 % is a failure. --write records the counts instead.
+
+callgrind counts a run with updates and one without; the difference is the updates'. See the head of FILE for what the
+counts are and on what they depend."""
+import collections
+import os
+import re
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+UPDATES = 200
+GROWTH = 1.05
+PIXELS_FROM = 'image_render('
+ALLOCATORS = {'malloc', 'calloc', 'realloc', 'reallocarray', 'aligned_alloc', 'posix_memalign'}
+
+
+class Profile:
+    """What a file of callgrind's tells: by (object, function) its own instructions, and who called whom how often."""
+
+    def __init__(self, path):
+        self.own = collections.Counter()
+        self.calls = collections.Counter()
+        self.system_calls = 0
+        names = {}
+        with open(path, encoding='utf-8', errors='replace') as lines:
+            self.read(lines, names)
+
+    @staticmethod
+    def name(names, kind, text):
+        """Names are given once, as "(7) name", and by number from then on."""
+        number, name = re.match(r'(\(\d+\))?\s*(.*)', text).groups()
+        if number is None:
+            return name
+        if name:
+            names[kind, number] = name
+        return names[kind, number]
+
+    def read(self, lines, names):
+        caller = callee = ob = callee_ob = ''
+        events = []
+        in_call = False
+        for line in lines:
+            key, _, rest = line.rstrip('\n').partition('=')
+            if line.startswith('events: '):
+                events = line.split()[1:]
+            elif key == 'ob':
+                ob = callee_ob = self.name(names, 'ob', rest)
+            elif key == 'cob':
+                callee_ob = self.name(names, 'ob', rest)
+            elif key == 'fn':
+                caller = (ob, self.name(names, 'fn', rest).split("'")[0])
+            elif key == 'cfn':
+                callee = (callee_ob, self.name(names, 'fn', rest).split("'")[0])
+            elif key == 'calls':
+                self.calls[caller, callee] += int(rest.split()[0])
+                callee_ob = ob
+                in_call = True
+            elif re.match(r'[+*\-\d]', line):
+                if not in_call:
+                    costs = dict(zip(events, map(int, line.split()[1:])))
+                    self.own[caller] += costs.get('Ir', 0)
+                    self.system_calls += costs.get('sysCount', 0)
+                in_call = False
+
+
+def below(profile, start):
+    """All that is called from these functions, and from what they call, within their object."""
+    found = set()
+    todo = list(start)
+    while todo:
+        function = todo.pop()
+        for caller, callee in profile.calls:
+            if caller == function and callee[0] == function[0] and callee not in found:
+                found.add(callee)
+                todo.append(callee)
+    return found
+
+
+def counts_of(profile, server):
+    program = os.path.realpath(server)
+    ours = {function for function in profile.own if os.path.realpath(function[0]) == program}
+    pixels = below(profile, [function for function in ours if function[1].startswith(PIXELS_FROM)])
+    if not pixels:
+        sys.exit('count: nothing is called from image_render; is the program stripped?')
+    rest = ours - pixels
+    return collections.Counter({
+        'instructions': sum(profile.own[function] for function in rest),
+        'library_calls': sum(n for (caller, callee), n in profile.calls.items()
+                             if caller in rest and os.path.realpath(callee[0]) != program),
+        'allocations': sum(n for (_, callee), n in profile.calls.items() if callee[1] in ALLOCATORS),
+        'system_calls': profile.system_calls,
+    })
+
+
+def accepts(path):
+    """The socket is there a moment before its server listens."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as client:
+        return client.connect_ex(path) == 0
+
+
+def wait_until(condition, process, what):
+    until = time.monotonic() + 60
+    while not condition():
+        if process.poll() is not None or time.monotonic() > until:
+            sys.exit(f'count: {what}')
+        time.sleep(0.02)
+
+
+def end(process):
+    process.terminate()
+    try:
+        process.wait(30)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
+
+
+def run(panel, server, client, updates):
+    with tempfile.TemporaryDirectory(prefix='pfb-count-') as folder:
+        out = os.path.join(folder, 'callgrind')
+        own = os.path.join(folder, 'pfbpanel-count')
+        env = dict(os.environ, XDG_RUNTIME_DIR=folder, GLIBC_TUNABLES='')
+        env.pop('MC_RUNTIME_DIR', None)
+        command = [panel, '--size', '480x272', '--format', 'xrgb8888', '--name', 'count', '--', 'valgrind',
+                   '--tool=callgrind', '--collect-systime=yes', f'--callgrind-out-file={out}', server]
+        with open(os.path.join(folder, 'log'), 'w+', encoding='utf-8') as log:
+            process = subprocess.Popen(command, env=env, stdout=log, stderr=log)
+            try:
+                wait_until(lambda: accepts(os.path.join(own, 'pfb.mc')), process, 'the server does not start')
+                subprocess.run([client, os.path.join(own, 'dev', 'fb0'), str(updates)],
+                               env=dict(env, MC_RUNTIME_DIR=own), check=True, timeout=60)
+            finally:
+                end(process)
+        return counts_of(Profile(out), server)
+
+
+def read_recorded(path):
+    with open(path, encoding='utf-8') as file:
+        lines = [line.split() for line in file if line.strip() and not line.startswith('#')]
+    return {name: float(count) for name, count in lines}
+
+
+def write_recorded(path, counts):
+    with open(path, encoding='utf-8') as file:
+        head = [line for line in file if line.startswith('#')]
+    with open(path, 'w', encoding='utf-8') as file:
+        file.writelines(head + [f'{name} {count:g}\n' for name, count in counts.items()])
+
+
+def main():
+    panel, server, client, path = sys.argv[1:5]
+    with_updates, without = (run(panel, server, client, n) for n in (UPDATES, 0))
+    counts = {name: round((with_updates[name] - without[name]) / UPDATES, 1) for name in with_updates}
+    if '--write' in sys.argv:
+        write_recorded(path, counts)
+    recorded = read_recorded(path)
+    failed = False
+    for name, count in counts.items():
+        grown = count > recorded[name] * GROWTH
+        failed = failed or grown
+        print(f'{name}: {count:g}, recorded {recorded[name]:g}{": GROWN" if grown else ""}')
+    if failed:
+        sys.exit(f'count: an update costs over 5 % more than {os.path.basename(path)} says')
+
+
+if __name__ == '__main__':
+    main()
