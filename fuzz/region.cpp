@@ -75,9 +75,12 @@ Bitmap moved(const Bitmap &bitmap, int32_t dx, int32_t dy)
     Bitmap result;
     for (size_t y = 0; y < CELLS; y++) {
         for (size_t x = 0; x < CELLS; x++) {
-            const int from_x = cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[x]} - dx, INT_MIN, INT_MAX)));
-            const int from_y = cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[y]} - dy, INT_MIN, INT_MAX)));
-            result[y][x] = from_x >= 0 && from_y >= 0 && bitmap[static_cast<size_t>(from_y)][static_cast<size_t>(from_x)];
+            const int from_x =
+                cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[x]} - dx, INT_MIN, INT_MAX)));
+            const int from_y =
+                cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[y]} - dy, INT_MIN, INT_MAX)));
+            result[y][x] =
+                from_x >= 0 && from_y >= 0 && bitmap[static_cast<size_t>(from_y)][static_cast<size_t>(from_x)];
         }
     }
     return result;
@@ -150,7 +153,8 @@ void check(const State &s, int which)
 // An edge of a cell, or beyond the plane.
 int32_t coordinate(FuzzInput &in)
 {
-    static const int32_t beyond[] = {INT32_MIN, INT32_MIN + 1, SHRT_MIN - 1, SHRT_MAX + 1, 40000, -40000, 65536, INT32_MAX};
+    static const int32_t beyond[] = {INT32_MIN, INT32_MIN + 1, SHRT_MIN - 1, SHRT_MAX + 1,
+                                     40000,     -40000,        65536,        INT32_MAX};
     const uint8_t kind = in.byte();
     if (kind < 200)
         return kind < 100 ? kind % MIDDLE - MIDDLE / 2 : EDGES[kind % EDGES.size()];
@@ -167,7 +171,6 @@ Rect rectangle(FuzzInput &in)
         std::swap(rect.y1, rect.y2);
     return rect;
 }
-
 
 int32_t distance(FuzzInput &in)
 {

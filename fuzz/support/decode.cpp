@@ -160,7 +160,7 @@ bool is_too_large(const std::vector<Argument> &scale)
 {
     const int64_t pixels = int64_t{scale[6].number} * scale[7].number;
     const bool has_sizes = scale[6].number > 0 && scale[7].number > 0;
-    return has_sizes && 4 * pixels > MOST_SCALED_BYTES && 2 * pixels <= INT32_MAX;
+    return has_sizes && pixels > MOST_SCALED_BYTES / 4 && pixels <= INT32_MAX / 2;
 }
 
 std::vector<Argument> scale_arguments(Decoder &d, int slot)
