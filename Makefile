@@ -8,7 +8,7 @@ FORMAT ?= xrgb8888
 TIME ?= 60
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-clang test-compilers soak e2e arm check format sanitize install clean
+.PHONY: help build demo panel test test-clang test-compilers soak fuzz e2e arm check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -20,6 +20,7 @@ help:
 	@echo 'make test-compilers  all builds with clang, and all tests in each'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
+	@echo 'make fuzz            fuzzes each target in fuzz/ by clang and libFuzzer (TIME=SECONDS per target)'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
 	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors (not yet run to the end)'
 	@echo 'make check           formatting, clang-tidy, shell scripts, the direction of includes'
@@ -64,6 +65,10 @@ soak:
 	@scripts/build sanitized
 	@PFB_HISTORY_SECONDS=$(TIME) build/sanitized/tests/server/test_histories
 
+fuzz:
+	@scripts/deps build demo clang
+	@TIME=$(TIME) scripts/fuzz
+
 e2e:
 	@scripts/e2e
 
@@ -76,7 +81,8 @@ check:
 
 format:
 	@scripts/deps check
-	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'examples/*.c' 'examples/*.h' \
+	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'fuzz/*.cpp' 'fuzz/*.h' \
+		'examples/*.c' 'examples/*.h' \
 		':!tests/e2e/module' | \
 		xargs clang-format -i
 

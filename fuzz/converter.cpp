@@ -22,16 +22,16 @@ struct Buffer {
     GuardedBuffer memory;
     size_t size;
 
-    Buffer(size_t bytes, FuzzInput &in, size_t unit)
-        : memory(bytes, in.chance(96) ? GuardedBuffer::AT_START : GuardedBuffer::AT_END,
-                 pixel_gap(bytes) + unit * static_cast<size_t>(in.below(8))),
+    Buffer(size_t bytes, FuzzInput &in, size_t unit) : Buffer(bytes, in, unit, in.chance(96)) {}
+    Buffer(size_t bytes, FuzzInput &in, size_t unit, bool at_start)
+        : memory(bytes, at_start ? GuardedBuffer::AT_START : GuardedBuffer::AT_END,
+                 (at_start ? 0 : pixel_gap(bytes)) + unit * static_cast<size_t>(in.below(8))),
           size(bytes)
     {
         std::fill(memory.all().begin(), memory.all().end(), AROUND);
         const uint8_t style = in.byte();
         history_draw(data(), size, style % 4, style);
     }
-    // The start of the buffer at its own alignment, whatever its size is.
     uint8_t *data() const { return memory.data(); }
     std::vector<uint8_t> bytes() const { return {data(), data() + size}; }
 
