@@ -300,6 +300,28 @@ Action toggle(int device)
     return a;
 }
 
+// Scattered damage: the server collects so much of it in another way.
+Action next_of_burst(Decoder &d)
+{
+    auto &burst = d.burst;
+    burst.left--;
+    Action a;
+    a.kind = Action::REQUEST;
+    a.client = burst.client;
+    a.word = "dirty";
+    a.arguments = {as_number(burst.random.below(burst.w)), as_number(burst.random.below(burst.h)),
+                   as_number(burst.random.between(1, 2)), as_number(burst.random.between(1, 2))};
+    return a;
+}
+
+Action start_burst(Decoder &d, int slot)
+{
+    const auto &client = d.slots[slot];
+    d.burst = {client.client, 64 + d.in.byte() / 2, std::clamp(client.w, 1, 200), std::clamp(client.h, 1, 200), {}};
+    d.burst.random.state = d.in.byte();
+    return next_of_burst(d);
+}
+
 // ---- devices ----
 
 model::Device device(FuzzInput &in)
@@ -356,7 +378,17 @@ Decoder decode_start(FuzzInput in)
 
 Action decode_action(Decoder &d)
 {
-    enum { RENDER = sizeof WORDS / sizeof *WORDS, CREATE = 36, CONNECT = 41, DRAW = 46, TRUNCATE = 58, TOGGLE = 62 };
+    enum {
+        RENDER = sizeof WORDS / sizeof *WORDS,
+        CREATE = 36,
+        CONNECT = 41,
+        DRAW = 46,
+        TRUNCATE = 58,
+        BURST = 60,
+        TOGGLE = 62
+    };
+    if (d.burst.left > 0)
+        return next_of_burst(d);
     const uint8_t byte = d.in.byte();
     const int slot = byte % Decoder::SLOTS;
     const int kind = byte / Decoder::SLOTS;
@@ -364,6 +396,8 @@ Action decode_action(Decoder &d)
         return {};
     if (kind >= TOGGLE)
         return toggle(kind % 2);
+    if (kind >= BURST && d.slots[slot].client != 0)
+        return start_burst(d, slot);
     if (kind >= DRAW)
         return change_object(d, kind >= TRUNCATE);
     if (kind >= CONNECT || d.slots[slot].client == 0)

@@ -22,6 +22,11 @@ struct Decoder {
         uint32_t size; // bytes
     };
     std::vector<Object> objects;
+    struct {
+        int client, left; // reports of damage that are still to come
+        int32_t w, h;     // all over this surface
+        Random random;
+    } burst;
 };
 
 Decoder decode_start(FuzzInput in);

@@ -330,7 +330,7 @@ void play_status()
 bool play_actions(Decoder &d)
 {
     const bool prints = getenv("PFB_FUZZ_PRINT") != nullptr;
-    for (int i = 0; i < MOST_ACTIONS && !d.in.empty(); i++) {
+    for (int i = 0; i < MOST_ACTIONS && (!d.in.empty() || d.burst.left > 0); i++) {
         const Action a = decode_action(d);
         if (prints)
             fprintf(stderr, "%s", history_text({a}).c_str());
