@@ -180,6 +180,14 @@ int note_hangup(mc_connection *connection)
     return mc_close(connection);
 }
 
+// A handler that leaves the closing to somebody else.
+int leave_open(mc_connection *connection)
+{
+    if (connection->source != nullptr)
+        fuzz_finding("a client has gone, and its connection still waits for it");
+    return 0;
+}
+
 void check_counts()
 {
     unsigned open = 0, ungreeted = 0;
@@ -227,7 +235,8 @@ void note_connection(mc_factory *, mc_connection *connection, void *)
     if (strcmp(mc_connection_name(connection), "later") != 0)
         mc_glib_init(connection);
     mc_set_handler(connection, "", note_request, nullptr);
-    mc_set_hup_handler(connection, note_hangup, nullptr);
+    const bool stays = strcmp(mc_connection_name(connection), "stays") == 0;
+    mc_set_hup_handler(connection, stays ? leave_open : note_hangup, nullptr);
 }
 
 // As the service adopts an accepted client, without a listening socket.
@@ -262,7 +271,7 @@ std::string with_serial(const mc_packet *packet)
 
 std::string greeting(FuzzInput &in)
 {
-    static const char *const names[] = {"", "refused", "later", "plain"};
+    static const char *const names[] = {"stays", "refused", "later", "plain"};
     const uint8_t kind = in.byte();
     const std::string name = kind < 64 ? names[kind % 4] : std::string(kind * 2 - 128, '\x1b');
     Packet packet{mc_packet_new_command("connect"), mc_packet_free};
@@ -283,9 +292,10 @@ std::string request(FuzzInput &in)
             mc_packet_build_args(packet.get(), "s", std::string(kind, 's').c_str());
     }
     std::string bytes = with_serial(packet.get());
-    const uint8_t damage = in.byte();
-    if (damage < 64)
-        bytes[damage % bytes.size()] = static_cast<char>(in.byte());
+    if (in.chance(96)) // damaged
+        bytes[in.half() % bytes.size()] = static_cast<char>(in.byte());
+    if (in.chance(24))
+        bytes.resize(in.half() % (bytes.size() + 5));
     return bytes;
 }
 
@@ -408,9 +418,12 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     mc_set_log(no_log);
     FuzzInput in{data, data + size};
-    if (in.byte() & 1)
-        serve(in);
-    else
+    const int kind = in.below(3);
+    if (kind == 0)
         decode({in.at, in.end});
+    else if (kind == 1)
+        decode(request(in));
+    else
+        serve(in);
     return 0;
 }

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr int N_REGIONS = 4;
-constexpr int MOST_STEPS = 200;
+constexpr int MOST_STEPS = 80;
 constexpr int RIM = 20;    // unit cells at either end
 constexpr int MIDDLE = 24; // unit cells around 0
 constexpr int CELLS = RIM + 1 + MIDDLE + 1 + RIM;
