@@ -8,7 +8,7 @@ FORMAT ?= xrgb8888
 TIME ?= 60
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-clang test-compilers soak bench e2e arm packages check format sanitize install clean
+.PHONY: help build demo panel test test-clang test-compilers soak fuzz bench e2e arm packages check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -20,6 +20,7 @@ help:
 	@echo 'make test-compilers  all builds with clang, and all tests in each'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
+	@echo 'make fuzz            fuzzes each target in fuzz/ by clang and libFuzzer (TIME=SECONDS per target)'
 	@echo 'make bench           processor time, latency, memory, start and growth, beside Xvfb, Weston and a bare loop:'
 	@echo '                     writes docs/performance.md, plots in build/bench/results'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
@@ -69,6 +70,10 @@ soak:
 	@scripts/build sanitized
 	@PFB_HISTORY_SECONDS=$(TIME) build/sanitized/tests/server/test_histories
 
+fuzz:
+	@scripts/deps build demo clang
+	@TIME=$(TIME) scripts/fuzz
+
 bench:
 	@scripts/deps build bench
 	@scripts/build bench -Dbench=true
@@ -90,7 +95,7 @@ check:
 
 format:
 	@scripts/deps check
-	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'examples/*.c' 'examples/*.h' 'bench/*.c' 'bench/*.cpp' 'bench/*.h' \
+	@git ls-files 'src/*.c' 'src/*.cpp' 'src/*.h' 'tests/*.c' 'tests/*.cpp' 'tests/*.h' 'examples/*.c' 'examples/*.h' 'fuzz/*.cpp' 'fuzz/*.h' 'bench/*.c' 'bench/*.cpp' 'bench/*.h' \
 		':!tests/e2e/module' | \
 		xargs clang-format -i
 

@@ -34,8 +34,8 @@ bool watch(const pfb_client *client, int operation, int fd, uint32_t events)
 void set_timer(const pfb_client *client, int64_t at_ms) // 0: off
 {
     itimerspec time = {};
-    time.it_value.tv_sec = at_ms / 1000;
-    time.it_value.tv_nsec = at_ms % 1000 * 1000000;
+    time.it_value.tv_sec = static_cast<time_t>(at_ms / 1000);
+    time.it_value.tv_nsec = static_cast<long>(at_ms % 1000 * 1000000);
     timerfd_settime(client->timer_fd, TFD_TIMER_ABSTIME, &time, nullptr);
 }
 

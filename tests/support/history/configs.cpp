@@ -10,8 +10,9 @@ uint32_t pixel_size(uint32_t depth)
     return depth == 8 ? 1 : depth == 16 ? 2 : depth == 24 ? 3 : 4;
 }
 
-// Rows of `padding` bytes more than the picture, and `more` bytes (or fewer) than all rows.
-model::Device device(uint32_t depth, int32_t w, int32_t h, uint32_t padding, int more)
+} // namespace
+
+model::Device history_device(uint32_t depth, int32_t w, int32_t h, uint32_t padding, int more)
 {
     model::Device d;
     d.width = w;
@@ -32,10 +33,9 @@ model::Device device(uint32_t depth, int32_t w, int32_t h, uint32_t padding, int
     return d;
 }
 
-} // namespace
-
 const std::vector<Config> &history_configs()
 {
+    constexpr auto device = history_device;
     static const std::vector<Config> configs = {
         {"16", 64, 48, device(16, 64, 48, 0, 0), device(32, 64, 48, 0, 0), false, true},
         {"16-padded-argb", -1, -1, device(16, 64, 48, 14, 400), device(32, 64, 48, 24, 100), true, true},

@@ -41,6 +41,8 @@ struct Random {
     bool chance(int percent) { return below(100) < percent; }
 };
 
+// Rows of `padding` bytes more than the picture, and `more` bytes (or fewer) than all rows.
+model::Device history_device(uint32_t depth, int32_t w, int32_t h, uint32_t padding, int more);
 const std::vector<Config> &history_configs();
 model::Model history_model(const Config &config);
 // `length` actions or a few more. With `may_abort` the last one may be one that the server must abort at.

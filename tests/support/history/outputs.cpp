@@ -99,6 +99,15 @@ void memory_output_set(int which, const model::Device &device, const uint8_t *co
     memcpy(output.memory, contents, device.memory);
 }
 
+void memory_output_drop(int which)
+{
+    auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    MemoryOutput &output = memory_outputs[which];
+    auto pages = static_cast<size_t>(output.last - output.first);
+    munmap(const_cast<uint8_t *>(output.first) - page, pages + 2 * page);
+    output = {};
+}
+
 bool memory_outputs_unharmed()
 {
     for (const MemoryOutput &output : memory_outputs) {

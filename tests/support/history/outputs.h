@@ -20,4 +20,5 @@ extern std::vector<std::string> memory_output_calls;
 
 // `contents`: device.memory bytes that the device shows before it is opened.
 void memory_output_set(int which, const model::Device &device, const uint8_t *contents);
+void memory_output_drop(int which);
 bool memory_outputs_unharmed();

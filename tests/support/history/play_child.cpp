@@ -15,6 +15,7 @@
 #include "../../../src/fbserver/connection.h"
 #include "outputs.h"
 #include "play.h"
+#include "server_side.h"
 
 namespace {
 
@@ -66,34 +67,6 @@ void make_object(Player &p, const Action &a)
     history_draw(o.data, o.memory.size, a.style, a.seed);
 }
 
-mc_packet *packet_of(const Action &a, const std::string &object)
-{
-    mc_packet *packet = mc_packet_new_command(a.word.c_str());
-    for (const model::Argument &argument : a.arguments) {
-        const std::string &text = a.object && &argument == &a.arguments.back() ? object : argument.text;
-        if (argument.type == 'i')
-            mc_packet_build_args(packet, "i", argument.number);
-        else
-            mc_packet_build_args(packet, "s", text.c_str());
-    }
-    return packet;
-}
-
-model::Reply reply_of(mc_packet *packet)
-{
-    if (!packet)
-        return {};
-    std::vector<int32_t> values;
-    int32_t value = 0;
-    const char *signature = mc_packet_signature(packet);
-    if (strcmp(signature, "i") == 0 && mc_packet_parse_args(packet, "i", &value) == 1)
-        values.push_back(value);
-    else if (*signature != '\0')
-        values.assign(strlen(signature), -99);
-    mc_packet_free(packet);
-    return values;
-}
-
 void object_action(Player &p, const Action &a)
 {
     auto found = p.objects.find(a.object);
@@ -118,12 +91,8 @@ model::Reply server_do(Player &p, const Action &a, const std::string &object)
         p.connections[a.client] = mc_connection_new(-1, a.word.c_str());
         break;
     case Action::REQUEST:
-        if (there) {
-            mc_packet *packet = packet_of(a, object);
-            model::Reply reply = reply_of(handle_command(connection->second, packet));
-            mc_packet_free(packet);
-            return reply;
-        }
+        if (there)
+            return history_ask(connection->second, a, object);
         break;
     case Action::HANG_UP:
         if (there) {
@@ -146,44 +115,6 @@ model::Reply server_do(Player &p, const Action &a, const std::string &object)
 }
 
 // ---- the comparison ----
-
-std::string records_text(const model::Model &m)
-{
-    std::string text;
-    model::print(text, "screen %d x %d turned %d, pending %d, locks %d of which for turning %d, selected %d", m.w, m.h,
-                 m.rotation, m.pending, m.lock_count, m.rotation_lock, m.selected);
-    for (int which : m.in_use)
-        model::print(text, "; %s: %d users, %d synchronised", which == model::SECOND ? "fb2" : "fb",
-                     m.outputs[which].use_count, m.outputs[which].sync_count);
-    return text;
-}
-
-std::string server_records_text()
-{
-    std::string text;
-    model::print(text, "screen %d x %d turned %d, pending %d, locks %d of which for turning %d, selected %d", fs->w,
-                 fs->h, fs->rotation, fs->idle_source != 0, fs->lock_count, fs->rotation_lock, selected_surface_index);
-    for (int i = 0; i < fs->n_backend; i++)
-        model::print(text, "; %s: %d users, %d synchronised", fs->backends[i]->name, fs->backends[i]->use_count,
-                     fs->backends[i]->sync_count);
-    return text;
-}
-
-std::string compare_memory(const model::Model &m, int which)
-{
-    const std::vector<uint8_t> &expected = m.outputs[which].frame.bytes;
-    const uint8_t *found = memory_outputs[which].memory;
-    if (expected.empty() || memcmp(expected.data(), found, expected.size()) == 0)
-        return {};
-    std::string text;
-    size_t at = 0;
-    while (expected[at] == found[at])
-        at++;
-    uint32_t stride = m.outputs[which].device.stride;
-    model::print(text, "memory of %s differs first at byte %zu (row %zu, byte %zu of it): expected %02x, found %02x\n",
-                 which == model::SECOND ? "fb2" : "fb", at, at / stride, at % stride, expected[at], found[at]);
-    return text;
-}
 
 std::string compare_texts(Player &p)
 {
@@ -209,11 +140,9 @@ std::string compare(Player &p, const model::Reply &expected_reply, const model::
         wrong += different("calls of the outputs", expected_calls, calls);
     p.m.calls.clear();
     memory_output_calls.clear();
-    std::string expected = records_text(p.m), found = server_records_text();
-    if (expected != found)
-        wrong += different("records", expected, found);
-    wrong += compare_memory(p.m, model::PRIMARY);
-    wrong += compare_memory(p.m, model::SECOND);
+    wrong += history_compare_records(p.m);
+    wrong += history_compare_memory(p.m, model::PRIMARY);
+    wrong += history_compare_memory(p.m, model::SECOND);
     if (!memory_outputs_unharmed())
         wrong += "a byte before an output's memory was written\n";
     return wrong;
@@ -306,7 +235,8 @@ void history_play_child(const Channel &channel, const Config &config, const Hist
     fs_destroy(fs);
     for (int which : p.m.in_use)
         p.m.outputs[which].frame.bytes.assign(p.m.outputs[which].frame.bytes.size(), 0);
-    std::string wrong = compare_memory(p.m, model::PRIMARY) + compare_memory(p.m, model::SECOND) + compare_texts(p);
+    std::string wrong =
+        history_compare_memory(p.m, model::PRIMARY) + history_compare_memory(p.m, model::SECOND) + compare_texts(p);
     if (!wrong.empty())
         child_report(p, "after the end: " + wrong);
     _exit(0);

@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: MIT
+// Put between the server and the outside by the linker (--wrap): a failed assertion becomes an exception, because the
+// end of the process would end the fuzzing; and what the server prints is kept in memory.
+#include <cerrno>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "fuzz.h"
+
+Printed fuzz_printed;
+
+// The names that the linker looks for; assert_failed is a C++ function.
+[[noreturn]] void fuzz_assert_failed(const char *expression, const char *file, unsigned line,
+                                     const char *function) asm("__wrap__Z13assert_failedPKcS0_jS0_");
+ssize_t fuzz_send(int fd, const void *bytes, size_t n, int flags) asm("__wrap_send");
+ssize_t real_send(int fd, const void *bytes, size_t n, int flags) asm("__real_send");
+int fuzz_poll(pollfd *entries, nfds_t n, int timeout_ms) asm("__wrap_poll");
+int real_poll(pollfd *entries, nfds_t n, int timeout_ms) asm("__real_poll");
+
+namespace {
+
+bool is_standard_stream(int fd)
+{
+    return fd == STDOUT_FILENO || fd == STDERR_FILENO;
+}
+
+} // namespace
+
+void fuzz_assert_failed(const char *expression, const char *, unsigned, const char *function)
+{
+    throw FailedAssertion{expression, function};
+}
+
+ssize_t fuzz_send(int fd, const void *bytes, size_t n, int flags)
+{
+    if (!is_standard_stream(fd))
+        return real_send(fd, bytes, n, flags);
+    (fd == STDOUT_FILENO ? fuzz_printed.out : fuzz_printed.err).append(static_cast<const char *>(bytes), n);
+    return static_cast<ssize_t>(n);
+}
+
+int fuzz_poll(pollfd *entries, nfds_t n, int timeout_ms)
+{
+    if (n != 1 || !is_standard_stream(entries->fd))
+        return real_poll(entries, n, timeout_ms);
+    entries->revents = entries->events;
+    return 1;
+}
