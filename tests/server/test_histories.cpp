@@ -2,7 +2,7 @@
 // Random histories of clients and devices, played on the server and on the model.
 //   PFB_HISTORY=config:seed       plays one history (a negative seed: one that may end in an abort)
 //   PFB_HISTORY_SECONDS=n         plays for n seconds per configuration, from a new seed
-//   PFB_HISTORY_COMMANDS=n        plays at least n commands per configuration, instead of 40000
+//   PFB_HISTORY_COMMANDS=n        plays at least n commands per configuration, instead of 20000
 //   PFB_HISTORY_SEED=n            starts from another seed
 //   PFB_HISTORY_SHRINK=0          reports a history that goes wrong as it is
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int COMMANDS = 40000; // at least, in each configuration
+constexpr int COMMANDS = 20000; // at least, in each configuration
 constexpr int LENGTH = 250;     // of one history
 constexpr int ABORT_EVERY = 6;  // histories of which one may end in an abort
 constexpr int MAY_ABORT = 1000; // its length at most
