@@ -53,8 +53,8 @@ Session *session; // the one that is played
 int fuzz_shm_open(const char *name, int flags, mode_t mode) asm("__wrap_shm_open");
 int fuzz_shm_unlink(const char *name) asm("__wrap_shm_unlink");
 // What is mapped has to be unmapped also where the server lost it.
-void *fuzz_client_memory_map(int fd, size_t bytes) asm("__wrap__Z17client_memory_mapim");
-void *real_client_memory_map(int fd, size_t bytes) asm("__real__Z17client_memory_mapim");
+void *fuzz_client_memory_map(int fd, size_t bytes) asm("__wrap_" CLIENT_MEMORY_MAP);
+void *real_client_memory_map(int fd, size_t bytes) asm("__real_" CLIENT_MEMORY_MAP);
 
 int fuzz_shm_open(const char *name, int, mode_t)
 {

@@ -15,6 +15,10 @@ Printed fuzz_printed;
                                      const char *function) asm("__wrap__Z13assert_failedPKcS0_jS0_");
 ssize_t fuzz_send(int fd, const void *bytes, size_t n, int flags) asm("__wrap_send");
 ssize_t real_send(int fd, const void *bytes, size_t n, int flags) asm("__real_send");
+ssize_t fuzz_write(int fd, const void *bytes, size_t n) asm("__wrap_write");
+ssize_t real_write(int fd, const void *bytes, size_t n) asm("__real_write");
+int fuzz_isatty(int fd) asm("__wrap_isatty");
+int real_isatty(int fd) asm("__real_isatty");
 int fuzz_poll(pollfd *entries, nfds_t n, int timeout_ms) asm("__wrap_poll");
 int real_poll(pollfd *entries, nfds_t n, int timeout_ms) asm("__real_poll");
 
@@ -23,6 +27,12 @@ namespace {
 bool is_standard_stream(int fd)
 {
     return fd == STDOUT_FILENO || fd == STDERR_FILENO;
+}
+
+ssize_t keep(int fd, const void *bytes, size_t n)
+{
+    (fd == STDOUT_FILENO ? fuzz_printed.out : fuzz_printed.err).append(static_cast<const char *>(bytes), n);
+    return static_cast<ssize_t>(n);
 }
 
 } // namespace
@@ -34,10 +44,18 @@ void fuzz_assert_failed(const char *expression, const char *, unsigned, const ch
 
 ssize_t fuzz_send(int fd, const void *bytes, size_t n, int flags)
 {
-    if (!is_standard_stream(fd))
-        return real_send(fd, bytes, n, flags);
-    (fd == STDOUT_FILENO ? fuzz_printed.out : fuzz_printed.err).append(static_cast<const char *>(bytes), n);
-    return static_cast<ssize_t>(n);
+    return is_standard_stream(fd) ? keep(fd, bytes, n) : real_send(fd, bytes, n, flags);
+}
+
+// Where the stream is a file, a pipe or a terminal.
+ssize_t fuzz_write(int fd, const void *bytes, size_t n)
+{
+    return is_standard_stream(fd) ? keep(fd, bytes, n) : real_write(fd, bytes, n);
+}
+
+int fuzz_isatty(int fd)
+{
+    return is_standard_stream(fd) ? 0 : real_isatty(fd);
 }
 
 int fuzz_poll(pollfd *entries, nfds_t n, int timeout_ms)
