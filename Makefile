@@ -8,7 +8,7 @@ FORMAT ?= xrgb8888
 TIME ?= 60
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test test-clang test-compilers soak fuzz bench e2e arm packages check format sanitize install clean
+.PHONY: help build demo panel test build-clang test-clang soak fuzz bench e2e arm packages check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -16,8 +16,8 @@ help:
 	@echo 'make panel           the same, kept running; refreshes build/panel.png until Ctrl-C'
 	@echo 'make build           everything that is installed, in build/product'
 	@echo 'make test            debug, sanitized and release builds with gcc, and all tests in each'
-	@echo 'make test-clang      all builds with clang, and the tests in one of them'
-	@echo 'make test-compilers  all builds with clang, and all tests in each'
+	@echo 'make build-clang     everything that is installed, by clang, in build/clang-product'
+	@echo 'make test-clang      the tests as well: all builds with clang, and all tests in each'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
 	@echo 'make fuzz            fuzzes each target in fuzz/ by clang and libFuzzer (TIME=SECONDS per target)'
@@ -51,13 +51,11 @@ test:
 	@scripts/deps build demo test
 	@scripts/test debug sanitized release
 
-test-clang:
-	@scripts/deps build demo clang test
-	@scripts/build clang-sanitized -Dtests=false
-	@scripts/build clang-release -Dtests=false
-	@scripts/test clang-debug
+build-clang:
+	@scripts/deps build clang
+	@scripts/build clang-product
 
-test-compilers:
+test-clang:
 	@scripts/deps build demo test clang
 	@scripts/test clang-debug clang-sanitized clang-release
 
