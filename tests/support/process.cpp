@@ -242,16 +242,6 @@ void Pipe::close_write()
     fds_[1] = -1;
 }
 
-std::string without_emulators_line(std::string text)
-{
-    static constexpr char START[] = "qemu: uncaught target signal ";
-    const size_t line = text.rfind('\n', text.size() < 2 ? 0 : text.size() - 2);
-    const size_t start = line == std::string::npos ? 0 : line + 1;
-    if (text.compare(start, sizeof START - 1, START) == 0)
-        text.erase(start);
-    return text;
-}
-
 const std::string &Pipe::text()
 {
     char bytes[65536];

@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "emulator.h"
+
 inline constexpr int WAIT_SECONDS = 60;
 
 // Asks again and again until the predicate holds. False after WAIT_SECONDS.
@@ -46,8 +48,6 @@ ProgramResult program_run(ProgramStart start);
 int shell_status(int status);
 
 std::string link_target(const std::string &path); // "" for what is no link
-// An emulated processor has the last word when a program of its dies. It is not the program's, and is left out.
-std::string without_emulators_line(std::string text);
 std::string file_text(const std::string &path);
 bool file_exists(const std::string &path);
 size_t count_of(const std::string &text, const std::string &part);

@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "../emulator.h"
+
 std::string file_from(int fd, off_t &at)
 {
     std::string text;
@@ -88,7 +90,7 @@ std::string judge_abort(const Channel &channel, std::string report, int status)
     std::string function = next_line(report), expression = next_line(report);
     off_t out_at = std::stol(next_line(report)), err_at = std::stol(next_line(report));
     size_t out_size = std::stoul(next_line(report));
-    std::string out = file_from(channel.out, out_at), err = file_from(channel.err, err_at);
+    std::string out = file_from(channel.out, out_at), err = without_emulators_line(file_from(channel.err, err_at));
     if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGABRT)
         return "the server should have aborted in " + function + " on " + expression + "\n" + err;
     size_t last = err.rfind('\n', err.size() - 2);
