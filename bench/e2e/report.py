@@ -16,6 +16,8 @@ MODES = {'one': 'one at a time', 'flight': '16 in flight', 'paced': '60 a second
 NAMES = {'pfb': 'fbserver', 'floor1': 'floor, 1 copy', 'floor2': 'floor, 2 copies',
          'floor2tuned': 'tuned floor, 2 copies', 'xvfb': 'Xvfb', 'weston': 'Weston'}
 MIB = 1024 * 1024
+FAIRNESS_BOUND_MS = 33
+RECOVERY_GOAL_MS = 100
 
 
 def quantile(values, q):
@@ -103,6 +105,54 @@ def growth_part(found):
         table(['reports', 'fbserver'], by_reports)])
 
 
+def milliseconds(ns):
+    return f'{ns / 1e6:.1f}'
+
+
+def fairness_part(found):
+    rows = []
+    for size, floods in found.items():
+        for flood, measure in floods.items():
+            late = measure['late_ns']
+            rows.append([size, flood, f"{measure['requests']:.0f}", measure['sent'], measure['seen'],
+                         *map(milliseconds, (statistics.median(late), quantile(late, .99), max(late),
+                                             max(map(loop_time, late, measure['waiting_ns'])))),
+                         f"{100 * measure['cpu']:.0f} %"])
+    return table(['screen', 'flood', 'flooding requests a second', 'updates', 'seen', 'late, median', '99th of 100',
+                  'worst', f'worst, processor granted (bound {FAIRNESS_BOUND_MS})', "server's processor"], rows)
+
+
+def loop_time(late, waiting):
+    """What of it the kernel did not spend on other programs while this one was ready."""
+    return max(0, late - waiting)
+
+
+def fairness_faults(found):
+    for size, floods in found.items():
+        for flood, measure in floods.items():
+            worst = max(map(loop_time, measure['late_ns'], measure['waiting_ns']), default=0) / 1e6
+            if measure['seen'] < measure['sent']:
+                yield f"{size}, {flood}: {measure['sent'] - measure['seen']} updates were not seen"
+            if worst > FAIRNESS_BOUND_MS:
+                yield f'{size}, {flood}: late by {worst:.1f} ms, the bound is {FAIRNESS_BOUND_MS} ms'
+
+
+DEATHS = {'kill': 'killed (SIGKILL)', 'abort': 'aborts'}
+PARTS = ('end', 'start', 'back', 'full')
+
+
+def recovery_part(found):
+    rows = []
+    for death, by_pause in found.items():
+        for pause, measures in by_pause.items():
+            each = {part: [measure[part] for measure in measures] for part in PARTS}
+            rows.append([DEATHS[death], f'{pause} ms', len(measures),
+                         *(milliseconds(statistics.median(each[part])) for part in PARTS[:-1]),
+                         *map(milliseconds, (statistics.median(each['full']), max(each['full'])))])
+    return table(['the server', 'started again after', 'times', 'its end is known', 'its socket is there',
+                  'all clients are back', f'all of it (goal {RECOVERY_GOAL_MS})', 'worst'], rows)
+
+
 def plot(folder, name, title, x, y, series, log=True):
     """series: {title: [(x, values)]}; points at the medians, bars over the middle half."""
     commands = [f"set terminal svg size 640,400 background 'white'; set output '{folder}/{name}.svg'",
@@ -143,7 +193,8 @@ def plots(found, folder):
 def machine():
     with open('/proc/cpuinfo', encoding='ascii') as info:
         model = next((line.split(':')[1].strip() for line in info if line.startswith('model name')), platform.machine())
-    return f'{model}, {os.cpu_count()} processors, Linux {'.'.join(platform.release().split('.')[:2])}, load {os.getloadavg()[1]:.1f} afterwards'
+    kernel = '.'.join(platform.release().split('.')[:2])
+    return f'{model}, {os.cpu_count()} processors, Linux {kernel}, load {os.getloadavg()[1]:.1f} afterwards'
 
 
 PAGE = '''# Performance

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: MIT
+// Three clients flood the server, in every way that the benchmark knows: each frame of a fourth one reaches the panel.
+// How late it comes is the benchmark's business.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <vector>
+
+#include "../../bench/e2e/flood.h"
+#include "../support/running_server.h"
+#include "../support/test_client.h"
+
+namespace {
+
+constexpr int WIDTH = 160;
+constexpr int HEIGHT = 120;
+constexpr int FLOODERS = 3;
+constexpr int FRAMES = 30;
+
+volatile sig_atomic_t stopped;
+
+void run_flood(const Flood &flood, int level, ClientSteps &steps)
+{
+    signal(SIGTERM, [](int) { stopped = 1; });
+    Flooder flooder{WIDTH, HEIGHT, level, nullptr, false, 0};
+    flood.stretch(&flooder);
+    steps.reached();
+    while (stopped == 0)
+        flood.stretch(&flooder);
+    flood_end(&flooder);
+}
+
+using Flooders = std::vector<std::unique_ptr<ClientProcess>>;
+
+Flooders start_flooders(const Flood &flood)
+{
+    Flooders flooders;
+    for (int i = 0; i < FLOODERS; i++)
+        flooders.push_back(
+            std::make_unique<ClientProcess>([&flood, i](ClientSteps &steps) { run_flood(flood, i, steps); }));
+    for (const auto &flooder : flooders) {
+        flooder->wait();
+        flooder->go();
+    }
+    return flooders;
+}
+
+std::vector<std::string> flood_names()
+{
+    std::vector<std::string> names;
+    for (const Flood *flood = floods; flood->name != nullptr; flood++)
+        names.emplace_back(flood->name);
+    return names;
+}
+
+class Fairness : public testing::TestWithParam<std::string> {};
+
+TEST_P(Fairness, EveryFrameArrives)
+{
+    RunningServer server;
+    TestClient client("fb.fair");
+    client.create({.width = WIDTH, .height = 20, .level = 100});
+    client.send("show");
+    const Flooders flooders = start_flooders(*flood_find(GetParam().c_str()));
+    for (uint32_t frame = 1; frame <= FRAMES; frame++) {
+        client.draw(pixels_filled(PixelFormat::XRGB, WIDTH, 20, frame * 0x010203));
+        client.send("dirty", {0, 0, WIDTH, 20});
+        ASSERT_TRUE(wait_until([&] { return (server.panel().raw(WIDTH - 1, 19) & 0xffffff) == frame * 0x010203; }))
+            << "frame " << frame;
+    }
+    for (const auto &flooder : flooders)
+        flooder->kill(SIGTERM);
+    for (const auto &flooder : flooders)
+        EXPECT_EQ(flooder->join(), 0);
+    client.settle();
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Floods, Fairness, testing::ValuesIn(flood_names()), [](const auto &info) {
+    std::string name = info.param;
+    name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
+    return name;
+});
+
+} // namespace
