@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-// fairness PANEL PID WIDTH HEIGHT FLOOD SECONDS - one client shows 30 updates a second while three others flood the
-// server, and prints as one line of JSON what became of them:
+// fairness PANEL PID WIDTH HEIGHT FLOOD SECONDS - one client shows 30 updates a second while others flood the server,
+// and prints as one line of JSON what became of them:
 //
 //   sent, seen      updates, and those of them that were on the panel
 //   late_ns         of each one seen: from just before it was reported to its pixels on the panel
-//   waiting_ns      of each one seen: how long of that the server or this client was ready and had no processor
-//   requests        of the three, a second
+//   waiting_ns      of each one seen: how long of that the server was ready to run and had no processor
+//   requests        of the others, a second
 //   cpu             the server's share of one processor
 //
 // FLOOD: one of flood.cpp, or "none". PANEL is the file of the panel's 32-bit pixels.
@@ -28,7 +28,7 @@
 
 namespace {
 
-constexpr int FLOODERS = 3;
+constexpr size_t FLOODERS_MOST = 3;
 constexpr int64_t INTERVAL = SECOND / 30;
 constexpr int64_t LOOK = 100000; // how often the panel is looked at
 // Each update has a tile of its own, so that it is seen even when it is late by some intervals.
@@ -48,6 +48,7 @@ void stop(int)
 [[noreturn]] void run_flooder(int number, const Flood *flood, int32_t width, int32_t height)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setsid(); // kernels share the processor out among sessions, and these are programs of their own
     signal(SIGTERM, stop);
     Flooder flooder{width, height, number, nullptr, false, 0};
     while (stopped == 0) {
@@ -61,12 +62,13 @@ void stop(int)
 
 std::vector<pid_t> start_flooders(const Flood *flood, int32_t width, int32_t height)
 {
-    void *shared = mmap(nullptr, FLOODERS * sizeof *requests, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    void *shared =
+        mmap(nullptr, FLOODERS_MOST * sizeof *requests, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (shared == MAP_FAILED)
         fail("no shared memory");
     requests = static_cast<uint64_t *>(shared);
     std::vector<pid_t> pids;
-    for (int i = 0; flood != nullptr && i < FLOODERS; i++) {
+    for (int i = 0; flood != nullptr && i < flood->count; i++) {
         const pid_t pid = fork();
         if (pid == 0)
             run_flooder(i, flood, width, height);
@@ -90,7 +92,7 @@ void stop_flooders(const std::vector<pid_t> &pids)
 uint64_t requests_so_far()
 {
     uint64_t sum = 0;
-    for (int i = 0; i < FLOODERS; i++)
+    for (size_t i = 0; i < FLOODERS_MOST; i++)
         sum += requests[i];
     return sum;
 }
@@ -126,7 +128,7 @@ private:
 struct Update {
     bool under_way;
     int64_t asked;
-    int64_t waited; // of both, before
+    int64_t waited; // of the server, before
     uint32_t colour;
 };
 
@@ -136,7 +138,7 @@ struct Watch {
     pfb_client *client;
     uint32_t *pixels;
     int32_t pitch;
-    const WaitClock *server, *own;
+    const WaitClock *server;
     Update updates[TILES];
     int sent;
     std::vector<int64_t> late, waiting;
@@ -156,7 +158,7 @@ void send_update(Watch *watch)
         for (int32_t x = 0; x < TILE_WIDTH; x++)
             watch->pixels[y * watch->pitch + tile * TILE_WIDTH + x] = c;
     }
-    watch->updates[tile] = Update{true, now(), watch->server->read() + watch->own->read(), c};
+    watch->updates[tile] = Update{true, now(), watch->server->read(), c};
     if (pfb_dirty(watch->client, tile * TILE_WIDTH, 0, TILE_WIDTH, TILE_HEIGHT) != PFB_OK)
         fail("%s", pfb_error_text());
     watch->sent++;
@@ -177,7 +179,7 @@ void look(Watch *watch)
         if (!update.under_way || !is_shown(*watch, tile))
             continue;
         watch->late.push_back(now() - update.asked);
-        watch->waiting.push_back(watch->server->read() + watch->own->read() - update.waited);
+        watch->waiting.push_back(watch->server->read() - update.waited);
         update.under_way = false;
     }
 }
@@ -231,9 +233,8 @@ int main(int argc, char **argv)
     if (flood == nullptr && strcmp(argv[5], "none") != 0)
         fail("there is no flood %s", argv[5]);
     const pid_t server = atoi(argv[2]);
-    const WaitClock server_clock(server), own_clock(getpid());
-    Watch watch{map_panel(argv[1], width, height), width, connect_client(), nullptr, 0, &server_clock, &own_clock, {}, 0,
-                {}, {}};
+    const WaitClock server_clock(server);
+    Watch watch{map_panel(argv[1], width, height), width, connect_client(), nullptr, 0, &server_clock, {}, 0, {}, {}};
     watch.pixels = static_cast<uint32_t *>(pfb_pixels(watch.client));
     watch.pitch = pfb_stride(watch.client) / 4;
     const std::vector<pid_t> flooders = start_flooders(flood, width, height);

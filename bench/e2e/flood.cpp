@@ -30,11 +30,19 @@ bool ask(Flooder *flooder, const char *word, std::initializer_list<int32_t> valu
     return false;
 }
 
+bool ask_and_wait(Flooder *flooder, const char *word, std::initializer_list<int32_t> values = {})
+{
+    if (!ask(flooder, word, values))
+        return false;
+    mc_packet_free(mc_answer(flooder->connection, PATIENCE_MS));
+    return true;
+}
+
 bool create(Flooder *flooder, uint32_t pixel)
 {
     flooder->requests++;
-    flooder->has_surface = raw_create(flooder->connection,
-                                      {0, 0, flooder->width, flooder->height, flooder->level, true, pixel});
+    flooder->has_surface =
+        raw_create(flooder->connection, {0, 0, flooder->width, flooder->height, flooder->level, true, pixel});
     return flooder->has_surface && ask(flooder, "show");
 }
 
@@ -75,6 +83,15 @@ bool move(Flooder *flooder)
     return alive && ask(flooder, "move", {0, 0});
 }
 
+// Draws under the lock without a pause: asks for the lock again as soon as it has given it back.
+bool lock(Flooder *flooder)
+{
+    bool alive = make_surface(flooder);
+    for (int i = 0; alive && i < STRETCH; i += 2)
+        alive = ask_and_wait(flooder, "lock_area", {0, 0, flooder->width, flooder->height}) && ask(flooder, "unlock");
+    return alive;
+}
+
 // Words that nobody knows, wrong arguments, and at the end a packet that is none: the server closes the connection.
 bool garbage(Flooder *flooder)
 {
@@ -88,14 +105,6 @@ bool garbage(Flooder *flooder)
     return true;
 }
 
-void wait_for_server(Flooder *flooder)
-{
-    mc_packet *question = mc_packet_new_command("get_native_color_depth");
-    if (question != nullptr)
-        mc_packet_free(mc_call(flooder->connection, question, PATIENCE_MS));
-    mc_packet_free(question);
-}
-
 // Comes, shows a full screen and goes. Its surface has no memory before the server reads it. The last one of a stretch
 // waits for an answer: the names of all their memories are gone then.
 bool visits(Flooder *flooder)
@@ -105,9 +114,9 @@ bool visits(Flooder *flooder)
         if (!connect_it(flooder) || !create(flooder, 0))
             return false;
     }
-    wait_for_server(flooder);
+    const bool alive = ask_and_wait(flooder, "get_native_color_depth");
     flood_end(flooder);
-    return true;
+    return alive;
 }
 
 // Asks, and never reads an answer: the server ends the connection.
@@ -129,15 +138,17 @@ bool deaf(Flooder *flooder)
 bool mixture(Flooder *flooder)
 {
     static int turn;
-    const int kinds = 6;
+    const int kinds = 6; // the first ones of the table
     return floods[(flooder->level + turn++ / 4) % kinds].stretch(flooder);
 }
 
 } // namespace
 
+// Several that draw under the lock hold it by turns without a gap: only one is set on a server.
 const Flood floods[] = {
-    {"dirty", dirty}, {"show-hide", show_and_hide}, {"move", move},       {"garbage", garbage},
-    {"visits", visits}, {"deaf", deaf},             {"mixture", mixture}, {nullptr, nullptr},
+    {"dirty", 3, dirty},     {"show-hide", 3, show_and_hide}, {"move", 3, move},
+    {"garbage", 3, garbage}, {"visits", 3, visits},           {"deaf", 3, deaf},
+    {"lock", 1, lock},       {"mixture", 3, mixture},         {nullptr, 0, nullptr},
 };
 
 const Flood *flood_find(const char *name)

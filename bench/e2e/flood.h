@@ -17,11 +17,12 @@ struct Flooder {
 
 struct Flood {
     const char *name;
+    int count; // how many clients make it
     // A short while of it. Connects when there is no connection; false without a server.
     bool (*stretch)(Flooder *flooder);
 };
 
-// All kinds; the last one, "mixture", takes turns with the others. Ended by an entry without a name.
+// All kinds; the last one, "mixture", takes turns with others. Ended by an entry without a name.
 extern const Flood floods[];
 
 // By its name, or null.

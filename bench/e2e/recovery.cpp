@@ -79,8 +79,8 @@ pfb_client *show_client(int i)
 {
     const Area a = area_of(i);
     pfb_client *client = pfb_connect(("fb.bench" + std::to_string(i)).c_str());
-    if (client == nullptr || pfb_create(client, i == 0 ? PFB_FORMAT_XRGB32 : PFB_FORMAT_ARGB32, a.x, a.y, a.width,
-                                        a.height, i, 0) != PFB_OK)
+    if (client == nullptr ||
+        pfb_create(client, i == 0 ? PFB_FORMAT_XRGB32 : PFB_FORMAT_ARGB32, a.x, a.y, a.width, a.height, i, 0) != PFB_OK)
         fail("%s", pfb_error_text());
     for (int32_t y = 0; y < a.height; y++) {
         auto *row = reinterpret_cast<uint32_t *>(static_cast<char *>(pfb_pixels(client)) + y * pfb_stride(client));

@@ -22,7 +22,7 @@ SURFACES = [0, 10, 100, 300, 1000]
 CLIENTS = [0, 8, 32, 100, 200]
 REPORTS = [100, 1000, 10000, 100000]
 SCREENS = [(480, 272), (800, 480)]
-FLOODS = ['none', 'dirty', 'show-hide', 'move', 'garbage', 'visits', 'deaf', 'mixture']
+FLOODS = ['none', 'dirty', 'show-hide', 'move', 'garbage', 'visits', 'deaf', 'lock', 'mixture']
 FLOOD_SECONDS = 6
 PAUSES_MS = [0, 50]  # before the server is started again; the second one is that of packaging/fbserver.service
 
@@ -125,7 +125,7 @@ def measure_growth(build):
 
 
 def measure_fairness(build):
-    """One client's updates while three others flood, for each size of screen and each kind of flood."""
+    """One client's updates while others flood, for each size of screen and each kind of flood."""
     found = {}
     for size in SCREENS:
         with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:

@@ -39,8 +39,9 @@ class Server:
         self.process = None
 
     def start(self, command, **more):
+        """In a session of its own, as a service manager starts it: kernels share the processor out among sessions."""
         self.process = subprocess.Popen(command, env=self.env, stdin=subprocess.DEVNULL, stdout=self.log,
-                                        stderr=self.log, **more)
+                                        stderr=self.log, start_new_session=True, **more)
         self.pid = self.process.pid
 
     def text(self):

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Three clients flood the server, in every way that the benchmark knows: each frame of a fourth one reaches the panel.
+// Clients flood the server, in every way that the benchmark knows: each frame of another one reaches the panel.
 // How late it comes is the benchmark's business.
 #include <gtest/gtest.h>
 
@@ -16,7 +16,6 @@ namespace {
 
 constexpr int WIDTH = 160;
 constexpr int HEIGHT = 120;
-constexpr int FLOODERS = 3;
 constexpr int FRAMES = 30;
 
 volatile sig_atomic_t stopped;
@@ -37,7 +36,7 @@ using Flooders = std::vector<std::unique_ptr<ClientProcess>>;
 Flooders start_flooders(const Flood &flood)
 {
     Flooders flooders;
-    for (int i = 0; i < FLOODERS; i++)
+    for (int i = 0; i < flood.count; i++)
         flooders.push_back(
             std::make_unique<ClientProcess>([&flood, i](ClientSteps &steps) { run_flood(flood, i, steps); }));
     for (const auto &flooder : flooders) {
@@ -55,9 +54,9 @@ std::vector<std::string> flood_names()
     return names;
 }
 
-class Fairness : public testing::TestWithParam<std::string> {};
+class Floods : public testing::TestWithParam<std::string> {};
 
-TEST_P(Fairness, EveryFrameArrives)
+TEST_P(Floods, EveryFrameArrives)
 {
     RunningServer server;
     TestClient client("fb.fair");
@@ -78,10 +77,41 @@ TEST_P(Fairness, EveryFrameArrives)
     EXPECT_EQ(server.stop(SIGTERM), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Floods, Fairness, testing::ValuesIn(flood_names()), [](const auto &info) {
+INSTANTIATE_TEST_SUITE_P(Fairness, Floods, testing::ValuesIn(flood_names()), [](const auto &info) {
     std::string name = info.param;
     name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
     return name;
 });
 
 } // namespace
+
+// Without a rest between its drawings a client sends the next lock together with the unlock.
+TEST(Fairness, ALockPutsTheDuePassOffOnceAndNotTwice)
+{
+    RunningServer server;
+    TestClient client("fb.locking");
+    client.create(pixels_filled(PixelFormat::XRGB, WIDTH, HEIGHT, 0x111111), 0, 0, 0);
+    client.send("show");
+    client.settle();
+    const auto lock_at_once = [&](uint32_t colour, int times) {
+        kill(server.pid(), SIGSTOP); // so that it finds all of it at once
+        client.draw(pixels_filled(PixelFormat::XRGB, WIDTH, HEIGHT, colour));
+        client.send("dirty", {0, 0, WIDTH, HEIGHT});
+        for (int i = 0; i < times; i++) {
+            if (i > 0)
+                client.send("unlock");
+            client.send("lock_area", {0, 0, 0, 0});
+        }
+        kill(server.pid(), SIGCONT);
+        client.settle();
+        return server.panel().raw(5, 5) & 0xffffff;
+    };
+    EXPECT_EQ(lock_at_once(0x222222, 1), 0x111111u) << "drawn in spite of the lock";
+    client.send("unlock");
+    client.settle();
+    EXPECT_EQ(server.panel().raw(5, 5) & 0xffffff, 0x222222u);
+    EXPECT_EQ(lock_at_once(0x333333, 2), 0x333333u) << "nothing is drawn as long as the lock is asked for again";
+    client.send("unlock");
+    client.settle();
+    EXPECT_EQ(server.stop(SIGTERM), 0);
+}
