@@ -124,21 +124,22 @@ def measure_growth(build):
     }
 
 
+def measure_flood(build, size, flood):
+    """On a server of its own: what an earlier flood has left to do is not counted."""
+    with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:
+        server = servers.start_pfb(build, folder, size=size)
+        try:
+            command = [f'{build}/bench/e2e/fairness', server.place, str(server.pid), *map(str, size), flood,
+                       str(FLOOD_SECONDS)]
+            done = subprocess.run(command, env=server.env, stdout=subprocess.PIPE, check=True, timeout=120)
+            return json.loads(done.stdout)
+        finally:
+            server.stop()
+
+
 def measure_fairness(build):
     """One client's updates while others flood, for each size of screen and each kind of flood."""
-    found = {}
-    for size in SCREENS:
-        with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:
-            server = servers.start_pfb(build, folder, size=size)
-            try:
-                for flood in FLOODS:
-                    command = [f'{build}/bench/e2e/fairness', server.place, str(server.pid), *map(str, size), flood,
-                               str(FLOOD_SECONDS)]
-                    done = subprocess.run(command, env=server.env, stdout=subprocess.PIPE, check=True, timeout=120)
-                    found.setdefault('%dx%d' % size, {})[flood] = json.loads(done.stdout)
-            finally:
-                server.stop()
-    return found
+    return {'%dx%d' % size: {flood: measure_flood(build, size, flood) for flood in FLOODS} for size in SCREENS}
 
 
 def measure_recovery(build, rounds=20):
