@@ -73,6 +73,7 @@ struct pfb_client {
     libpfb::Phase phase;
     bool reconnect;
     bool recovering;         // a step is under way: callbacks may come back here
+    pid_t ended;             // the process that the last connection but this one was to; -1: not known
     int deaths;              // of servers, each soon after the surface was there again
     int failed_restorations; // in a row: the server went before it had answered
     int64_t lost_ms;         // moments of the monotonic clock

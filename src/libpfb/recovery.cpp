@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -66,6 +67,30 @@ bool has_ended(const pfb_client *client)
 {
     pollfd entry = {mc_fd(client->connection), 0, 0};
     return poll(&entry, 1, 0) > 0;
+}
+
+// Whether a process has ended, or is about to: its descriptors are closed one after the other, with others running in
+// between.
+bool is_ending(pid_t pid)
+{
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    FILE *file = fopen(path, "re");
+    if (file == nullptr)
+        return errno == ENOENT && access("/proc/self", F_OK) == 0;
+    unsigned flags = 0;
+    const int n = fscanf(file, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %u", &flags);
+    fclose(file);
+    constexpr unsigned EXITING = 4; // the kernel's PF_EXITING
+    return n == 1 && (flags & EXITING) != 0;
+}
+
+// The server that has just ended took one more connection while its descriptors were being closed: no further server
+// has ended over it.
+bool was_ending(const pfb_client *client)
+{
+    const pid_t server = mc_connection_pid(client->connection);
+    return server > 0 && server == client->ended && is_ending(server);
 }
 
 void drop_connection(pfb_client *client)
@@ -216,17 +241,23 @@ namespace libpfb {
 void recovery_lose(pfb_client *client)
 {
     const int64_t now = now_ms();
+    const bool counts = client->phase == Phase::ready || !was_ending(client);
     if (client->phase == Phase::ready) {
         note_event(client, PFB_EVENT_LOST);
         client->lost_ms = now;
-    } else if (++client->failed_restorations >= WHOLE_ATTEMPTS) {
+        client->ended = mc_connection_pid(client->connection);
+    } else if (counts && ++client->failed_restorations >= WHOLE_ATTEMPTS) {
         fall_back(client);
     }
     const bool soon = client->phase != Phase::ready || now - client->restored_ms < SOON_MS;
-    client->deaths = soon ? client->deaths + 1 : 1;
+    if (counts)
+        client->deaths = soon ? client->deaths + 1 : 1;
     drop_connection(client);
     drop_memory_name(client);
-    attempt_at(client, now + back_off_ms(client->deaths));
+    if (counts)
+        attempt_at(client, now + back_off_ms(client->deaths));
+    else
+        attempt_later(client);
 }
 
 void recovery_confirm(pfb_client *client)
