@@ -155,7 +155,7 @@ PFB_PUBLIC int pfb_set_timeout(pfb_client *client, int milliseconds);
  * in a row end while this surface is being made again, what was changed since a server last answered (pfb_create,
  * pfb_lock, pfb_get_color_depth, and the surface's return) is left out: PFB_EVENT_REDUCED.
  *
- * How often. At once; while no server listens again after a quarter of the time that it has been away, at least 5 ms
+ * How often. At once; while no server listens again after a quarter of the time that it has been away, at least 1 ms
  * and at most 1 s. When servers end within 5 s of the surface's return, 100 ms after the second of them, then 200 ms
  * and so on to 10 s, each lengthened by up to a half by chance.
  *

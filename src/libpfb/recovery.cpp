@@ -18,7 +18,7 @@ using namespace libpfb;
 namespace {
 
 // While no server listens: the next attempt comes after a quarter of the time that it has been away.
-constexpr int64_t RETRY_LEAST_MS = 5, RETRY_MOST_MS = 1000;
+constexpr int64_t RETRY_LEAST_MS = 1, RETRY_MOST_MS = 1000;
 // Servers that end soon after the surface was there again: each waits twice as long as the one before.
 constexpr int64_t SOON_MS = 5000, BACK_OFF_MS = 100, BACK_OFF_MOST_MS = 10000;
 constexpr int BACK_OFF_DOUBLINGS = 7;
@@ -81,8 +81,8 @@ bool is_ending(pid_t pid)
     unsigned flags = 0;
     const int n = fscanf(file, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %u", &flags);
     fclose(file);
-    constexpr unsigned EXITING = 4; // the kernel's PF_EXITING
-    return n == 1 && (flags & EXITING) != 0;
+    constexpr unsigned EXITING = 4;                        // the kernel's PF_EXITING
+    return n == EOF || (n == 1 && (flags & EXITING) != 0); // it may end between the two
 }
 
 // The server that has just ended took one more connection while its descriptors were being closed: no further server
