@@ -65,7 +65,8 @@ struct pfb_client {
     void *pixels; // owned mapping of stride x height bytes; null without a surface
     libpfb::Shape shape;
     libpfb::SurfaceState state;
-    libpfb::SurfaceState confirmed; // the last one that the server has answered after
+    libpfb::SurfaceState confirmed; // the last one that the server has answered after, or lived with for long enough
+    int64_t changed_ms;             // when the state last became another
 
     // Recovery.
     int epoll_fd; // what pfb_poll_fd gives: watches the connection and the timer

@@ -7,8 +7,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <linux/sockios.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -24,6 +26,8 @@ constexpr int64_t SOON_MS = 5000, BACK_OFF_MS = 100, BACK_OFF_MOST_MS = 10000;
 constexpr int BACK_OFF_DOUBLINGS = 7;
 // So often the whole state is tried before the part that no server has answered after is left out.
 constexpr int WHOLE_ATTEMPTS = 2;
+// A server that has read all requests and is still there so much later did not end of them.
+constexpr int64_t SURVIVED_MS = 1000;
 
 bool watch(const pfb_client *client, int operation, int fd, uint32_t events)
 {
@@ -177,6 +181,15 @@ void attempt(pfb_client *client)
     }
 }
 
+// A client that only ever draws asks nothing: that the server goes on is an answer too.
+void look_for_survival(pfb_client *client)
+{
+    int unread = 0; // bytes
+    if (!(client->state == client->confirmed) && now_ms() - client->changed_ms >= SURVIVED_MS &&
+        ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0)
+        recovery_confirm(client);
+}
+
 // Has the server answered the question at the end of the restoration?
 void look_for_answer(pfb_client *client)
 {
@@ -273,6 +286,8 @@ void recovery_step(pfb_client *client)
     client->recovering = true;
     if (client->phase == Phase::ready && has_ended(client))
         recovery_lose(client);
+    else if (client->phase == Phase::ready && client->pixels != nullptr)
+        look_for_survival(client);
     if (client->phase == Phase::lost && now_ms() >= client->next_attempt_ms)
         attempt(client);
     if (client->phase == Phase::restoring)
