@@ -4,11 +4,13 @@
 //
 //   sent, seen      updates, and those of them that were on the panel
 //   late_ns         of each one seen: from just before it was reported to its pixels on the panel
-//   waiting_ns      of each one seen: how long of that the server was ready to run and had no processor
+//   waiting_ns      of each one seen: how long of that the server, or this client, was ready and had no processor;
+//                   the longer of both, since they may have waited at the same time
 //   requests        of the others, a second
 //   cpu             the server's share of one processor
 //
 // FLOOD: one of flood.cpp, or "none". PANEL is the file of the panel's 32-bit pixels.
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -128,7 +130,7 @@ private:
 struct Update {
     bool under_way;
     int64_t asked;
-    int64_t waited; // of the server, before
+    int64_t server_waited, own_waited; // before
     uint32_t colour;
 };
 
@@ -138,7 +140,7 @@ struct Watch {
     pfb_client *client;
     uint32_t *pixels;
     int32_t pitch;
-    const WaitClock *server;
+    const WaitClock *server, *own;
     Update updates[TILES];
     int sent;
     std::vector<int64_t> late, waiting;
@@ -158,7 +160,7 @@ void send_update(Watch *watch)
         for (int32_t x = 0; x < TILE_WIDTH; x++)
             watch->pixels[y * watch->pitch + tile * TILE_WIDTH + x] = c;
     }
-    watch->updates[tile] = Update{true, now(), watch->server->read(), c};
+    watch->updates[tile] = Update{true, now(), watch->server->read(), watch->own->read(), c};
     if (pfb_dirty(watch->client, tile * TILE_WIDTH, 0, TILE_WIDTH, TILE_HEIGHT) != PFB_OK)
         fail("%s", pfb_error_text());
     watch->sent++;
@@ -179,7 +181,8 @@ void look(Watch *watch)
         if (!update.under_way || !is_shown(*watch, tile))
             continue;
         watch->late.push_back(now() - update.asked);
-        watch->waiting.push_back(watch->server->read() - update.waited);
+        watch->waiting.push_back(
+            std::max(watch->server->read() - update.server_waited, watch->own->read() - update.own_waited));
         update.under_way = false;
     }
 }
@@ -233,8 +236,18 @@ int main(int argc, char **argv)
     if (flood == nullptr && strcmp(argv[5], "none") != 0)
         fail("there is no flood %s", argv[5]);
     const pid_t server = atoi(argv[2]);
-    const WaitClock server_clock(server);
-    Watch watch{map_panel(argv[1], width, height), width, connect_client(), nullptr, 0, &server_clock, {}, 0, {}, {}};
+    const WaitClock server_clock(server), own_clock(getpid());
+    Watch watch{map_panel(argv[1], width, height),
+                width,
+                connect_client(),
+                nullptr,
+                0,
+                &server_clock,
+                &own_clock,
+                {},
+                0,
+                {},
+                {}};
     watch.pixels = static_cast<uint32_t *>(pfb_pixels(watch.client));
     watch.pitch = pfb_stride(watch.client) / 4;
     const std::vector<pid_t> flooders = start_flooders(flood, width, height);

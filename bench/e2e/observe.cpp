@@ -35,6 +35,7 @@ void add_thread(const std::string &folder, Use *use)
 
 [[noreturn]] void become(char **words)
 {
+    setsid(); // as a service manager does it: kernels share the processor out among sessions
     const int null = open("/dev/null", O_RDWR);
     dup2(null, STDOUT_FILENO);
     dup2(null, STDERR_FILENO);

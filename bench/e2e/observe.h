@@ -17,6 +17,6 @@ struct Use {
 };
 Use process_use(pid_t pid);
 
-// Starts a program with these additions to its environment: [NAME=VALUE...] COMMAND..., ended by a null pointer. Its
-// standard streams lead nowhere, and it leaves no core behind.
+// Starts a program with these additions to its environment: [NAME=VALUE...] COMMAND..., ended by a null pointer. It
+// has a session of its own, its standard streams lead nowhere, and it leaves no core behind.
 pid_t program_start(char **words);

@@ -103,6 +103,7 @@ void stop(int)
 [[noreturn]] void run_client(int i)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setsid();
     signal(SIGTERM, stop);
     pfb_client *client = show_client(i);
     pfb_set_event_func(client, on_event, &reports[i]);

@@ -250,10 +250,10 @@ the request to the last pixel of the full picture.
 
 One client shows 30 updates a second on top of everything while three others, each with a translucent surface as large as
 the screen, flood the server. How late an update is counts from its report to its pixels on the panel, in ms. The bound is for
-what the server makes of it: without the time in which it was ready and the kernel ran other programs, the floods among
-them. (What the benchmark itself waited for a processor before it looked is still in it, in the row without a flood too.)
-Garbage is the worst: each of these clients leaves connections full of requests behind. [Robustness](robustness.md#floods) says where the bound comes from. `make bench` fails when it is exceeded, or an
-update is not seen.
+what the server makes of it: without the time in which it, or the benchmark that looks, was ready and the kernel ran other
+programs, the floods among them. Garbage is the worst: each of these clients leaves connections full of requests behind.
+[Robustness](robustness.md#floods) says where the bound comes from. `make bench` fails when it is exceeded, or an update is
+not seen.
 
 {fairness}
 ## Growth
