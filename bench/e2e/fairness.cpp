@@ -33,9 +33,9 @@ namespace {
 constexpr size_t FLOODERS_MOST = 3;
 constexpr int64_t INTERVAL = SECOND / 30;
 constexpr int64_t LOOK = 100000; // how often the panel is looked at
-// Each update has a tile of its own, so that it is seen even when it is late by some intervals.
-constexpr int TILES = 8;
-constexpr int32_t TILE_WIDTH = 60, TILE_HEIGHT = 64;
+// Each update has a tile of its own, so that it is seen even when it is late by a second.
+constexpr int TILES = 32;
+constexpr int32_t TILE_WIDTH = 15, TILE_HEIGHT = 64;
 
 volatile sig_atomic_t stopped;
 volatile uint64_t *requests; // shared with the flooders, one each
