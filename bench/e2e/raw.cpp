@@ -54,7 +54,7 @@ bool raw_create(mc_connection *connection, const RawSurface &surface)
 {
     static int number;
     char name[64];
-    snprintf(name, sizeof name, "/raw-%d-%d", static_cast<int>(getpid()), number++);
+    snprintf(name, sizeof name, "/raw-%d-%d-%d", static_cast<int>(getppid()), static_cast<int>(getpid()), number++);
     const int fd = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0)
         return false;

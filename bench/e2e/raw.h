@@ -17,5 +17,7 @@ struct RawSurface {
     bool alpha;
     uint32_t pixel; // all of them; 0 takes no memory until the server reads it
 };
-// Makes its memory and sends "create"; the memory is not kept here. False as above, and without memory.
+// Makes its memory and sends "create"; the memory is not kept here. False as above, and without memory. A server that
+// refuses the connection, or ends, leaves the memory's name behind: /dev/shm/raw-PARENT-PROCESS-NUMBER. It may go when
+// the server has gone, not earlier.
 bool raw_create(mc_connection *connection, const RawSurface &surface);

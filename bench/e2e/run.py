@@ -6,6 +6,7 @@ others stay as they are in RESULT.json.
 All servers run at once and are idle but for the one that is measured; they take turns, round after round, so that what
 else the machine does meets all of them alike. Figures are compared within one run only.
 """
+import glob
 import json
 import os
 import subprocess
@@ -131,10 +132,15 @@ def measure_flood(build, size, flood):
         try:
             command = [f'{build}/bench/e2e/fairness', server.place, str(server.pid), *map(str, size), flood,
                        str(FLOOD_SECONDS)]
-            done = subprocess.run(command, env=server.env, stdout=subprocess.PIPE, check=True, timeout=120)
-            return json.loads(done.stdout)
+            with subprocess.Popen(command, env=server.env, stdout=subprocess.PIPE) as client:
+                answer = client.communicate(timeout=120)[0]
+            if client.returncode != 0:
+                raise servers.Failure(f'fairness, {flood}: status {client.returncode}')
         finally:
             server.stop()
+        for left in glob.glob(f'/dev/shm/raw-{client.pid}-*'):  # of clients that the server has turned away
+            os.unlink(left)
+        return json.loads(answer)
 
 
 def measure_fairness(build):
