@@ -153,9 +153,10 @@ PFB_PUBLIC int pfb_set_timeout(pfb_client *client, int milliseconds);
  * What the server may have died of is not sent again. The new surface is made by the outcome of earlier requests, not
  * by those; an unanswered lock comes back with an empty area; an unanswered pfb_create fails with GONE. When two servers
  * in a row end while this surface is being made again, what was changed since a server last answered (pfb_create,
- * pfb_lock, pfb_get_color_depth, and the surface's return) is left out: PFB_EVENT_REDUCED.
+ * pfb_lock, pfb_get_color_depth, and the surface's return) is left out: PFB_EVENT_REDUCED. A server that a call finds
+ * alive a second after the change, with all requests read, counts as having answered.
  *
- * How often. At once; while no server listens again after a quarter of the time that it has been away, at least 5 ms
+ * How often. At once; while no server listens again after a quarter of the time that it has been away, at least 1 ms
  * and at most 1 s. When servers end within 5 s of the surface's return, 100 ms after the second of them, then 200 ms
  * and so on to 10 s, each lengthened by up to a half by chance.
  *

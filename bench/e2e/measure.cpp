@@ -15,78 +15,30 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <sched.h>
 #include <string>
-#include <ctime>
-#include <unistd.h>
+#include <time.h>
 #include <vector>
 
 #include "floor.h"
 #include "mc.h"
+#include "observe.h"
 #include "pfb.h"
 
 namespace {
 
-constexpr int64_t SECOND = 1000000000;
 constexpr int32_t TILE = 64;
 constexpr int IN_FLIGHT = 16;
 
 const Target *target;
 int server;
 
-int64_t now()
-{
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * SECOND + t.tv_nsec;
-}
-
-void rest(int64_t ns)
-{
-    const timespec t{ns / SECOND, ns % SECOND};
-    nanosleep(&t, nullptr);
-}
-
 // ---- what the server has used ----
-
-struct Use {
-    long long cpu_ns;
-    long long waits; // times that it gave the processor up to wait
-};
-
-void add_thread(const std::string &folder, Use *use)
-{
-    long long value = 0;
-    if (FILE *file = fopen((folder + "/schedstat").c_str(), "r")) {
-        if (fscanf(file, "%lld", &value) == 1)
-            use->cpu_ns += value;
-        fclose(file);
-    }
-    char line[256];
-    if (FILE *file = fopen((folder + "/status").c_str(), "r")) {
-        while (fgets(line, sizeof line, file) != nullptr) {
-            if (sscanf(line, "voluntary_ctxt_switches: %lld", &value) == 1)
-                use->waits += value;
-        }
-        fclose(file);
-    }
-}
 
 Use server_use()
 {
     rest(3000000); // until it sleeps: a running thread's time is not up to date
-    const std::string folder = "/proc/" + std::to_string(server) + "/task";
-    DIR *tasks = opendir(folder.c_str());
-    if (tasks == nullptr)
-        fail("the server is gone");
-    Use use{};
-    while (const dirent *task = readdir(tasks)) {
-        if (task->d_name[0] != '.')
-            add_thread(folder + "/" + task->d_name, &use);
-    }
-    closedir(tasks);
-    return use;
+    return process_use(server);
 }
 
 // ---- updates ----

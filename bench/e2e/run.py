@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""run.py BUILD RESULT.json - measures the servers and writes what it found.
+"""run.py BUILD RESULT.json [PART...] - measures the servers and writes what it found; with PART... only these parts, the
+others stay as they are in RESULT.json.
 
 All servers run at once and are idle but for the one that is measured; they take turns, round after round, so that what
 else the machine does meets all of them alike. Figures are compared within one run only.
 """
+import glob
 import json
 import os
 import subprocess
@@ -20,6 +22,10 @@ SIZES = [(1, 1), (8, 8), (16, 16), (32, 32), (64, 64), (128, 128), (256, 256), (
 SURFACES = [0, 10, 100, 300, 1000]
 CLIENTS = [0, 8, 32, 100, 200]
 REPORTS = [100, 1000, 10000, 100000]
+SCREENS = [(480, 272), (800, 480)]
+FLOODS = ['none', 'dirty', 'show-hide', 'move', 'garbage', 'visits', 'deaf', 'lock', 'mixture']
+FLOOD_SECONDS = 6
+PAUSES_MS = [0, 50]  # before the server is started again; the second one is that of packaging/fbserver.service
 
 
 def measure(build, server, *work):
@@ -119,6 +125,47 @@ def measure_growth(build):
     }
 
 
+def measure_flood(build, size, flood):
+    """On a server of its own: what an earlier flood has left to do is not counted."""
+    with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:
+        server = servers.start_pfb(build, folder, size=size)
+        try:
+            command = [f'{build}/bench/e2e/fairness', server.place, str(server.pid), *map(str, size), flood,
+                       str(FLOOD_SECONDS)]
+            with subprocess.Popen(command, env=server.env, stdout=subprocess.PIPE) as client:
+                answer = client.communicate(timeout=120)[0]
+            if client.returncode != 0:
+                raise servers.Failure(f'fairness, {flood}: status {client.returncode}')
+        finally:
+            server.stop()
+        for left in glob.glob(f'/dev/shm/raw-{client.pid}-*'):  # of clients that the server has turned away
+            os.unlink(left)
+        return json.loads(answer)
+
+
+def measure_fairness(build):
+    """One client's updates while others flood, for each size of screen and each kind of flood."""
+    return {'%dx%d' % size: {flood: measure_flood(build, size, flood) for flood in FLOODS} for size in SCREENS}
+
+
+def measure_recovery(build, rounds=20):
+    """The server's end and return, with ten clients of the library."""
+    found = {death: {str(pause): [] for pause in PAUSES_MS} for death in ('kill', 'abort')}
+    with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:
+        starters = servers.starters(build, folder)
+        env, (_, path, place, *words) = starters.commands['pfb']
+        try:
+            for _ in range(rounds):
+                for death, by_pause in found.items():
+                    for pause, measures in by_pause.items():
+                        done = subprocess.run([f'{build}/bench/e2e/recovery', place, path, death, pause, *words],
+                                              env=env, stdout=subprocess.PIPE, check=True, timeout=120)
+                        measures.append(json.loads(done.stdout))
+        finally:
+            starters.stop()
+    return found
+
+
 def program_bytes(build):
     """Of the server, stripped."""
     with tempfile.NamedTemporaryFile() as stripped:
@@ -126,20 +173,40 @@ def program_bytes(build):
         return os.path.getsize(stripped.name)
 
 
-def main():
-    build, result = sys.argv[1:3]
+SIDE_BY_SIDE = {'memory': measure_memory, 'cpu': measure_cpu, 'latency': measure_latency, 'size': measure_sizes,
+                'clients': measure_clients}
+ALONE = {'growth': measure_growth, 'start': measure_start, 'fairness': measure_fairness, 'recovery': measure_recovery}
+
+
+def measure_side_by_side(build, parts):
+    found = {}
     everything = servers.All(build)
-    found = {'program': program_bytes(build)}
     try:
-        for name, work in (('memory', measure_memory), ('cpu', measure_cpu), ('latency', measure_latency),
-                           ('size', measure_sizes), ('clients', measure_clients)):
-            print(f'measuring: {name}', flush=True)
-            found[name] = work(build, everything.servers)
+        for part in parts:
+            print(f'measuring: {part}', flush=True)
+            found[part] = SIDE_BY_SIDE[part](build, everything.servers)
     finally:
         everything.stop()
-    for name, work in (('growth', measure_growth), ('start', measure_start)):
-        print(f'measuring: {name}', flush=True)
-        found[name] = work(build)
+    return found
+
+
+def main():
+    build, result, *wanted = sys.argv[1:]
+    unknown = [part for part in wanted if part not in SIDE_BY_SIDE and part not in ALONE]
+    if unknown:
+        sys.exit(f'run.py: there is no part {unknown[0]}')
+    found = {}
+    if wanted and os.path.exists(result):
+        with open(result, encoding='utf-8') as file:
+            found = json.load(file)
+    found['program'] = program_bytes(build)
+    beside = [part for part in SIDE_BY_SIDE if not wanted or part in wanted]
+    if beside:
+        found.update(measure_side_by_side(build, beside))
+    for part, work in ALONE.items():
+        if not wanted or part in wanted:
+            print(f'measuring: {part}', flush=True)
+            found[part] = work(build)
     with open(result, 'w', encoding='utf-8') as file:
         json.dump(found, file)
 

@@ -39,8 +39,9 @@ class Server:
         self.process = None
 
     def start(self, command, **more):
+        """In a session of its own, as a service manager starts it: kernels share the processor out among sessions."""
         self.process = subprocess.Popen(command, env=self.env, stdin=subprocess.DEVNULL, stdout=self.log,
-                                        stderr=self.log, **more)
+                                        stderr=self.log, start_new_session=True, **more)
         self.pid = self.process.pid
 
     def text(self):
@@ -82,7 +83,7 @@ def child_of(pid):
         return int((children.read().split() or ['0'])[0])
 
 
-def start_pfb(build, folder, command=(), name='pfb'):
+def start_pfb(build, folder, command=(), name='pfb', size=SIZE):
     """This server on the virtual panel. `command` is put before the program (valgrind, strace)."""
     server = Server(name, 'pfb', folder)
     own = os.path.join(folder, name)
@@ -90,7 +91,7 @@ def start_pfb(build, folder, command=(), name='pfb'):
     server.env['XDG_RUNTIME_DIR'] = own
     server.env.pop('MC_RUNTIME_DIR', None)
     panel = os.path.join(own, 'pfbpanel-' + name)
-    server.start([f'{build}/src/pfbpanel/pfbpanel', '--size', '%dx%d' % SIZE, '--format', 'xrgb8888', '--name', name,
+    server.start([f'{build}/src/pfbpanel/pfbpanel', '--size', '%dx%d' % size, '--format', 'xrgb8888', '--name', name,
                   '--', *command, f'{build}/src/fbserver/fbserver'])
     wait_for(name, lambda: accepts(os.path.join(panel, 'pfb.mc')), 60)
     server.pid = wait_for(name, lambda: child_of(server.process.pid))

@@ -7,38 +7,18 @@
 
 #include <cstdio>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "floor.h"
+#include "observe.h"
 
 namespace {
 
-constexpr int64_t LIMIT_NS = 10 * INT64_C(1000000000);
+constexpr int64_t LIMIT_NS = 10 * SECOND;
 const uint32_t COLOUR = 0xff000001 | static_cast<uint32_t>(getpid()) * 7919 << 1; // what an earlier run left is another
-
-int64_t now()
-{
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * INT64_C(1000000000) + t.tv_nsec;
-}
-
-[[noreturn]] void become(char **words)
-{
-    const int null = open("/dev/null", O_RDWR);
-    dup2(null, STDOUT_FILENO);
-    dup2(null, STDERR_FILENO);
-    for (; strchr(words[0], '=') != nullptr; words++)
-        putenv(words[0]);
-    execvp(words[0], words);
-    _exit(127);
-}
 
 int64_t wait_accepting(const Target *target, const char *where, pid_t server, int64_t start)
 {
@@ -76,9 +56,7 @@ int main(int argc, char **argv)
     if (seen)
         target->start(argv[3]);
     const int64_t start = now();
-    const pid_t server = fork();
-    if (server == 0)
-        become(argv + 4);
+    const pid_t server = program_start(argv + 4);
     const int64_t accepted = wait_accepting(target, argv[2], server, start);
     const int64_t shown = seen ? show_first(target) : 0;
     printf("{\"accept_ns\": %lld, \"pixel_ns\": %lld}\n", static_cast<long long>(accepted),

@@ -42,8 +42,8 @@ extern const Target target_wayland; // place: the display's name
 const Target *find_target(const char *name);
 
 [[noreturn, gnu::format(printf, 1, 2)]] void fail(const char *format, ...);
-// Maps a panel of 480 x 272 pixels.
-const volatile uint32_t *map_panel(const char *path);
+// Maps a panel of 32-bit pixels, to be read.
+const volatile uint32_t *map_panel(const char *path, int32_t width, int32_t height);
 
 // A connection of this server's that has made n surfaces of size x size pixels, all shown. To be closed with mc_close.
 struct mc_connection;

@@ -39,7 +39,7 @@ bool accepts_at(const char *path)
 
 void pfb_start(const char *place)
 {
-    panel = map_panel(place);
+    panel = map_panel(place, FLOOR_WIDTH, FLOOR_HEIGHT);
 }
 
 void pfb_connect_client(Client *client)
@@ -78,7 +78,7 @@ void floor_start(const char *place)
 {
     const std::string text = place;
     const size_t colon = text.find(':');
-    panel = map_panel(text.substr(colon + 1).c_str());
+    panel = map_panel(text.substr(colon + 1).c_str(), FLOOR_WIDTH, FLOOR_HEIGHT);
     floor_address.sun_family = AF_UNIX;
     text.copy(floor_address.sun_path, std::min(colon, sizeof floor_address.sun_path - 1));
 }
@@ -130,10 +130,11 @@ void floor_update(Client *client, const Area &part)
 
 } // namespace
 
-const volatile uint32_t *map_panel(const char *path)
+const volatile uint32_t *map_panel(const char *path, int32_t width, int32_t height)
 {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    void *pixels = mmap(nullptr, FLOOR_WIDTH * FLOOR_HEIGHT * 4, PROT_READ, MAP_SHARED, fd, 0);
+    const size_t bytes = static_cast<size_t>(width) * static_cast<size_t>(height) * 4;
+    void *pixels = mmap(nullptr, bytes, PROT_READ, MAP_SHARED, fd, 0);
     if (fd < 0 || pixels == MAP_FAILED)
         fail("no panel %s", path);
     close(fd);

@@ -232,6 +232,7 @@ int fs_render(void *data)
 {
     auto *fs = static_cast<FbServer *>(data);
     fs->idle_source = 0;
+    fs->passes++;
     if (collect(fs)) {
         const Drawers drawers = assign(fs);
         const bool cleared = clear_outputs(fs);
@@ -242,4 +243,12 @@ int fs_render(void *data)
     report_truncated(fs);
     out_flush();
     return G_SOURCE_REMOVE;
+}
+
+void fs_render_due(FbServer *fs)
+{
+    if (fs->idle_source == 0)
+        return;
+    g_source_remove(fs->idle_source);
+    fs_render(fs);
 }

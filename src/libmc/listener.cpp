@@ -138,7 +138,7 @@ bool bind_and_listen(Listener *listener)
     listener->inode = bound.st_ino;
     if ((bound.st_mode & 0777) != SOCKET_MODE && fchmodat(AT_FDCWD, path, SOCKET_MODE, AT_SYMLINK_NOFOLLOW) < 0)
         return complain("cannot set the mode of", path);
-    return listen(listener->fd, SOMAXCONN) == 0 || complain("cannot listen at", path);
+    return listen(listener->fd, QUEUE_MAX) == 0 || complain("cannot listen at", path);
 }
 
 bool open_own(Listener *listener, const char *service)

@@ -7,6 +7,10 @@
 
 namespace libmc {
 
+// Clients that wait to be accepted. More of them would hold up those behind them for seconds, and there are no more
+// connections than this anyway; the next one waits in its connect.
+inline constexpr int QUEUE_MAX = 256;
+
 struct Listener {
     int fd;       // listening, non-blocking; -1: closed
     int lock_fd;  // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed

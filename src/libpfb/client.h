@@ -65,7 +65,8 @@ struct pfb_client {
     void *pixels; // owned mapping of stride x height bytes; null without a surface
     libpfb::Shape shape;
     libpfb::SurfaceState state;
-    libpfb::SurfaceState confirmed; // the last one that the server has answered after
+    libpfb::SurfaceState confirmed; // the last one that the server has answered after, or lived with for long enough
+    int64_t changed_ms;             // when the state last became another
 
     // Recovery.
     int epoll_fd; // what pfb_poll_fd gives: watches the connection and the timer
@@ -73,6 +74,7 @@ struct pfb_client {
     libpfb::Phase phase;
     bool reconnect;
     bool recovering;         // a step is under way: callbacks may come back here
+    pid_t ended;             // the process that the last connection but this one was to; -1: not known
     int deaths;              // of servers, each soon after the surface was there again
     int failed_restorations; // in a row: the server went before it had answered
     int64_t lost_ms;         // moments of the monotonic clock

@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
+#include <linux/sockios.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -17,12 +20,14 @@ using namespace libpfb;
 namespace {
 
 // While no server listens: the next attempt comes after a quarter of the time that it has been away.
-constexpr int64_t RETRY_LEAST_MS = 5, RETRY_MOST_MS = 1000;
+constexpr int64_t RETRY_LEAST_MS = 1, RETRY_MOST_MS = 1000;
 // Servers that end soon after the surface was there again: each waits twice as long as the one before.
 constexpr int64_t SOON_MS = 5000, BACK_OFF_MS = 100, BACK_OFF_MOST_MS = 10000;
 constexpr int BACK_OFF_DOUBLINGS = 7;
 // So often the whole state is tried before the part that no server has answered after is left out.
 constexpr int WHOLE_ATTEMPTS = 2;
+// A server that has read all requests and is still there so much later did not end of them.
+constexpr int64_t SURVIVED_MS = 1000;
 
 bool watch(const pfb_client *client, int operation, int fd, uint32_t events)
 {
@@ -66,6 +71,30 @@ bool has_ended(const pfb_client *client)
 {
     pollfd entry = {mc_fd(client->connection), 0, 0};
     return poll(&entry, 1, 0) > 0;
+}
+
+// Whether a process has ended, or is about to: its descriptors are closed one after the other, with others running in
+// between.
+bool is_ending(pid_t pid)
+{
+    char path[32];
+    snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    FILE *file = fopen(path, "re");
+    if (file == nullptr)
+        return errno == ENOENT && access("/proc/self", F_OK) == 0;
+    unsigned flags = 0;
+    const int n = fscanf(file, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %u", &flags);
+    fclose(file);
+    constexpr unsigned EXITING = 4;                        // the kernel's PF_EXITING
+    return n == EOF || (n == 1 && (flags & EXITING) != 0); // it may end between the two
+}
+
+// The server that has just ended took one more connection while its descriptors were being closed: no further server
+// has ended over it.
+bool was_ending(const pfb_client *client)
+{
+    const pid_t server = mc_connection_pid(client->connection);
+    return server > 0 && server == client->ended && is_ending(server);
 }
 
 void drop_connection(pfb_client *client)
@@ -152,6 +181,15 @@ void attempt(pfb_client *client)
     }
 }
 
+// A client that only ever draws asks nothing: that the server goes on is an answer too.
+void look_for_survival(pfb_client *client)
+{
+    int unread = 0; // bytes
+    if (!(client->state == client->confirmed) && now_ms() - client->changed_ms >= SURVIVED_MS &&
+        ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0)
+        recovery_confirm(client);
+}
+
 // Has the server answered the question at the end of the restoration?
 void look_for_answer(pfb_client *client)
 {
@@ -216,17 +254,23 @@ namespace libpfb {
 void recovery_lose(pfb_client *client)
 {
     const int64_t now = now_ms();
+    const bool counts = client->phase == Phase::ready || !was_ending(client);
     if (client->phase == Phase::ready) {
         note_event(client, PFB_EVENT_LOST);
         client->lost_ms = now;
-    } else if (++client->failed_restorations >= WHOLE_ATTEMPTS) {
+        client->ended = mc_connection_pid(client->connection);
+    } else if (counts && ++client->failed_restorations >= WHOLE_ATTEMPTS) {
         fall_back(client);
     }
     const bool soon = client->phase != Phase::ready || now - client->restored_ms < SOON_MS;
-    client->deaths = soon ? client->deaths + 1 : 1;
+    if (counts)
+        client->deaths = soon ? client->deaths + 1 : 1;
     drop_connection(client);
     drop_memory_name(client);
-    attempt_at(client, now + back_off_ms(client->deaths));
+    if (counts)
+        attempt_at(client, now + back_off_ms(client->deaths));
+    else
+        attempt_later(client);
 }
 
 void recovery_confirm(pfb_client *client)
@@ -242,6 +286,8 @@ void recovery_step(pfb_client *client)
     client->recovering = true;
     if (client->phase == Phase::ready && has_ended(client))
         recovery_lose(client);
+    else if (client->phase == Phase::ready && client->pixels != nullptr)
+        look_for_survival(client);
     if (client->phase == Phase::lost && now_ms() >= client->next_attempt_ms)
         attempt(client);
     if (client->phase == Phase::restoring)

@@ -66,6 +66,8 @@ int change(pfb_client *client, const Request &request, const SurfaceState &next)
     const bool lost = result == PFB_ERROR_GONE && client->reconnect;
     if (result != PFB_OK && !lost)
         return result;
+    if (!(client->state == next))
+        client->changed_ms = now_ms();
     client->state = next;
     if (!lost)
         return PFB_OK;

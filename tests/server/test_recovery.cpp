@@ -9,6 +9,8 @@
 #include <memory>
 #include <poll.h>
 #include <regex>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "../support/composer.h"
@@ -168,6 +170,20 @@ void expect_same_pixels(const Clients &clients)
         EXPECT_EQ(pfb_pixels(c->client), c->address);
 }
 
+std::string own_prefix()
+{
+    return "pfb." + std::to_string(getpid()) + ".";
+}
+
+// Names of shared memory that no server has taken yet.
+size_t own_objects()
+{
+    size_t n = 0;
+    for (const std::string &name : folder_entries("/dev/shm"))
+        n += name.rfind(own_prefix(), 0) == 0 ? 1 : 0;
+    return n;
+}
+
 void survive(int signal_number, const ServerOptions &options, int rotation)
 {
     LastingPanel panel(options);
@@ -316,15 +332,8 @@ TEST(Recovery, ServersThatComeAndGoLeaveNothingBehind)
     panel.start_server();
     const Clients clients = ten_clients();
     const Picture before = picture_of(panel, clients);
-    const std::string prefix = "pfb." + std::to_string(getpid()) + ".";
-    const auto objects = [&] {
-        size_t n = 0;
-        for (const std::string &name : folder_entries("/dev/shm"))
-            n += name.rfind(prefix, 0) == 0 ? 1 : 0;
-        return n;
-    };
     const size_t descriptors = process_descriptors(getpid());
-    const auto mappings = [&] { return count_of(file_text("/proc/self/maps"), "/dev/shm/" + prefix); };
+    const auto mappings = [&] { return count_of(file_text("/proc/self/maps"), "/dev/shm/" + own_prefix()); };
     EXPECT_EQ(mappings(), clients.size());
     for (int i = 0; i < 3; i++) {
         panel.stop_server(SIGKILL);
@@ -335,6 +344,33 @@ TEST(Recovery, ServersThatComeAndGoLeaveNothingBehind)
     EXPECT_EQ(picture_difference(picture_of(panel, clients), before), "");
     EXPECT_EQ(process_descriptors(getpid()), descriptors);
     EXPECT_EQ(mappings(), clients.size()) << "the old memory is still mapped";
-    EXPECT_EQ(objects(), 0u);
+    EXPECT_EQ(own_objects(), 0u);
     expect_same_pixels(clients);
+}
+
+// As a service manager holds it. Clients connect again before there is a server, and the next one finds them waiting.
+TEST(Recovery, TheSocketOutlivesTheServer)
+{
+    LastingPanel panel;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof address.sun_path, "%s/pfb.mc", panel.folder().c_str());
+    const int held = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(held, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << strerror(errno);
+    ASSERT_EQ(listen(held, SOMAXCONN), 0) << strerror(errno);
+    panel.start_server(held);
+    {
+        const Clients clients = ten_clients();
+        const Picture before = picture_of(panel, clients);
+        panel.stop_server(SIGABRT);
+        panel.erase();
+        EXPECT_TRUE(dispatch_until(clients, [&] { return own_objects() == clients.size(); })) << "not on their way";
+        EXPECT_FALSE(all_connected(clients));
+        panel.start_server(held);
+        EXPECT_TRUE(dispatch_until(clients, [&] { return all_connected(clients); }));
+        EXPECT_EQ(picture_difference(picture_of(panel, clients), before), "");
+        EXPECT_EQ(own_objects(), 0u);
+        expect_same_pixels(clients);
+    }
+    close(held);
 }

@@ -34,10 +34,16 @@ bool LastingPanel::find_panel()
     return !panel_.empty();
 }
 
-void LastingPanel::start_server()
+void LastingPanel::start_server(int socket)
 {
     ProgramStart start;
-    start.words = {from_build("PFB_TEST_PANEL"), "run", "--panel", panel_, "--", server_program()};
+    if (socket >= 0) {
+        start.words = {"/bin/sh", "-c", "export LISTEN_FDS=1 LISTEN_PID=$$; exec \"$@\" 3<&0 </dev/null", "sh"};
+        start.in_fd = socket;
+    }
+    for (const std::string &word : {from_build("PFB_TEST_PANEL"), std::string("run"), std::string("--panel"), panel_,
+                                    std::string("--"), server_program()})
+        start.words.push_back(word);
     start.environment = server_environment(folder());
     start.out_fd = open(out_path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     server_ = program_start(start);

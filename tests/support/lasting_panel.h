@@ -15,8 +15,9 @@ public:
     LastingPanel(const LastingPanel &) = delete;
     LastingPanel &operator=(const LastingPanel &) = delete;
 
-    // Does not wait until it listens: clients find out themselves.
-    void start_server();
+    // Does not wait until it listens: clients find out themselves. A listening socket is handed over as a service
+    // manager does it, and stays the caller's.
+    void start_server(int socket = -1);
     // Sends the server a signal, waits for its end and returns what a shell would call its status.
     int stop_server(int signal_number);
     // Blackens the panel: a server that left the old picture alone would be found out.

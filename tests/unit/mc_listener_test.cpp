@@ -273,4 +273,24 @@ TEST_F(McListener, IgnoresSocketsMeantForAnotherProcess)
     EXPECT_EQ(result, 0);
 }
 
+// A client that connects again and again without waiting must not put hundreds of connections before everybody else's.
+TEST_F(McListener, NoMoreWaitThanMayConnect)
+{
+    mc_factory *factory = open_noting("svc");
+    ASSERT_NE(factory, nullptr);
+    sockaddr_un address;
+    ASSERT_EQ(libmc::service_address("svc", &address), 0);
+    std::vector<int> waiting;
+    for (int result = 0; result == 0 && waiting.size() < 600;) {
+        waiting.push_back(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        result = connect(waiting.back(), reinterpret_cast<sockaddr *>(&address), sizeof address);
+        EXPECT_TRUE(result == 0 || errno == EAGAIN) << strerror(errno);
+    }
+    EXPECT_LE(waiting.size(), libmc::CONNECTIONS_MAX + 2u);
+    EXPECT_GE(waiting.size(), libmc::CONNECTIONS_MAX);
+    for (const int fd : waiting)
+        close(fd);
+    mc_factory_close(factory);
+}
+
 } // namespace

@@ -78,6 +78,20 @@ protected:
     {
         return dispatch_until([&] { return pfb_is_connected(client) == 0 && !events.empty(); });
     }
+    // The service ends and is there again, and ends over a request of the client's return.
+    void die_on_return(const std::string &deadly)
+    {
+        service.close();
+        service.die_of(deadly);
+        service.open();
+        Strings sent;
+        EXPECT_TRUE(dispatch_until([&] {
+            const Strings more = service.take(0);
+            sent.insert(sent.end(), more.begin(), more.end());
+            return !sent.empty() && sent.back().starts_with(deadly);
+        }));
+        EXPECT_TRUE(lose());
+    }
     // The service ends and is there again; what the client makes there.
     Strings sent_after_the_end()
     {

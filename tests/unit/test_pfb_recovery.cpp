@@ -34,6 +34,14 @@ TEST_F(PfbRecovery, PixelsAreCopiedAndStayWhereTheyAre)
     EXPECT_EQ(pixels[112 * 49 + 99], 0x10203040u);
 }
 
+TEST_F(PfbRecovery, ItNeedsNoFunctionThatIsTold)
+{
+    create();
+    EXPECT_EQ(pfb_set_event_func(client, nullptr, nullptr), PFB_OK);
+    EXPECT_THAT(sent_after_the_end(), ElementsAre(StartsWith("create "), DEPTH));
+    EXPECT_TRUE(events.empty());
+}
+
 TEST_F(PfbRecovery, EverythingThatWasSetComesBackBeforeItIsShown)
 {
     create();
