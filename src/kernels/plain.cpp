@@ -88,11 +88,13 @@ void dim(uint32_t *row, uint32_t strength, int32_t n)
     }
 }
 
-template <typename Pixel> void pick(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
+template <typename Pixel> void pick(const PickRow *rows, int32_t count, const PickPlan *plan)
 {
     constexpr ptrdiff_t size = sizeof(Pixel);
-    for (int32_t i = 0; i < plan->n; i++)
-        memcpy(dst + i * size, src + plan->columns[i] * size, sizeof(Pixel));
+    for (; count > 0; count--, rows++) {
+        for (int32_t i = 0; i < plan->n; i++)
+            memcpy(rows->dst + i * size, rows->src + plan->columns[i] * size, sizeof(Pixel));
+    }
 }
 
 } // namespace
