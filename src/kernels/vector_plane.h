@@ -21,7 +21,8 @@ template <typename Pixel, typename V, FillKernel<Pixel> Kernels::*own> void fill
     }
     for (; i + N <= n; i += N)
         store(row + i, all);
-    store(row + n - N, all);
+    if (i < n)
+        store(row + n - N, all);
 }
 
 // Strength is at most 255, so that the product of a byte stays in its 16 bits.
