@@ -130,10 +130,10 @@ template <typename Pixel> const Strip &find_strip(int32_t x, const RowWalk &row)
 }
 
 // Rows that are done together.
+constexpr int32_t BATCH_MOST = 64;
 struct Batch {
     int32_t count;
-    int32_t most;
-    PickRow rows[64];
+    PickRow rows[BATCH_MOST];
 };
 
 template <typename Pixel> void batch_run(Batch *batch, const PickPlan *plan)
@@ -172,7 +172,6 @@ template <typename Pixel> void refresh_strip(const RowPlaces &places, RowWalk ro
     const bool all = all_are_whole<Pixel>(places, row, to);
     Batch batch;
     batch.count = 0;
-    batch.most = row.dst_grid.pitch < strip.plan.n * size ? 1 : 64; // where rows overlap, the later one counts
     for (int64_t y = to.y1; y < to.y2; y++) {
         places.find(&row, y);
         if (all || is_whole<Pixel>(row)) {
@@ -182,7 +181,7 @@ template <typename Pixel> void refresh_strip(const RowPlaces &places, RowWalk ro
             batch_run<Pixel>(&batch, &strip.plan);
             walk_row<Pixel>(row);
         }
-        if (batch.count == batch.most)
+        if (batch.count == BATCH_MOST)
             batch_run<Pixel>(&batch, &strip.plan);
     }
     batch_run<Pixel>(&batch, &strip.plan);

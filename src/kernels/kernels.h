@@ -48,9 +48,9 @@ struct PickPlan {
 // For pixels of 2 or 4 bytes.
 void pick_plan_finish(PickPlan *plan, int32_t pixel_size);
 
-// Rows in the order in which they are written; two may be on their way at a time. Those from the same source follow
-// one another. Reads nothing of the sources outside columns[0] to columns[n - 1], but between them perhaps everything,
-// and may read a destination that it has written. Neither side needs alignment.
+// Rows that do not overlap; several may be on their way at a time. Those from the same source follow one another. Reads
+// nothing of the sources outside columns[0] to columns[n - 1], but between them perhaps everything, and may read a
+// destination that it has written. Neither side needs alignment.
 struct PickRow {
     const uint8_t *src;
     uint8_t *dst;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 // Rows of a scaled image by AVX2: windows of the source are loaded at once and shuffled. What that needs to know of a
-// step is read once for two rows.
+// step is read once for several rows.
 #pragma once
 
 #include "vector_pick.h"
 
 namespace {
 
-// What two rows need is loaded once: compilers would rather load it in every instruction that takes it.
+// What several rows need is loaded once: compilers would rather load it in every instruction that takes it.
 template <typename... Vectors> void keep_in_registers(Vectors &...vectors)
 {
     (..., [](auto &v) { __asm__("" : "+x"(v)); }(vectors));
@@ -104,18 +104,17 @@ template <> struct Picked16<PICK_TWO> {
     }
 };
 
-// STEPS steps of one row or two, from one source or two. Each row by itself: stores to the same line come together.
-template <typename Picked, int SOURCES, int ROWS, int STEPS>
-[[gnu::always_inline]] inline void pick_steps(const PickRow (&rows)[2], const PickPlan *plan, size_t i, size_t to)
+// STEPS steps of several rows, each from a source of its own, or all from one. Stores to the same line come together.
+template <typename Picked, bool SAME, int ROWS, int STEPS>
+[[gnu::always_inline]] inline void pick_steps(const PickRow (&rows)[ROWS], const PickPlan *plan, size_t i, size_t to)
 {
     decltype(Picked(plan, i).from(nullptr)) made[ROWS][STEPS];
     for (size_t k = 0; k < STEPS; k++) {
         Picked picked(plan, i + k * (32 / sizeof(typename Picked::Pixel)));
-        if (SOURCES == 2)
+        if (!SAME)
             picked.keep();
-        made[0][k] = picked.from(rows[0].src);
-        if (ROWS == 2)
-            made[ROWS - 1][k] = SOURCES == 2 ? picked.from(rows[1].src) : made[0][k];
+        for (int row = 0; row < ROWS; row++)
+            made[row][k] = SAME && row > 0 ? made[0][k] : picked.from(rows[row].src);
     }
     for (int row = 0; row < ROWS; row++) {
         for (size_t k = 0; k < STEPS; k++)
@@ -124,23 +123,25 @@ template <typename Picked, int SOURCES, int ROWS, int STEPS>
 }
 
 // Rest is for the end of a row.
-template <typename Picked, typename Rest, int SOURCES, int ROWS>
+template <typename Picked, typename Rest, bool SAME, int ROWS>
 void pick_together(const PickRow *rows, const PickPlan *plan)
 {
     constexpr size_t size = sizeof(typename Picked::Pixel);
     constexpr size_t N = 32 / size;
-    const PickRow own[2] = {rows[0], rows[ROWS - 1]};
+    PickRow own[ROWS];
+    for (int row = 0; row < ROWS; row++)
+        own[row] = rows[row];
     const auto n = static_cast<size_t>(plan->n);
     const auto end = static_cast<size_t>(plan->end);
     size_t i = 0;
     for (; i + 2 * N <= end; i += 2 * N)
-        pick_steps<Picked, SOURCES, ROWS, 2>(own, plan, i, i * size);
+        pick_steps<Picked, SAME, ROWS, 2>(own, plan, i, i * size);
     if (i + N <= end) {
-        pick_steps<Picked, SOURCES, ROWS, 1>(own, plan, i, i * size);
+        pick_steps<Picked, SAME, ROWS, 1>(own, plan, i, i * size);
         i += N;
     }
     for (; i < n; i += N)
-        pick_steps<Rest, SOURCES, ROWS, 1>(own, plan, i, (i + N <= n ? i : n - N) * size);
+        pick_steps<Rest, SAME, ROWS, 1>(own, plan, i, (i + N <= n ? i : n - N) * size);
 }
 
 template <typename Picked, typename Rest = Picked>
@@ -148,12 +149,12 @@ void pick_windows(const PickRow *rows, int32_t count, const PickPlan *plan)
 {
     for (; count >= 2; count -= 2, rows += 2) {
         if (rows[0].src == rows[1].src)
-            pick_together<Picked, Rest, 1, 2>(rows, plan);
+            pick_together<Picked, Rest, true, 2>(rows, plan);
         else
-            pick_together<Picked, Rest, 2, 2>(rows, plan);
+            pick_together<Picked, Rest, false, 2>(rows, plan);
     }
     if (count > 0)
-        pick_together<Picked, Rest, 1, 1>(rows, plan);
+        pick_together<Picked, Rest, true, 1>(rows, plan);
 }
 
 void pick_wide_16(const PickRow *rows, int32_t count, const PickPlan *plan)
