@@ -14,9 +14,10 @@
 template <typename Src, typename Dst>
 using Kernel = void (*)(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h);
 
+// A rectangle of one colour; w may be 0.
+template <typename Pixel> using FillKernel = void (*)(Pixel *dst, ptrdiff_t pitch, Pixel value, int32_t w, int32_t h);
 // A row in place: n pixels, n at least 0. Dimming makes each colour byte p x strength / 256, strength at most 255, and
 // the top byte 0.
-template <typename Pixel> using FillKernel = void (*)(Pixel *row, Pixel value, int32_t n);
 using DimKernel = void (*)(uint32_t *row, uint32_t strength, int32_t n);
 
 // How the pixels of a scaled row are got at: 32 bytes of the destination are made in a step, out of vectors of 32 bytes

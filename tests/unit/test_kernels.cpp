@@ -142,26 +142,34 @@ TEST(KernelTurn, TheLaterOfOverlappingRowsStays)
 
 // ---- colour planes ----
 
-template <typename Pixel> void check_fill(const Kernels *set, FillKernel<Pixel> fill, Random &random)
+// `more` pixels lie between the rows.
+template <typename Pixel>
+void check_fill(const Kernels *set, FillKernel<Pixel> fill, int32_t w, int32_t h, int32_t more, Random &random)
 {
-    for (size_t n = 0; n < 200; n++) {
-        const GuardedBuffer row(n * sizeof(Pixel), SIDES[n % 2], (n / 2 % 4) * sizeof(Pixel));
-        const auto value = static_cast<Pixel>(random());
-        std::ranges::fill(row.all(), uint8_t{0xC3});
-        std::vector<uint8_t> expected(row.all().begin(), row.all().end());
-        for (size_t i = 0; i < n; i++)
-            memcpy(expected.data() + (row.data() - row.all().data()) + i * sizeof(Pixel), &value, sizeof value);
-        fill(reinterpret_cast<Pixel *>(row.data()), value, static_cast<int32_t>(n));
-        ASSERT_TRUE(std::ranges::equal(expected, row.all())) << set->name << " " << n;
+    const auto pixels = static_cast<size_t>((w + more) * (h - 1) + w);
+    const GuardedBuffer dst(pixels * sizeof(Pixel), SIDES[between(random, 0, 1)],
+                            static_cast<size_t>(between(random, 0, 3)) * sizeof(Pixel));
+    const auto value = static_cast<Pixel>(random());
+    std::ranges::fill(dst.all(), uint8_t{0xC3});
+    std::vector<uint8_t> expected(dst.all().begin(), dst.all().end());
+    uint8_t *to = expected.data() + (dst.data() - dst.all().data());
+    for (int32_t y = 0; y < h; y++) {
+        for (int32_t x = 0; x < w; x++)
+            memcpy(to + static_cast<size_t>(y * (w + more) + x) * sizeof(Pixel), &value, sizeof value);
     }
+    fill(reinterpret_cast<Pixel *>(dst.data()), w + more, value, w, h);
+    ASSERT_TRUE(std::ranges::equal(expected, dst.all())) << set->name << " " << w << "x" << h << " + " << more;
 }
 
-TEST(KernelPlane, FillsARow)
+TEST(KernelPlane, FillsARectangle)
 {
     Random random(6);
     for (const Kernels *set : all_kernel_sets()) {
-        check_fill<uint16_t>(set, set->fill_16, random);
-        check_fill<uint32_t>(set, set->fill_32, random);
+        for (int32_t w = 0; w < 200; w++) {
+            const int32_t h = between(random, 1, 4), more = between(random, 0, 2);
+            check_fill<uint16_t>(set, set->fill_16, w, h, more, random);
+            check_fill<uint32_t>(set, set->fill_32, w, h, more, random);
+        }
     }
 }
 
