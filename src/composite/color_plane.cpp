@@ -23,10 +23,10 @@ template <typename Pixel, typename Paint> void for_each_row(xc_image *work, cons
     }
 }
 
-// Whether all pixels of a box exist, and its rows begin at pixels.
+// Whether all pixels of a box exist. (A work image is as wide as whole words.)
 bool is_whole(const PixelGrid &grid, const Box &box)
 {
-    return box.x1 < box.x2 && box.y1 < box.y2 && grid.pitch % grid.size == 0 &&
+    return box.x1 < box.x2 && box.y1 < box.y2 &&
            grid.holds(grid.offset(box.x1, box.y1), grid.offset(box.x2 - 1, box.y1)) &&
            grid.holds(grid.offset(box.x1, box.y2 - 1), grid.offset(box.x2 - 1, box.y2 - 1));
 }

@@ -325,6 +325,31 @@ TEST_F(Scale, RefreshesOfOneWidthAtEachPlace)
     }
 }
 
+// Heights are not tested, so that the first rows may come from above the client's image: they stay as they were.
+TEST_F(Scale, RowsFromAboveTheImageAreSkipped)
+{
+    for (const int32_t format : {XRGB32, RGB16}) {
+        ImageSurface *scaled = add("x", {0, 0, 20, 20}, format);
+        paint_numbers(scaled->img);
+        scale(scaled, {0, -4, 20, 10}, {0, 0, 40, 20});
+        ASSERT_NE(scaled->scale_state, nullptr);
+        const Rect dirty = {0, 0, 20, 6};
+        region_reset(&scaled->dirty_region, &dirty);
+        scaled->scale_state->y_offset = 0; // so that the damage is mapped to the first rows as well
+        // There is memory above: the image begins four rows further down.
+        xc_image *client = scaled->scale_state->orig_img;
+        void *const all = client->pixels;
+        const std::vector<uint32_t> numbers = words_of(client);
+        client->pixels = xc_image_pointer(client, 0, 4);
+        scale_refresh(scaled);
+        client->pixels = all;
+        const std::vector<uint32_t> found = words_of(scaled->img);
+        for (size_t y = 0; y < 12; y++)
+            EXPECT_EQ(found[y * 40 + 39], y < 8 ? 0 : numbers[(4 + (y - 8) / 2) * 20 + 19]) << y;
+        fs_remove_surface(server, scaled);
+    }
+}
+
 // Rows that are so long that they are done in two parts, of the same width.
 TEST_F(Scale, TheLongestRows)
 {
