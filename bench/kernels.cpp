@@ -72,12 +72,11 @@ void refresh(Field &f)
 
 template <typename Pixel> void fill(Field &f)
 {
-    for (int y = 0; y < f.dst.h; y++) {
-        if constexpr (sizeof(Pixel) == 4)
-            kernels->fill_32(reinterpret_cast<uint32_t *>(f.dst.pixels + y * f.dst.stride), 0xFF123456, f.dst.w);
-        else
-            kernels->fill_16(reinterpret_cast<uint16_t *>(f.dst.pixels + y * f.dst.stride), 0x1234, f.dst.w);
-    }
+    auto *dst = reinterpret_cast<Pixel *>(f.dst.pixels);
+    if constexpr (sizeof(Pixel) == 4)
+        kernels->fill_32(dst, f.dst.w, 0xFF123456, f.dst.w, f.dst.h);
+    else
+        kernels->fill_16(dst, f.dst.w, 0x1234, f.dst.w, f.dst.h);
 }
 
 void dim(Field &f)

@@ -5,8 +5,11 @@
    kernels.py FILE.json           prints the table of a run
 
 Every number is a speed (bytes read and written per second) as a fraction of memcpy's over the same buffers in the same
-run: the median over the repetitions, and how far their middle half spreads around it."""
+run: the median over the repetitions, and how far their middle half spreads around it. Goals are for the fastest set of
+the machine, those in brackets for sse2; a goal beside another library is how many times as fast as it. What is missed
+is marked by an exclamation mark, and listed below the table."""
 import collections
+import fnmatch
 import json
 import os
 import statistics
@@ -14,6 +17,26 @@ import subprocess
 import sys
 
 REPETITIONS = ['--benchmark_min_time=0.02', '--benchmark_repetitions=15', '--benchmark_enable_random_interleaving=true']
+
+SETS = ['avx2', 'neon', 'sse2', 'plain']  # the fastest first
+SMALL, LARGE, TINY = '480x272', '1920x1080', '16x16'
+
+# For cases by their names: fractions of memcpy (small and large), the same for sse2, times pixman, times libyuv. The
+# first line that fits counts.
+GOALS = [
+    (['rgb_to_32', '32_to_32', '32_to_32_270', '16_to_16', '16_to_16_270', 'fill_*'], (.95, .95), None, None, None),
+    (['rgb_to_16', 'rgb_to_16_270', 'rgb_to_18*', '18_to_16', '16_to_18'], (.85, .95), (.45, .5), 1, 1),
+    (['16_to_32', '18_to_32'], (.6, .7), None, None, 1),
+    (['over_random*'], (.6, 1), None, 2, None),
+    (['over_transparent'], (1.2, 2.2), None, None, None),
+    (['over_opaque'], (.95, .95), None, None, None),
+    (['32_to_32_90'], (.7, .55), None, 3.5, None),
+    (['16_to_16_90'], (.6, .4), None, 3.5, None),
+    (['rgb_to_16_90'], (.48, .38), None, 3.5, None),
+    (['refresh_*_x2', 'refresh_*_x1.6'], (.6, .6), None, 3, None),
+    (['refresh_*_x0.5', 'refresh_*_x0.8'], (.75, .75), None, 3, None),
+]
+TINY_PIXMAN = 4  # a rectangle of 16 x 16, beside one call of pixman; refreshes are no conversions
 
 
 def run(program, options):
@@ -36,6 +59,40 @@ def speeds_of(path):
     return speeds
 
 
+def goals_of(case, size, fastest):
+    """[(who is measured, beside whom, goal)]"""
+    if size == TINY:
+        return [] if case.startswith('refresh') else [(fastest, 'pixman', TINY_PIXMAN)]
+    for patterns, fractions, sse2, pixman, libyuv in GOALS:
+        if any(fnmatch.fnmatchcase(case, pattern) for pattern in patterns):
+            goals = [(fastest, 'pixman', pixman), (fastest, 'libyuv', libyuv)]
+            if size in (SMALL, LARGE):
+                goals.append((fastest, 'memcpy', fractions[size == LARGE]))
+                goals.append(('sse2', 'memcpy', sse2 and sse2[size == LARGE]))
+            return [goal for goal in goals if goal[2] is not None]
+    return []
+
+
+def judge(row, goals):
+    """[(who, beside whom, goal, what was reached)] of those that could be measured"""
+    return [(who, other, goal, statistics.median(row[who]) / statistics.median(row[other]))
+            for who, other, goal in goals if who in row and other in row]
+
+
+def is_missed(goal, reached):
+    return round(reached, 2) < goal
+
+
+def goal_cell(judged, fastest, other):
+    words = []
+    for who, beside, goal, reached in judged:
+        if beside == other:
+            mark = '!' if is_missed(goal, reached) else ''
+            text = f'{goal:g}{mark}' if other == 'memcpy' else f'{reached:.1f} of {goal:g}{mark}'
+            words.append(text if who == fastest else f'({text})')
+    return ' '.join(words) or '-'
+
+
 def cell(values, limit):
     median = statistics.median(values) / limit
     if len(values) < 2:
@@ -44,15 +101,31 @@ def cell(values, limit):
     return f'{median:.2f} ±{(high - low) / 2 / limit:.2f}'
 
 
+def area(size):
+    w, h = map(int, size.split('x'))
+    return w * h
+
+
 def print_table(speeds):
-    everyone = []
-    for row in speeds.values():
-        everyone += [who for who in row if who not in everyone and who != 'memcpy']
-    print(f'{"case":<20}{"size":<11}{"memcpy GB/s":>12}' + ''.join(f'{who:>13}' for who in everyone))
-    for (case, size), row in speeds.items():
-        limit = statistics.median(row['memcpy'])
-        cells = [cell(row[who], limit) if who in row else '-' for who in everyone]
-        print(f'{case:<20}{size:<11}{limit / 1e9:>12.1f}' + ''.join(f'{text:>13}' for text in cells))
+    found = {who for row in speeds.values() for who in row}
+    sets = [who for who in reversed(SETS) if who in found]
+    everyone = sets + [who for who in ('pixman', 'libyuv') if who in found]
+    print(f'{"case":<19}{"size":<10}{"memcpy GB/s":>12}' + ''.join(f'{who:>12}' for who in everyone) +
+          f'{"goal":>14}{"x pixman":>13}{"x libyuv":>13}')
+    reached_all, missed = 0, []
+    for (case, size), row in sorted(speeds.items(), key=lambda one: (one[0][0], area(one[0][1]))):
+        fastest = sets[-1] if sets else None
+        judged = judge(row, goals_of(case, size, fastest))
+        missed += [(case, size, *one) for one in judged if is_missed(one[2], one[3])]
+        reached_all += sum(not is_missed(goal, reached) for _, _, goal, reached in judged)
+        limit = statistics.median(row['memcpy']) if 'memcpy' in row else 0
+        cells = [cell(row[who], limit) if who in row and limit else '-' for who in everyone]
+        goals = [goal_cell(judged, fastest, other) for other in ('memcpy', 'pixman', 'libyuv')]
+        print(f'{case:<19}{size:<10}{limit / 1e9:>12.1f}' + ''.join(f'{text:>12}' for text in cells) +
+              f'{goals[0]:>14}{goals[1]:>13}{goals[2]:>13}')
+    print(f'\n{reached_all} goals reached, {len(missed)} missed')
+    for case, size, who, other, goal, reached in missed:
+        print(f'  {case} {size}: {who} is {reached:.2f} of {other}, the goal is {goal:g}')
 
 
 def main():

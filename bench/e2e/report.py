@@ -196,8 +196,8 @@ def plots(found, folder):
 def machine():
     with open('/proc/cpuinfo', encoding='ascii') as info:
         model = next((line.split(':')[1].strip() for line in info if line.startswith('model name')), platform.machine())
-    kernel = '.'.join(platform.release().split('.')[:2])
-    return f'{model}, {os.cpu_count()} processors, Linux {kernel}, load {os.getloadavg()[1]:.1f} afterwards'
+    release = '.'.join(platform.release().split('.')[:2])
+    return f'{model}, {os.cpu_count()} processors, Linux {release}, load {os.getloadavg()[1]:.1f} afterwards'
 
 
 PAGE = '''# Performance

@@ -11,30 +11,49 @@ namespace {
 constexpr uint32_t COLORS = 0x00FFFFFF;
 constexpr uint32_t OPAQUE = 0xFF;
 
-// Calls paint(pixels, count) for the existing part of each row of the region.
-template <typename Pixel, typename Paint> void for_each_row(xc_image *work, const Region *region, Paint paint)
+// Calls paint(pixels, count) for the existing part of each row of a box.
+template <typename Pixel, typename Paint> void for_each_row(xc_image *work, const Box &box, Paint paint)
 {
     const PixelGrid grid = image_grid(work, sizeof(Pixel));
     auto *bytes = static_cast<uint8_t *>(work->pixels);
-    const Box *rects = region_rects(region);
-    const int n = region_num_rects(region);
-    for (int i = 0; i < n; i++) {
-        for (int32_t y = rects[i].y1; y < rects[i].y2; y++) {
-            const int64_t start = grid.offset(rects[i].x1, y);
-            const PixelRun run = existing_run(grid, start, grid.size, rects[i].x2 - rects[i].x1);
-            paint(reinterpret_cast<Pixel *>(bytes + start + run.first * grid.size), run.count);
-        }
+    for (int32_t y = box.y1; y < box.y2; y++) {
+        const int64_t start = grid.offset(box.x1, y);
+        const PixelRun run = existing_run(grid, start, grid.size, box.x2 - box.x1);
+        paint(reinterpret_cast<Pixel *>(bytes + start + run.first * grid.size), run.count);
     }
+}
+
+// Whether all pixels of a box exist. (A work image is as wide as whole words.)
+bool is_whole(const PixelGrid &grid, const Box &box)
+{
+    return box.x1 < box.x2 && box.y1 < box.y2 &&
+           grid.holds(grid.offset(box.x1, box.y1), grid.offset(box.x2 - 1, box.y1)) &&
+           grid.holds(grid.offset(box.x1, box.y2 - 1), grid.offset(box.x2 - 1, box.y2 - 1));
 }
 
 template <typename Pixel> void fill(xc_image *work, const Region *region, Pixel value, FillKernel<Pixel> kernel)
 {
-    for_each_row<Pixel>(work, region, [=](Pixel *row, int32_t n) { kernel(row, value, n); });
+    const PixelGrid grid = image_grid(work, sizeof(Pixel));
+    const Box *rects = region_rects(region);
+    const int n = region_num_rects(region);
+    for (int i = 0; i < n; i++) {
+        const Box &box = rects[i];
+        if (is_whole(grid, box)) {
+            auto *start = static_cast<uint8_t *>(work->pixels) + grid.offset(box.x1, box.y1);
+            kernel(reinterpret_cast<Pixel *>(start), grid.pitch / grid.size, value, box.x2 - box.x1, box.y2 - box.y1);
+        } else {
+            for_each_row<Pixel>(work, box, [=](Pixel *row, int32_t count) { kernel(row, count, value, count, 1); });
+        }
+    }
 }
 
 void dim(xc_image *work, const Region *region, uint32_t strength)
 {
-    for_each_row<uint32_t>(work, region, [strength](uint32_t *row, int32_t n) { kernels->dim(row, strength, n); });
+    const Box *rects = region_rects(region);
+    const int n = region_num_rects(region);
+    for (int i = 0; i < n; i++)
+        for_each_row<uint32_t>(work, rects[i],
+                               [strength](uint32_t *row, int32_t count) { kernels->dim(row, strength, count); });
 }
 
 uint16_t to_565(uint32_t c)

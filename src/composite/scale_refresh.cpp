@@ -77,66 +77,114 @@ template <typename Pixel> void walk_row(const RowWalk &row)
     }
 }
 
-// The source pixels of a row lie between the first and this one.
-template <typename Pixel> int64_t last_source(const RowWalk &row)
+// Column x of the destination comes from this column of the source, counted from that of column 0: as often as
+// advance() steps in x times.
+template <typename Pixel> int64_t column_of(const RowWalk &row, int64_t x)
 {
-    return row.src_at + (((row.fraction + row.step * row.n) >> 16) + 1) * static_cast<int64_t>(sizeof(Pixel));
+    return std::max<int64_t>(0, row.fraction + x * row.step - (STEP_ABOVE<Pixel> - 0xFFFF)) >> 16;
 }
 
 // Whether all pixels of a row exist, so that it can be done at once. (A mapping that runs backwards is left to the
 // walk.)
 template <typename Pixel> bool is_whole(const RowWalk &row)
 {
-    return row.step >= 0 && row.src_grid.holds(row.src_at, last_source<Pixel>(row)) &&
+    return row.step >= 0 &&
+           row.src_grid.holds(row.src_at, row.src_at + column_of<Pixel>(row, row.n - 1) * row.src_grid.size) &&
            row.dst_grid.holds(row.dst_at, row.dst_at + (row.n - 1) * row.dst_grid.size);
 }
 
 // The columns of the source are the same in all rows: they are worked out once for a strip of the destination.
 struct Strip {
+    int64_t fraction; // of the row, as the step
+    int64_t step;
     int32_t x;     // of the rectangle's columns, the first
     int64_t first; // source pixels from the start of the row to there
-    PickPlan plan;
+    PickPlan plan; // n is 0 before the first one
 };
 
-// Column x comes from the source pixel at place >> 16 with place = fraction + x x step, counted from that of column 0:
-// as often as advance() steps in x times.
-template <typename Pixel> void strip_fill(Strip *strip, int32_t x, const RowWalk &row)
+template <typename Pixel> void strip_fill(Strip *strip, int32_t x, int32_t n, const RowWalk &row)
 {
-    int64_t place = row.fraction + x * row.step - (STEP_ABOVE<Pixel> - 0xFFFF);
+    PickPlan *plan = &strip->plan;
+    strip->fraction = row.fraction;
+    strip->step = row.step;
     strip->x = x;
-    strip->first = std::max<int64_t>(0, place) >> 16;
-    strip->plan.n = std::min(PICK_MOST, row.n - x);
-    for (int32_t i = 0; i < strip->plan.n; i++, place += row.step)
-        strip->plan.columns[i] = static_cast<int32_t>((std::max<int64_t>(0, place) >> 16) - strip->first);
-    pick_plan_finish(&strip->plan, sizeof(Pixel));
+    strip->first = column_of<Pixel>(row, x);
+    plan->n = n;
+    int64_t place = row.fraction + x * row.step - (STEP_ABOVE<Pixel> - 0xFFFF); // -1 at the least
+    for (int32_t i = 0; i < n; i++, place += row.step)
+        plan->columns[i] = static_cast<int32_t>((place >> 16) - strip->first);
+    for (int32_t i = 0; i < n && plan->columns[i] < 0; i++)
+        plan->columns[i] = 0;
+    pick_plan_finish(plan, sizeof(Pixel));
+}
+
+// The strip that begins at column x. The last one is kept: a picture that moves is refreshed by the same columns again
+// and again.
+template <typename Pixel> const Strip &find_strip(int32_t x, const RowWalk &row)
+{
+    static Strip kept;
+    const int32_t n = std::min(PICK_MOST, row.n - x);
+    if (kept.plan.n != n || kept.x != x || kept.fraction != row.fraction || kept.step != row.step)
+        strip_fill<Pixel>(&kept, x, n, row);
+    return kept;
+}
+
+// Rows that are done together.
+constexpr int32_t BATCH_MOST = 64;
+struct Batch {
+    int32_t count;
+    PickRow rows[BATCH_MOST];
+};
+
+template <typename Pixel> void batch_run(Batch *batch, const PickPlan *plan)
+{
+    const PickKernel pick = sizeof(Pixel) == 4 ? kernels->pick_32 : kernels->pick_16;
+    pick(batch->rows, batch->count, plan);
+    batch->count = 0;
+}
+
+// Where row y of the destination begins, and what it is made of.
+struct RowPlaces {
+    const ScaleState *scale;
+    int64_t first; // column of the source
+    int32_t x1;
+
+    void find(RowWalk *row, int64_t y) const
+    {
+        row->src_at = row->src_grid.offset(first, (y * scale->y_step + scale->src_y_origin) >> 16);
+        row->dst_at = row->dst_grid.offset(x1, y);
+    }
+};
+
+// Row y1 + 1 and so on lie between y1 and y2 - 1 in both images: when those exist, so do they.
+template <typename Pixel> bool all_are_whole(const RowPlaces &places, RowWalk row, const Rect &to)
+{
+    places.find(&row, to.y1);
+    const bool first = is_whole<Pixel>(row);
+    places.find(&row, to.y2 - 1);
+    return first && is_whole<Pixel>(row);
 }
 
 // Rows y1 to y2 of a strip. `row` comes with what all rows share.
-template <typename Pixel>
-void refresh_strip(const ScaleState &s, RowWalk row, const Strip &strip, const Rect &to, int64_t start)
+template <typename Pixel> void refresh_strip(const RowPlaces &places, RowWalk row, const Strip &strip, const Rect &to)
 {
     constexpr int64_t size = sizeof(Pixel);
-    const PickKernel pick = size == 4 ? kernels->pick_32 : kernels->pick_16;
-    const uint8_t *done = nullptr; // the destination row above, when it was done at once
-    int64_t done_src_row = 0;
+    const bool all = all_are_whole<Pixel>(places, row, to);
+    Batch batch;
+    batch.count = 0;
     for (int64_t y = to.y1; y < to.y2; y++) {
-        const int64_t src_row = (y * s.y_step + s.src_y_origin) >> 16;
-        row.src_at = row.src_grid.offset(start >> 16, src_row);
-        row.dst_at = row.dst_grid.offset(to.x1, y);
-        if (!is_whole<Pixel>(row)) {
-            done = nullptr;
-            if (strip.x == 0) // all of it at the first strip
-                walk_row<Pixel>(row);
-            continue;
+        places.find(&row, y);
+        if (all || is_whole<Pixel>(row)) {
+            batch.rows[batch.count++] = {row.src + row.src_at + strip.first * size,
+                                         row.dst + row.dst_at + strip.x * size};
+        } else if (strip.x == 0) { // all of it at the first strip
+            batch_run<Pixel>(&batch, &strip.plan);
+            walk_row<Pixel>(row);
         }
-        uint8_t *dst = row.dst + row.dst_at + strip.x * size;
-        if (done != nullptr && done_src_row == src_row)
-            memcpy(dst, done, static_cast<size_t>(strip.plan.n * size));
-        else
-            pick(row.src + row.src_at + strip.first * size, dst, &strip.plan);
-        done = dst;
-        done_src_row = src_row;
+        if (batch.count == BATCH_MOST)
+            batch_run<Pixel>(&batch, &strip.plan);
     }
+    batch_run<Pixel>(&batch, &strip.plan);
 }
 
 template <typename Pixel> void refresh_rectangle(const ImageSurface *surface, const Rect &to)
@@ -153,11 +201,8 @@ template <typename Pixel> void refresh_rectangle(const ImageSurface *surface, co
                 to.x2 - to.x1};
     const int64_t start = static_cast<int64_t>(to.x1) * s.x_step + s.src_x_origin;
     row.fraction = start & 0xFFFF;
-    Strip strip;
-    for (int32_t x = 0; x < row.n; x += strip.plan.n) {
-        strip_fill<Pixel>(&strip, x, row);
-        refresh_strip<Pixel>(s, row, strip, to, start);
-    }
+    for (int32_t x = 0; x < row.n; x += PICK_MOST)
+        refresh_strip<Pixel>({&s, start >> 16, to.x1}, row, find_strip<Pixel>(x, row), to);
 }
 
 } // namespace

@@ -6,7 +6,7 @@
 
 constinit const Kernels kernels_avx2 = [] {
     Kernels table = vector_kernels("avx2");
-    table.pick_16 = PICK_WIDE_16;
-    table.pick_32 = PICK_WIDE_32;
+    table.pick_16 = pick_wide_16;
+    table.pick_32 = pick_wide_32;
     return table;
 }();

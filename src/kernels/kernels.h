@@ -14,31 +14,49 @@
 template <typename Src, typename Dst>
 using Kernel = void (*)(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h);
 
+// A rectangle of one colour; w may be 0.
+template <typename Pixel> using FillKernel = void (*)(Pixel *dst, ptrdiff_t pitch, Pixel value, int32_t w, int32_t h);
 // A row in place: n pixels, n at least 0. Dimming makes each colour byte p x strength / 256, strength at most 255, and
 // the top byte 0.
-template <typename Pixel> using FillKernel = void (*)(Pixel *row, Pixel value, int32_t n);
 using DimKernel = void (*)(uint32_t *row, uint32_t strength, int32_t n);
+
+// How the pixels of a scaled row are got at: 32 bytes of the destination are made in a step, out of vectors of 32 bytes
+// of the source.
+enum PickShape {
+    PICK_SINGLY,     // vectors do not reach, or the row is too short
+    PICK_ONE,        // one vector holds the source of a step; of 16-bit pixels, 16 bytes of it that of the last 8
+    PICK_OVERLAPPED, // 16-bit pixels: two vectors, the second 16 bytes on; the first 8 pixels come from the first half
+                     // of either, the other 8 from the second
+    PICK_TWO         // 32-bit pixels: two vectors side by side; 16-bit ones: one for every 8 pixels
+};
 
 // Where the pixels of a scaled row come from, for many rows: dst pixel i is src pixel columns[i].
 constexpr int32_t PICK_MOST = 2048;
 struct PickPlan {
     int32_t n;                  // pixels, 1 to PICK_MOST
     int32_t columns[PICK_MOST]; // begin with 0 and never go back
-    // The rest is pick_plan_finish's. The pixels of each full group come out of a window of eight in the source, which
-    // begins at starts[i / group] and lies within the row.
-    int32_t group; // 8 or 4 pixels; 0: even four come from further apart, or the row is too short
-    int32_t starts[PICK_MOST / 4];
+    // The rest is pick_plan_finish's. Where the row is no whole number of steps, the last one begins earlier; step k is
+    // kept as if it began at k x step.
+    PickShape shape;
+    int32_t end;    // of 16-bit pixels, steps from here on are PICK_TWO: near the end of a row, vectors begin earlier
+    int32_t second; // PICK_ONE of 16 bits: the first source pixel for the last 8, an even number
+    int32_t starts[PICK_MOST / 8]; // for 8 pixels, the first one of the vector; all of it lies in the row
     union {
-        uint32_t words[PICK_MOST]; // of 32-bit pixels, the place in the window
-        uint16_t bytes[PICK_MOST]; // of 16-bit pixels, the places of both bytes
+        alignas(64) uint32_t words[PICK_MOST]; // of 32-bit pixels: the place from the start
+        uint8_t bytes[PICK_MOST * 4];          // of 16-bit pixels: the shuffles of both vectors of a step, 64 bytes
     };
 };
 // For pixels of 2 or 4 bytes.
 void pick_plan_finish(PickPlan *plan, int32_t pixel_size);
 
-// Reads nothing outside columns[0] to columns[n - 1], but between them perhaps everything. Neither side needs
-// alignment.
-using PickKernel = void (*)(const uint8_t *src, uint8_t *dst, const PickPlan *plan);
+// Rows that do not overlap; several may be on their way at a time. Those from the same source follow one another. Reads
+// nothing of the sources outside columns[0] to columns[n - 1], but between them perhaps everything, and may read a
+// destination that it has written. Neither side needs alignment.
+struct PickRow {
+    const uint8_t *src;
+    uint8_t *dst;
+};
+using PickKernel = void (*)(const PickRow *rows, int32_t count, const PickPlan *plan);
 
 // "rgb" and "argb" are 32-bit words, "16" is 5-6-5, "18" is 6-6-6 in a word; pixel.h has the formulas.
 struct Kernels {

@@ -63,6 +63,18 @@ inline bool is_opaque(U32 v)
     return _mm256_testc_si256(bits(v), _mm256_set1_epi32(static_cast<int>(0xFF000000))) != 0;
 }
 
+inline bool may_be_plain(U32 v)
+{
+    const __m256i alpha = _mm256_set1_epi32(static_cast<int>(0xFF000000));
+    return _mm256_testz_si256(bits(v), alpha) != 0 || _mm256_testc_si256(bits(v), alpha) != 0;
+}
+inline U16 alpha_in_halves(U32 v)
+{
+    const __m256i places =
+        _mm256_broadcastsi128_si256(_mm_setr_epi8(3, -1, 3, -1, 7, -1, 7, -1, 11, -1, 11, -1, 15, -1, 15, -1));
+    return from_bits<U16>(_mm256_shuffle_epi8(bits(v), places));
+}
+
 inline U16 unpack_low(U16 a, U16 b)
 {
     return from_bits<U16>(_mm256_unpacklo_epi16(bits(a), bits(b)));

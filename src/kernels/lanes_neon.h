@@ -53,6 +53,16 @@ inline bool is_opaque(U32 v)
     return (vget_lane_u32(both, 0) & vget_lane_u32(both, 1)) >= 0xFF000000;
 }
 
+inline bool may_be_plain(U32 v)
+{
+    return is_zero(v) || is_opaque(v);
+}
+inline U16 alpha_in_halves(U32 v)
+{
+    const U32 once = v >> 24;
+    return reinterpret_cast<U16>(once | once << 16);
+}
+
 inline U16 unpack_low(U16 a, U16 b)
 {
     return vzipq_u16(a, b).val[0];

@@ -65,6 +65,16 @@ inline bool is_opaque(U32 v)
     return (_mm_movemask_epi8(_mm_cmpeq_epi8(bits(v), _mm_set1_epi32(-1))) & 0x8888) == 0x8888;
 }
 
+inline bool may_be_plain(U32 v)
+{
+    return is_zero(v) || is_opaque(v);
+}
+inline U16 alpha_in_halves(U32 v)
+{
+    const U32 once = v >> 24;
+    return reinterpret_cast<U16>(once | once << 16);
+}
+
 inline U16 unpack_low(U16 a, U16 b)
 {
     return from_bits<U16>(_mm_unpacklo_epi16(bits(a), bits(b)));

@@ -1,61 +1,182 @@
 // SPDX-License-Identifier: MIT
-// Rows of a scaled image by AVX2: a window of the source is loaded at once and shuffled.
+// Rows of a scaled image by AVX2: windows of the source are loaded at once and shuffled. What that needs to know of a
+// step is read once for several rows.
 #pragma once
 
 #include "vector_pick.h"
 
 namespace {
 
-// Groups of 8 pixels have one window, groups of 4 have two for the same 8 pixels.
-template <int32_t GROUP> void pick_windows_32(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
+// What several rows need is loaded once: compilers would rather load it in every instruction that takes it.
+template <typename... Vectors> void keep_in_registers(Vectors &...vectors)
 {
-    const ptrdiff_t end = plan->n & ~7;
-    const int32_t *start = plan->starts;
-    for (ptrdiff_t i = 0; i < end; i += 8, start += 8 / GROUP) {
-        const __m256i places = bits(load<U32>(plan->words + i));
-        const auto from = [=](int32_t at) {
-            return _mm256_permutevar8x32_epi32(bits(load<U32>(src + ptrdiff_t{at} * 4)), places);
-        };
-        __m256i picked = from(start[0]);
-        if (GROUP == 4)
-            picked = _mm256_blend_epi32(picked, from(start[1]), 0xF0);
-        store(dst + i * 4, from_bits<U32>(picked));
-    }
-    pick_pixels<uint32_t>(src, dst, plan, static_cast<int32_t>(end));
+    (..., [](auto &v) { __asm__("" : "+x"(v)); }(vectors));
 }
 
-// Eight pixels to a lane, out of one window or two.
-template <int32_t GROUP> void pick_windows_16(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
-{
-    const ptrdiff_t end = plan->n & ~15;
-    const int32_t *start = plan->starts;
-    for (ptrdiff_t i = 0; i < end; i += 16, start += 16 / GROUP) {
-        const __m256i places = bits(load<U16>(plan->bytes + i));
-        const auto from = [=](int32_t low, int32_t high) {
-            const auto window = [=](int32_t at) {
-                return _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + ptrdiff_t{at} * 2));
-            };
-            return _mm256_shuffle_epi8(_mm256_inserti128_si256(_mm256_castsi128_si256(window(low)), window(high), 1),
-                                       places);
-        };
-        __m256i picked = from(start[0], start[8 / GROUP]);
-        if (GROUP == 4)
-            picked = _mm256_blend_epi32(picked, from(start[1], start[3]), 0xCC);
-        store(dst + i * 2, from_bits<U16>(picked));
+template <PickShape SHAPE> struct Picked32 {
+    using Pixel = uint32_t;
+
+    ptrdiff_t at;
+    __m256i places;
+
+    Picked32(const PickPlan *plan, size_t i) : at(plan->starts[i / 8] * ptrdiff_t{4})
+    {
+        places = bits(load<U32>(plan->words + i));
     }
-    pick_pixels<uint16_t>(src, dst, plan, static_cast<int32_t>(end));
+    void keep() { keep_in_registers(places); }
+    U32 from(const uint8_t *src) const
+    {
+        const __m256i first = _mm256_permutevar8x32_epi32(bits(load<U32>(src + at)), places);
+        if (SHAPE == PICK_ONE)
+            return from_bits<U32>(first);
+        const __m256i second = _mm256_permutevar8x32_epi32(bits(load<U32>(src + at + 32)), places);
+        const __m256i is_second = _mm256_slli_epi32(places, 28); // places from 8 on, as signs
+        return from_bits<U32>(_mm256_castps_si256(
+            _mm256_blendv_ps(_mm256_castsi256_ps(first), _mm256_castsi256_ps(second), _mm256_castsi256_ps(is_second))));
+    }
+};
+
+template <PickShape SHAPE> struct Picked16;
+
+template <> struct Picked16<PICK_ONE> {
+    using Pixel = uint16_t;
+
+    ptrdiff_t at;
+    __m256i halves, shuffle;
+
+    Picked16(const PickPlan *plan, size_t i) : at(plan->starts[i / 8] * ptrdiff_t{2})
+    {
+        const __m256i second = _mm256_set1_epi32(plan->second / 2);
+        halves =
+            _mm256_add_epi32(_mm256_setr_epi32(0, 1, 2, 3, 0, 1, 2, 3), _mm256_blend_epi32(__m256i{}, second, 0xF0));
+        shuffle = bits(load<U8>(plan->bytes + i * 4));
+    }
+    void keep() { keep_in_registers(shuffle); }
+    U16 from(const uint8_t *src) const
+    {
+        return from_bits<U16>(
+            _mm256_shuffle_epi8(_mm256_permutevar8x32_epi32(bits(load<U16>(src + at)), halves), shuffle));
+    }
+};
+
+// Bytes from 16 on are in the second vector; bit 7 of a shuffle makes a zero.
+template <> struct Picked16<PICK_OVERLAPPED> {
+    using Pixel = uint16_t;
+
+    ptrdiff_t at;
+    __m256i in_first, in_second;
+
+    Picked16(const PickPlan *plan, size_t i) : at(plan->starts[i / 8] * ptrdiff_t{2})
+    {
+        const __m256i bytes = bits(load<U8>(plan->bytes + i * 4));
+        in_first = _mm256_add_epi8(bytes, _mm256_set1_epi8(0x70));
+        in_second = _mm256_sub_epi8(bytes, _mm256_set1_epi8(0x10));
+    }
+    void keep() {}
+    U16 from(const uint8_t *src) const
+    {
+        const __m256i first = _mm256_shuffle_epi8(bits(load<U16>(src + at)), in_first);
+        const __m256i second = _mm256_shuffle_epi8(bits(load<U16>(src + at + 16)), in_second);
+        return from_bits<U16>(_mm256_or_si256(first, second));
+    }
+};
+
+// Each vector leaves its 8 pixels in both lanes, with zeroes between.
+template <> struct Picked16<PICK_TWO> {
+    using Pixel = uint16_t;
+
+    ptrdiff_t low, high;
+    __m256i in_low, in_high;
+
+    Picked16(const PickPlan *plan, size_t i)
+        : low(plan->starts[i / 8] * ptrdiff_t{2}), high(plan->starts[i / 8 + 1] * ptrdiff_t{2})
+    {
+        in_low = bits(load<U8>(plan->bytes + i * 4));
+        in_high = bits(load<U8>(plan->bytes + i * 4 + 32));
+    }
+    void keep() { keep_in_registers(in_low, in_high); }
+    U16 from(const uint8_t *src) const
+    {
+        const __m256i a = _mm256_shuffle_epi8(bits(load<U16>(src + low)), in_low);
+        const __m256i b = _mm256_shuffle_epi8(bits(load<U16>(src + high)), in_high);
+        return from_bits<U16>(
+            _mm256_or_si256(_mm256_permute2x128_si256(a, b, 0x20), _mm256_permute2x128_si256(a, b, 0x31)));
+    }
+};
+
+// STEPS steps of several rows, each from a source of its own, or all from one. Stores to the same line come together.
+template <typename Picked, bool SAME, int ROWS, int STEPS>
+[[gnu::always_inline]] inline void pick_steps(const PickRow (&rows)[ROWS], const PickPlan *plan, size_t i, size_t to)
+{
+    decltype(Picked(plan, i).from(nullptr)) made[ROWS][STEPS];
+    for (size_t k = 0; k < STEPS; k++) {
+        Picked picked(plan, i + k * (32 / sizeof(typename Picked::Pixel)));
+        if (!SAME)
+            picked.keep();
+        for (int row = 0; row < ROWS; row++)
+            made[row][k] = SAME && row > 0 ? made[0][k] : picked.from(rows[row].src);
+    }
+    for (int row = 0; row < ROWS; row++) {
+        for (size_t k = 0; k < STEPS; k++)
+            store(rows[row].dst + to + k * 32, made[row][k]);
+    }
 }
 
-template <typename Pixel, PickKernel by_8, PickKernel by_4>
-void pick_wide(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
+// Rest is for the end of a row.
+template <typename Picked, typename Rest, bool SAME, int ROWS>
+void pick_together(const PickRow *rows, const PickPlan *plan)
 {
-    if (plan->group == 0)
-        pick_pixels<Pixel>(src, dst, plan, 0);
+    constexpr size_t size = sizeof(typename Picked::Pixel);
+    constexpr size_t N = 32 / size;
+    PickRow own[ROWS];
+    for (int row = 0; row < ROWS; row++)
+        own[row] = rows[row];
+    const auto n = static_cast<size_t>(plan->n);
+    const auto end = static_cast<size_t>(plan->end);
+    size_t i = 0;
+    for (; i + 2 * N <= end; i += 2 * N)
+        pick_steps<Picked, SAME, ROWS, 2>(own, plan, i, i * size);
+    if (i + N <= end) {
+        pick_steps<Picked, SAME, ROWS, 1>(own, plan, i, i * size);
+        i += N;
+    }
+    for (; i < n; i += N)
+        pick_steps<Rest, SAME, ROWS, 1>(own, plan, i, (i + N <= n ? i : n - N) * size);
+}
+
+template <typename Picked, typename Rest = Picked>
+void pick_windows(const PickRow *rows, int32_t count, const PickPlan *plan)
+{
+    for (; count >= 2; count -= 2, rows += 2) {
+        if (rows[0].src == rows[1].src)
+            pick_together<Picked, Rest, true, 2>(rows, plan);
+        else
+            pick_together<Picked, Rest, false, 2>(rows, plan);
+    }
+    if (count > 0)
+        pick_together<Picked, Rest, true, 1>(rows, plan);
+}
+
+void pick_wide_16(const PickRow *rows, int32_t count, const PickPlan *plan)
+{
+    if (plan->shape == PICK_ONE)
+        pick_windows<Picked16<PICK_ONE>, Picked16<PICK_TWO>>(rows, count, plan);
+    else if (plan->shape == PICK_OVERLAPPED)
+        pick_windows<Picked16<PICK_OVERLAPPED>, Picked16<PICK_TWO>>(rows, count, plan);
+    else if (plan->shape == PICK_TWO)
+        pick_windows<Picked16<PICK_TWO>>(rows, count, plan);
     else
-        (plan->group == 8 ? by_8 : by_4)(src, dst, plan);
+        pick<uint16_t>(rows, count, plan);
 }
 
-constexpr PickKernel PICK_WIDE_16 = pick_wide<uint16_t, pick_windows_16<8>, pick_windows_16<4>>;
-constexpr PickKernel PICK_WIDE_32 = pick_wide<uint32_t, pick_windows_32<8>, pick_windows_32<4>>;
+void pick_wide_32(const PickRow *rows, int32_t count, const PickPlan *plan)
+{
+    if (plan->shape == PICK_ONE)
+        pick_windows<Picked32<PICK_ONE>>(rows, count, plan);
+    else if (plan->shape == PICK_TWO)
+        pick_windows<Picked32<PICK_TWO>>(rows, count, plan);
+    else
+        pick<uint32_t>(rows, count, plan);
+}
 
 } // namespace

@@ -5,31 +5,124 @@
 
 namespace {
 
-constexpr int32_t WINDOW = 8;
+constexpr int32_t GROUP = 8;
 
-bool fits(const PickPlan *plan, int32_t group)
+// The pixels of step k begin here.
+int32_t step_begin(const PickPlan *plan, int32_t k, int32_t step)
 {
-    int32_t reach = 0;
-    for (int32_t i = group - 1; i < plan->n; i += group)
-        reach = std::max(reach, plan->columns[i] - plan->columns[i - group + 1]);
-    return reach < WINDOW;
+    return std::min(k * step, plan->n - step);
 }
 
-int32_t group_of(const PickPlan *plan)
+// How far the columns of 8 pixels lie apart, and those of a step's last 8 from its first one.
+struct Reach {
+    int32_t group;
+    int32_t least, most;
+};
+
+Reach reach_of(const PickPlan *plan, int32_t step)
 {
-    if (plan->columns[plan->n - 1] + 1 < WINDOW)
-        return 0;
-    return fits(plan, 8) ? 8 : fits(plan, 4) ? 4 : 0;
+    Reach reach = {0, INT32_MAX, 0};
+    for (int32_t k = 0; k * step < plan->n; k++) {
+        const int32_t *columns = plan->columns + step_begin(plan, k, step);
+        for (int32_t i = 0; i < step; i += GROUP)
+            reach.group = std::max(reach.group, columns[i + GROUP - 1] - columns[i]);
+        reach.least = std::min(reach.least, columns[step - GROUP] - columns[0]);
+        reach.most = std::max(reach.most, columns[step - 1] - columns[0]);
+    }
+    return reach;
 }
 
-void fill_places(PickPlan *plan, int32_t i, int32_t start, int32_t pixel_size)
+// Source pixels that a start is followed by.
+int32_t width_of(PickShape shape, int32_t step)
 {
-    for (int32_t end = i + plan->group; i < end; i++) {
-        const auto place = static_cast<uint32_t>(plan->columns[i] - start);
-        if (pixel_size == 4)
-            plan->words[i] = place;
+    return shape == PICK_ONE ? step : shape == PICK_OVERLAPPED ? 3 * GROUP : 2 * GROUP;
+}
+
+PickShape shape_of(const Reach &reach, int32_t second, int32_t step)
+{
+    if (reach.group < GROUP && reach.most - second < GROUP && second + GROUP <= step)
+        return PICK_ONE;
+    if (reach.group < 2 * GROUP && reach.least >= GROUP && reach.most < 3 * GROUP)
+        return PICK_OVERLAPPED;
+    return reach.group < 2 * GROUP ? PICK_TWO : PICK_SINGLY;
+}
+
+// Where the first step begins that reads beyond the row, or n where none does.
+int32_t whole_until(const PickPlan *plan, int32_t step)
+{
+    const int32_t last = plan->columns[plan->n - 1] + 1 - width_of(plan->shape, step);
+    int32_t i = 0;
+    while (i + step <= plan->n && plan->columns[i] <= last)
+        i += step;
+    return i;
+}
+
+void choose_shape(PickPlan *plan, int32_t step)
+{
+    plan->shape = PICK_SINGLY;
+    if (plan->n < step)
+        return;
+    const Reach reach = reach_of(plan, step);
+    plan->second = std::min(reach.least, step - GROUP) & ~1;
+    const PickShape shape = shape_of(reach, plan->second, step);
+    const int32_t least = std::max(width_of(shape, step), step == GROUP ? 0 : width_of(PICK_TWO, step));
+    if (plan->columns[plan->n - 1] + 1 < least)
+        return;
+    plan->shape = shape;
+    plan->end = whole_until(plan, step);
+}
+
+void fill_words(uint32_t *words, const int32_t *columns, int32_t start)
+{
+    for (int32_t i = 0; i < GROUP; i++)
+        words[i] = static_cast<uint32_t>(columns[i] - start);
+}
+
+// Both bytes of each pixel.
+void fill_bytes(uint8_t *bytes, const int32_t *columns, int32_t start)
+{
+    for (int32_t i = 0; i < GROUP; i++) {
+        bytes[2 * i] = static_cast<uint8_t>(2 * (columns[i] - start));
+        bytes[2 * i + 1] = static_cast<uint8_t>(2 * (columns[i] - start) + 1);
+    }
+}
+
+// The same for shuffles of 16 bytes that take what lies in them, and make zeroes of the rest: in the first half of a
+// vector, and in the second.
+void fill_halves(uint8_t *bytes, const int32_t *columns, int32_t start)
+{
+    fill_bytes(bytes, columns, start);
+    for (int32_t i = 0; i < 2 * GROUP; i++) {
+        bytes[i + 16] = static_cast<uint8_t>(bytes[i] - 16); // bit 7 is set where that is negative
+        bytes[i] = static_cast<uint8_t>(bytes[i] + 0x70);
+    }
+}
+
+// For 8 pixels, of which the columns are given, and where the vector of their step starts.
+void fill_group_16(PickPlan *plan, int32_t group, const int32_t *columns, int32_t first)
+{
+    uint8_t *bytes = plan->bytes + group / 2 * 64;
+    const bool second = group % 2 != 0;
+    if (plan->shape == PICK_TWO || group * GROUP >= plan->end)
+        fill_halves(bytes + 32 * second, columns, plan->starts[group]);
+    else
+        fill_bytes(bytes + 16 * second, columns,
+                   first + (!second                   ? 0
+                            : plan->shape == PICK_ONE ? plan->second
+                                                      : GROUP));
+}
+
+void fill_step(PickPlan *plan, int32_t k, int32_t step)
+{
+    const int32_t last = plan->columns[plan->n - 1] + 1 - width_of(step == GROUP ? plan->shape : PICK_TWO, step);
+    const int32_t *columns = plan->columns + step_begin(plan, k, step);
+    for (int32_t i = 0; i < step; i += GROUP) {
+        const int32_t group = (k * step + i) / GROUP;
+        plan->starts[group] = std::min(columns[i], last);
+        if (step == GROUP)
+            fill_words(plan->words + k * step, columns, plan->starts[group]);
         else
-            plan->bytes[i] = static_cast<uint16_t>(place * 0x0202 + 0x0100);
+            fill_group_16(plan, group, columns + i, columns[0]);
     }
 }
 
@@ -37,13 +130,8 @@ void fill_places(PickPlan *plan, int32_t i, int32_t start, int32_t pixel_size)
 
 void pick_plan_finish(PickPlan *plan, int32_t pixel_size)
 {
-    plan->group = group_of(plan);
-    if (plan->group == 0)
-        return;
-    const int32_t last = plan->columns[plan->n - 1] + 1 - WINDOW;
-    int32_t *start = plan->starts;
-    for (int32_t i = 0; i + plan->group <= plan->n; i += plan->group, start++) {
-        *start = std::min(plan->columns[i], last);
-        fill_places(plan, i, *start, pixel_size);
-    }
+    const int32_t step = 32 / pixel_size;
+    choose_shape(plan, step);
+    for (int32_t k = 0; plan->shape != PICK_SINGLY && k * step < plan->n; k++)
+        fill_step(plan, k, step);
 }

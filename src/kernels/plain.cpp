@@ -74,10 +74,12 @@ void turn(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, in
     }
 }
 
-template <typename Pixel> void fill(Pixel *row, Pixel value, int32_t n)
+template <typename Pixel> void fill(Pixel *dst, ptrdiff_t pitch, Pixel value, int32_t w, int32_t h)
 {
-    for (int32_t i = 0; i < n; i++)
-        row[i] = value;
+    for (; h > 0; h--, dst += pitch) {
+        for (int32_t i = 0; i < w; i++)
+            dst[i] = value;
+    }
 }
 
 void dim(uint32_t *row, uint32_t strength, int32_t n)
@@ -88,11 +90,13 @@ void dim(uint32_t *row, uint32_t strength, int32_t n)
     }
 }
 
-template <typename Pixel> void pick(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
+template <typename Pixel> void pick(const PickRow *rows, int32_t count, const PickPlan *plan)
 {
     constexpr ptrdiff_t size = sizeof(Pixel);
-    for (int32_t i = 0; i < plan->n; i++)
-        memcpy(dst + i * size, src + plan->columns[i] * size, sizeof(Pixel));
+    for (; count > 0; count--, rows++) {
+        for (int32_t i = 0; i < plan->n; i++)
+            memcpy(rows->dst + i * size, rows->src + plan->columns[i] * size, sizeof(Pixel));
+    }
 }
 
 } // namespace

@@ -40,15 +40,14 @@ template <typename Src, typename Dst> using Step = void (*)(const Src *, Dst *);
 template <auto step, ptrdiff_t N, ptrdiff_t COPIES, typename Src, typename Dst>
 void convert_row(const Src *src, Dst *dst, ptrdiff_t n)
 {
+    constexpr ptrdiff_t TOGETHER = 4 / LANES;
     ptrdiff_t i = 0;
-    for (; i + 2 * N <= n; i += 2 * N) {
-        step(src + i, dst + COPIES * i);
-        step(src + i + N, dst + COPIES * (i + N));
+    for (; i + TOGETHER * N <= n; i += TOGETHER * N) {
+        for (ptrdiff_t k = 0; k < TOGETHER; k++)
+            step(src + i + k * N, dst + COPIES * (i + k * N));
     }
-    if (i + N <= n) {
+    for (; i + N <= n; i += N)
         step(src + i, dst + COPIES * i);
-        i += N;
-    }
     if (i < n)
         step(src + n - N, dst + COPIES * (n - N));
 }

@@ -8,10 +8,9 @@ namespace {
 
 // Bytes 0 and 2 of each word, then 1 and 3: mul(a, b) = (t + (t >> 8)) >> 8 with t = a x b + 128, which is the upper
 // half of t x 257.
-inline U32 over(U32 src, U32 dst)
+[[gnu::always_inline]] inline U32 over(U32 src, U32 dst)
 {
-    const U32 rest_once = ~src >> 24;
-    const auto rest = reinterpret_cast<U16>(rest_once | rest_once << 16);
+    const U16 rest = alpha_in_halves(~src);
     const auto even = reinterpret_cast<U16>(dst & 0x00FF00FFu) * rest + 128;
     const U16 odd = (reinterpret_cast<U16>(dst) >> 8) * rest + 128;
     constexpr U16 all_257 = U16{} + 257;
@@ -19,26 +18,30 @@ inline U32 over(U32 src, U32 dst)
     return reinterpret_cast<U32>(add_saturated(reinterpret_cast<U8>(src), reinterpret_cast<U8>(below)));
 }
 
-// Several vectors are looked at together: where nothing shows nothing is done, and what hides all is copied.
-constexpr ptrdiff_t GROUP = 64 / (LANES * 16);
+// Several vectors are looked at together: where nothing shows nothing is done, and what hides all is copied. Between
+// them, one look at the first vector mostly tells that neither is so.
+constexpr ptrdiff_t GROUP = 128 / (LANES * 16);
 
 inline void over_group(const uint32_t *src, uint32_t *dst)
 {
     constexpr ptrdiff_t N = PER_VECTOR<uint32_t>;
     U32 s[GROUP];
-    U32 any = {};
-    U32 all = ~any;
-    for (ptrdiff_t i = 0; i < GROUP; i++) {
+    for (ptrdiff_t i = 0; i < GROUP; i++)
         s[i] = load<U32>(src + i * N);
-        any |= s[i];
-        all &= s[i];
-    }
-    if (is_zero(any))
-        return;
-    if (is_opaque(all)) {
-        for (ptrdiff_t i = 0; i < GROUP; i++)
-            store(dst + i * N, s[i]);
-        return;
+    if (may_be_plain(s[0])) {
+        U32 any = s[0];
+        U32 all = s[0];
+        for (ptrdiff_t i = 1; i < GROUP; i++) {
+            any |= s[i];
+            all &= s[i];
+        }
+        if (is_zero(any))
+            return;
+        if (is_opaque(all)) {
+            for (ptrdiff_t i = 0; i < GROUP; i++)
+                store(dst + i * N, s[i]);
+            return;
+        }
     }
     for (ptrdiff_t i = 0; i < GROUP; i++)
         store(dst + i * N, over(s[i], load<U32>(dst + i * N)));
@@ -65,7 +68,8 @@ void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_
         ptrdiff_t i = 0;
         for (; i + N <= width; i += N)
             over_group(src + i, dst + i);
-        over_rest(src + i, dst + i, width - i);
+        if (i < width)
+            over_rest(src + i, dst + i, width - i);
     }
 }
 

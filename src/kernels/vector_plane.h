@@ -1,27 +1,40 @@
 // SPDX-License-Identifier: MIT
-// Rows of one colour, and rows that are dimmed in place.
+// Rectangles of one colour, and rows that are dimmed in place.
 #pragma once
 
 #include "vector.h"
 
 namespace {
 
-template <typename Pixel, typename V, FillKernel<Pixel> Kernels::*own> void fill(Pixel *row, Pixel value, int32_t n)
+// A row of at least one vector.
+template <typename V, typename Pixel> void fill_row(Pixel *row, V all, ptrdiff_t n)
 {
-    constexpr int32_t N = PER_VECTOR<Pixel>;
-    if (n < N) {
-        (NARROWER.*own)(row, value, n);
-        return;
-    }
-    const V all = V{} + value;
-    int32_t i = 0;
+    constexpr ptrdiff_t N = PER_VECTOR<Pixel>;
+    ptrdiff_t i = 0;
     for (; i + 4 * N <= n; i += 4 * N) {
-        for (int32_t k = 0; k < 4; k++)
+        for (ptrdiff_t k = 0; k < 4; k++)
             store(row + i + k * N, all);
     }
     for (; i + N <= n; i += N)
         store(row + i, all);
-    store(row + n - N, all);
+    if (i < n)
+        store(row + n - N, all);
+}
+
+template <typename Pixel, typename V, FillKernel<Pixel> Kernels::*own>
+void fill(Pixel *dst, ptrdiff_t pitch, Pixel value, int32_t w, int32_t h)
+{
+    ptrdiff_t width = w;
+    if (pitch == w) { // one long row
+        width *= h;
+        h = 1;
+    }
+    if (width < PER_VECTOR<Pixel>) {
+        (NARROWER.*own)(dst, pitch, value, static_cast<int32_t>(width), h);
+        return;
+    }
+    for (; h > 0; h--, dst += pitch)
+        fill_row(dst, V{} + value, width);
 }
 
 // Strength is at most 255, so that the product of a byte stays in its 16 bits.

@@ -8,6 +8,7 @@
 namespace {
 
 constexpr int32_t BAND = 128; // source rows
+constexpr int32_t LINE = 64;  // bytes that the cache gets at a time
 
 // Both transpose inside lanes: v[i] holds row i, afterwards column i.
 inline void transpose(U32 (&v)[4])
@@ -44,6 +45,7 @@ struct Load32 {
     using Dst = uint32_t;
     using V = U32;
     static constexpr auto kernel = &Kernels::turn_32;
+    static constexpr bool AHEAD = true;
     static constexpr int32_t ROWS = 4;
     static V row(const uint8_t *p, ptrdiff_t step) { return load_lanes<U32>(p, step); }
 };
@@ -52,6 +54,7 @@ struct Load16 {
     using Dst = uint16_t;
     using V = U16;
     static constexpr auto kernel = &Kernels::turn_16;
+    static constexpr bool AHEAD = false;
     static constexpr int32_t ROWS = 8;
     static V row(const uint8_t *p, ptrdiff_t step) { return load_lanes<U16>(p, step); }
 };
@@ -60,6 +63,7 @@ struct LoadRgb {
     using Dst = uint16_t;
     using V = U16;
     static constexpr auto kernel = &Kernels::turn_rgb_to_16;
+    static constexpr bool AHEAD = true;
     static constexpr int32_t ROWS = 8;
     static V row(const uint8_t *p, ptrdiff_t step)
     {
@@ -67,18 +71,33 @@ struct LoadRgb {
     }
 };
 
-// ROWS columns of ROWS x LANES source rows; `src` is at the lowest of them.
-template <typename Load>
+// ROWS columns of ROWS x LANES source rows; `src` is at the lowest of them. AHEAD asks for the next line of each row:
+// no processor guesses that a walk across rows comes back there.
+template <typename Load, bool AHEAD>
 void turn_block(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch)
 {
     const ptrdiff_t up = -src_pitch * static_cast<ptrdiff_t>(sizeof(typename Load::Src));
     const auto *from = reinterpret_cast<const uint8_t *>(src);
     typename Load::V v[Load::ROWS];
-    for (int32_t i = 0; i < Load::ROWS; i++, from += up)
+    for (int32_t i = 0; i < Load::ROWS; i++, from += up) {
         v[i] = Load::row(from, up * Load::ROWS);
+        if (AHEAD) {
+            for (int32_t lane = 0; lane < LANES; lane++)
+                __builtin_prefetch(from + up * Load::ROWS * lane + LINE);
+        }
+    }
     transpose(v);
     for (int32_t i = 0; i < Load::ROWS; i++, dst += dst_pitch)
         store(dst, v[i]);
+}
+
+template <typename Load, bool AHEAD>
+void turn_columns(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch,
+                  int32_t h)
+{
+    constexpr int32_t HEIGHT = Load::ROWS * LANES;
+    for (int32_t j = 0; j < h; j += HEIGHT)
+        turn_block<Load, AHEAD>(src - j * src_pitch, src_pitch, dst + j, dst_pitch);
 }
 
 // `src` is at the lowest row of the band. What is no whole block is left to the narrower kernels.
@@ -87,12 +106,14 @@ void turn_band(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load
                int32_t w, int32_t h)
 {
     constexpr int32_t COLUMNS = Load::ROWS;
-    constexpr int32_t HEIGHT = Load::ROWS * LANES;
+    constexpr int32_t PER_LINE = LINE / static_cast<int32_t>(sizeof(typename Load::Src));
     const int32_t whole_w = w - w % COLUMNS;
-    const int32_t whole_h = h - h % HEIGHT;
+    const int32_t whole_h = h - h % (Load::ROWS * LANES);
     for (int32_t i = 0; i < whole_w; i += COLUMNS) {
-        for (int32_t j = 0; j < whole_h; j += HEIGHT)
-            turn_block<Load>(src + i - j * src_pitch, src_pitch, dst + i * dst_pitch + j, dst_pitch);
+        if (Load::AHEAD && i % PER_LINE == 0)
+            turn_columns<Load, true>(src + i, src_pitch, dst + i * dst_pitch, dst_pitch, whole_h);
+        else
+            turn_columns<Load, false>(src + i, src_pitch, dst + i * dst_pitch, dst_pitch, whole_h);
     }
     const auto *top = src - (h - 1) * src_pitch;
     if (whole_h < h && whole_w > 0)

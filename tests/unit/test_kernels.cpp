@@ -3,6 +3,7 @@
 // of transparent and opaque pixels, rows that overlap, and the rows of scaled images.
 #include <algorithm>
 #include <cstring>
+#include <list>
 #include <set>
 #include <string>
 #include <vector>
@@ -141,26 +142,34 @@ TEST(KernelTurn, TheLaterOfOverlappingRowsStays)
 
 // ---- colour planes ----
 
-template <typename Pixel> void check_fill(const Kernels *set, FillKernel<Pixel> fill, Random &random)
+// `more` pixels lie between the rows.
+template <typename Pixel>
+void check_fill(const Kernels *set, FillKernel<Pixel> fill, int32_t w, int32_t h, int32_t more, Random &random)
 {
-    for (size_t n = 0; n < 200; n++) {
-        const GuardedBuffer row(n * sizeof(Pixel), SIDES[n % 2], (n / 2 % 4) * sizeof(Pixel));
-        const auto value = static_cast<Pixel>(random());
-        std::ranges::fill(row.all(), uint8_t{0xC3});
-        std::vector<uint8_t> expected(row.all().begin(), row.all().end());
-        for (size_t i = 0; i < n; i++)
-            memcpy(expected.data() + (row.data() - row.all().data()) + i * sizeof(Pixel), &value, sizeof value);
-        fill(reinterpret_cast<Pixel *>(row.data()), value, static_cast<int32_t>(n));
-        ASSERT_TRUE(std::ranges::equal(expected, row.all())) << set->name << " " << n;
+    const auto pixels = static_cast<size_t>((w + more) * (h - 1) + w);
+    const GuardedBuffer dst(pixels * sizeof(Pixel), SIDES[between(random, 0, 1)],
+                            static_cast<size_t>(between(random, 0, 3)) * sizeof(Pixel));
+    const auto value = static_cast<Pixel>(random());
+    std::ranges::fill(dst.all(), uint8_t{0xC3});
+    std::vector<uint8_t> expected(dst.all().begin(), dst.all().end());
+    uint8_t *to = expected.data() + (dst.data() - dst.all().data());
+    for (int32_t y = 0; y < h; y++) {
+        for (int32_t x = 0; x < w; x++)
+            memcpy(to + static_cast<size_t>(y * (w + more) + x) * sizeof(Pixel), &value, sizeof value);
     }
+    fill(reinterpret_cast<Pixel *>(dst.data()), w + more, value, w, h);
+    ASSERT_TRUE(std::ranges::equal(expected, dst.all())) << set->name << " " << w << "x" << h << " + " << more;
 }
 
-TEST(KernelPlane, FillsARow)
+TEST(KernelPlane, FillsARectangle)
 {
     Random random(6);
     for (const Kernels *set : all_kernel_sets()) {
-        check_fill<uint16_t>(set, set->fill_16, random);
-        check_fill<uint32_t>(set, set->fill_32, random);
+        for (int32_t w = 0; w < 200; w++) {
+            const int32_t h = between(random, 1, 4), more = between(random, 0, 2);
+            check_fill<uint16_t>(set, set->fill_16, w, h, more, random);
+            check_fill<uint32_t>(set, set->fill_32, w, h, more, random);
+        }
     }
 }
 
@@ -194,8 +203,9 @@ TEST(KernelPlane, DimsByEveryStrength)
 PickPlan random_plan(Random &random, int32_t pixel_size)
 {
     PickPlan plan = {};
-    const int32_t steps[] = {0x2000, 0x8000, 0xA000, 0xFFFF, 0x10000, 0x14000, 0x20000, 0x24924, 0x30000, 0x90000};
-    const int32_t step = steps[between(random, 0, 9)] + between(random, -2, 2);
+    const int32_t steps[] = {0x2000,  0x8000,  0xA000,  0xE000,  0xFFFF,  0x10000,
+                             0x14000, 0x18000, 0x20000, 0x24924, 0x30000, 0x90000};
+    const int32_t step = steps[between(random, 0, 11)] + between(random, -2, 2);
     plan.n = between(random, 0, 9) == 0 ? PICK_MOST : between(random, 1, 150);
     const int64_t fraction = between(random, 0, 0xFFFF);
     for (int64_t i = 0; i < plan.n; i++)
@@ -208,22 +218,45 @@ PickPlan random_plan(Random &random, int32_t pixel_size)
     return plan;
 }
 
-template <typename Pixel> void check_pick(const Kernels *set, PickKernel pick, const PickPlan &plan, Random &random)
+// What a row of the plan looks like, in all the memory of `dst`.
+template <typename Pixel>
+std::vector<uint8_t> picked_slowly(const uint8_t *src, const GuardedBuffer &dst, const PickPlan &plan)
 {
-    const auto end = static_cast<size_t>(plan.columns[plan.n - 1] + 1);
-    const GuardedBuffer::Side side = SIDES[between(random, 0, 1)];
-    const auto gap = static_cast<size_t>(between(random, 0, 3)); // no pixel boundaries are needed
-    const GuardedBuffer src(end * sizeof(Pixel), side, gap);
-    const GuardedBuffer dst(static_cast<size_t>(plan.n) * sizeof(Pixel), side, gap);
-    std::ranges::generate(src.all(), [&] { return static_cast<uint8_t>(random()); });
-    std::ranges::fill(dst.all(), uint8_t{0xC3});
     std::vector<uint8_t> expected(dst.all().begin(), dst.all().end());
     uint8_t *to = expected.data() + (dst.data() - dst.all().data());
     for (int32_t i = 0; i < plan.n; i++)
-        memcpy(to + static_cast<size_t>(i) * sizeof(Pixel),
-               src.data() + static_cast<size_t>(plan.columns[i]) * sizeof(Pixel), sizeof(Pixel));
-    pick(src.data(), dst.data(), &plan);
-    ASSERT_TRUE(std::ranges::equal(expected, dst.all())) << set->name << " " << plan.n << " groups of " << plan.group;
+        memcpy(to + static_cast<size_t>(i) * sizeof(Pixel), src + static_cast<size_t>(plan.columns[i]) * sizeof(Pixel),
+               sizeof(Pixel));
+    return expected;
+}
+
+// Up to six rows, each from the source of the one before or from another.
+template <typename Pixel> void check_pick(const Kernels *set, PickKernel pick, const PickPlan &plan, Random &random)
+{
+    const auto end = static_cast<size_t>(plan.columns[plan.n - 1] + 1);
+    std::list<GuardedBuffer> sources, made; // flush with an inaccessible page: no pixel boundaries are needed
+    const auto add = [&](std::list<GuardedBuffer> &to, size_t size) -> const GuardedBuffer & {
+        return to.emplace_back(size, SIDES[between(random, 0, 1)], static_cast<size_t>(between(random, 0, 3)));
+    };
+    std::vector<std::vector<uint8_t>> expected;
+    std::vector<PickRow> rows;
+    for (int32_t left = between(random, 1, 6); left > 0; left--) {
+        if (sources.empty() || between(random, 0, 1) == 0) {
+            const GuardedBuffer &src = add(sources, end * sizeof(Pixel));
+            std::ranges::generate(src.all(), [&] { return static_cast<uint8_t>(random()); });
+        }
+        const GuardedBuffer &dst = add(made, static_cast<size_t>(plan.n) * sizeof(Pixel));
+        std::ranges::fill(dst.all(), uint8_t{0xC3});
+        expected.push_back(picked_slowly<Pixel>(sources.back().data(), dst, plan));
+        rows.push_back({sources.back().data(), dst.data()});
+    }
+    pick(rows.data(), static_cast<int32_t>(rows.size()), &plan);
+    size_t k = 0;
+    for (const GuardedBuffer &dst : made) {
+        ASSERT_TRUE(std::ranges::equal(expected[k], dst.all()))
+            << set->name << " " << plan.n << " pixels, shape " << plan.shape << ", row " << k << " of " << rows.size();
+        k++;
+    }
 }
 
 TEST(KernelPick, TakesTheColumns)
@@ -236,6 +269,32 @@ TEST(KernelPick, TakesTheColumns)
             check_pick<uint32_t>(set, set->pick_32, plan_32, random);
         }
     });
+}
+
+// Every shape of a plan is one that usual factors lead to: none of the loops is there for nothing, and none is left out
+// of the test above.
+TEST(KernelPick, FactorsHaveTheirShapes)
+{
+    const auto shape_of = [](int32_t step, int32_t n, int32_t pixel_size) {
+        PickPlan plan = {};
+        plan.n = n;
+        for (int32_t i = 0; i < n; i++)
+            plan.columns[i] = i * step >> 16;
+        pick_plan_finish(&plan, pixel_size);
+        return plan.shape;
+    };
+    for (int32_t step : {0x4000, 0x8000, 0xA000}) {
+        EXPECT_EQ(shape_of(step, 300, 2), PICK_ONE) << step;
+        EXPECT_EQ(shape_of(step, 300, 4), PICK_ONE) << step;
+    }
+    EXPECT_EQ(shape_of(0x14000, 300, 2), PICK_OVERLAPPED);
+    EXPECT_EQ(shape_of(0x14000, 300, 4), PICK_TWO);
+    for (int32_t pixel_size : {2, 4}) {
+        EXPECT_EQ(shape_of(0x20000, 300, pixel_size), PICK_TWO);
+        EXPECT_EQ(shape_of(0x30000, 300, pixel_size), PICK_SINGLY);
+        EXPECT_EQ(shape_of(0x8000, 7, pixel_size), PICK_SINGLY);  // shorter than a step
+        EXPECT_EQ(shape_of(0x4000, 20, pixel_size), PICK_SINGLY); // its source is shorter than a vector
+    }
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Scaled surfaces: the mapping that is set up, and the scaled image that passes fill from the client's.
+#include <algorithm>
 #include <climits>
 
 #include <gmock/gmock.h>
@@ -301,6 +302,68 @@ TEST_F(Scale, ARefreshFollowsTheMappingForRandomRectangles)
         ASSERT_EQ(rects_of(scaled->dirty_region), empty ? Rects() : Rects{refreshed});
         fs_remove_surface(server, scaled);
     });
+}
+
+// The columns of a refresh are kept for the next one, which may begin elsewhere between two pixels.
+TEST_F(Scale, RefreshesOfOneWidthAtEachPlace)
+{
+    for (const int32_t format : {XRGB32, RGB16}) {
+        ImageSurface *scaled = add("x", {0, 0, 90, 4}, format);
+        scale(scaled, {0, 0, 90, 4}, {0, 0, 60, 4});
+        scale_refresh(scaled);
+        std::vector<uint32_t> expected = words_of(scaled->img);
+        for (int32_t x = 0; x < 80; x++) {
+            for (int32_t at = 0; at < 90 * 4; at++)
+                put(scaled->scale_state->orig_img, at % 90, at / 90, static_cast<uint32_t>(at * 7 + x + 1));
+            const Rect dirty = {x, 0, x + 9, 4};
+            region_reset(&scaled->dirty_region, &dirty);
+            scale_refresh(scaled);
+            refresh_slowly(scaled, dirty, expected);
+            ASSERT_EQ(words_of(scaled->img), expected) << x;
+        }
+        fs_remove_surface(server, scaled);
+    }
+}
+
+// Heights are not tested, so that the first rows may come from above the client's image: they stay as they were.
+TEST_F(Scale, RowsFromAboveTheImageAreSkipped)
+{
+    for (const int32_t format : {XRGB32, RGB16}) {
+        ImageSurface *scaled = add("x", {0, 0, 20, 20}, format);
+        paint_numbers(scaled->img);
+        scale(scaled, {0, -4, 20, 10}, {0, 0, 40, 20});
+        ASSERT_NE(scaled->scale_state, nullptr);
+        const Rect dirty = {0, 0, 20, 6};
+        region_reset(&scaled->dirty_region, &dirty);
+        scaled->scale_state->y_offset = 0; // so that the damage is mapped to the first rows as well
+        // There is memory above: the image begins four rows further down.
+        xc_image *client = scaled->scale_state->orig_img;
+        void *const all = client->pixels;
+        const std::vector<uint32_t> numbers = words_of(client);
+        client->pixels = xc_image_pointer(client, 0, 4);
+        scale_refresh(scaled);
+        client->pixels = all;
+        const std::vector<uint32_t> found = words_of(scaled->img);
+        for (size_t y = 0; y < 12; y++)
+            EXPECT_EQ(found[y * 40 + 39], y < 8 ? 0 : numbers[(4 + (y - 8) / 2) * 20 + 19]) << y;
+        fs_remove_surface(server, scaled);
+    }
+}
+
+// Rows that are so long that they are done in two parts, of the same width.
+TEST_F(Scale, TheLongestRows)
+{
+    for (const int32_t format : {XRGB32, RGB16}) {
+        ImageSurface *scaled = add("x", {0, 0, 1000, 2}, format);
+        paint_numbers(scaled->img);
+        scale(scaled, {0, 0, 1000, 2}, {0, 0, 4096, 3});
+        scale_refresh(scaled);
+        std::vector<uint32_t> expected = words_of(scaled->img);
+        std::ranges::fill(expected, 0);
+        refresh_slowly(scaled, scaled->scale_state->src_rect, expected);
+        ASSERT_EQ(words_of(scaled->img), expected);
+        fs_remove_surface(server, scaled);
+    }
 }
 
 TEST_F(Scale, ASaturatedDamageCoversTheWholeScaledImage)
