@@ -129,14 +129,16 @@ void set_release()
     set.at = set.n = 0;
 }
 
-// True when all that is to be waited for is in the set: the main context's own descriptor comes first, by its priority.
-bool is_all_in_set(const pollfd *fds, nfds_t n)
+// The main context's own descriptor, when it is all that is to be waited for beside the set; it is then in the set as
+// well. Null otherwise.
+pollfd *wakeup_of(pollfd *fds, nfds_t n)
 {
-    if (n != 2 || set.epoll_fd < 0 || fds[1].fd != set.epoll_fd)
-        return false;
-    if (fds[0].fd != set.wakeup_fd && set_add(fds[0].fd, nullptr))
-        set.wakeup_fd = fds[0].fd;
-    return fds[0].fd == set.wakeup_fd;
+    if (n != 2 || set.epoll_fd < 0 || (fds[0].fd != set.epoll_fd && fds[1].fd != set.epoll_fd))
+        return nullptr;
+    pollfd *wakeup = &fds[fds[0].fd == set.epoll_fd ? 1 : 0];
+    if (wakeup->fd != set.wakeup_fd && (set_add(wakeup->fd, nullptr) || errno == EEXIST))
+        set.wakeup_fd = wakeup->fd;
+    return wakeup->fd == set.wakeup_fd ? wakeup : nullptr;
 }
 
 // True when some turn is due that other sources have kept back.
@@ -148,18 +150,18 @@ bool any_due()
 }
 
 // As ppoll for both descriptors.
-int wait_at_set(pollfd *fds, int timeout_ms, const sigset_t *mask)
+int wait_at_set(pollfd *own, pollfd *wakeup, int timeout_ms, const sigset_t *mask)
 {
     if (any_due()) {
-        fds[1].revents = POLLIN;
+        own->revents = POLLIN;
         return 1;
     }
     const int n = epoll_pwait(set.epoll_fd, set.ready, READY_MAX, timeout_ms, mask);
     set.at = 0;
     set.n = n > 0 ? n : 0;
     for (int i = 0; i < n; i++)
-        fds[watch_of(set.ready[i]) ? 1 : 0].revents = POLLIN;
-    return n < 0 ? -1 : (fds[0].revents != 0) + (fds[1].revents != 0);
+        (watch_of(set.ready[i]) ? own : wakeup)->revents = POLLIN;
+    return n < 0 ? -1 : (own->revents != 0) + (wakeup->revents != 0);
 }
 
 } // namespace
@@ -229,8 +231,8 @@ int watch_descriptor()
 
 int watch_poll(pollfd *fds, nfds_t n, int timeout_ms, const sigset_t *mask)
 {
-    if (is_all_in_set(fds, n))
-        return wait_at_set(fds, timeout_ms, mask);
+    if (pollfd *wakeup = wakeup_of(fds, n))
+        return wait_at_set(&fds[wakeup == fds ? 1 : 0], wakeup, timeout_ms, mask);
     const timespec timeout{timeout_ms / 1000, timeout_ms % 1000 * 1000000L};
     return ppoll(fds, n, timeout_ms < 0 ? nullptr : &timeout, mask);
 }

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <map>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -287,6 +288,34 @@ TEST_F(McWait, ServesAndSleeps)
     g_main_context_iteration(nullptr, TRUE);
     EXPECT_THAT(events, SizeIs(3));
     EXPECT_FALSE(turn());
+}
+
+bool is_ready(int fd)
+{
+    pollfd entry{fd, POLLIN, 0};
+    return poll(&entry, 1, 0) > 0;
+}
+
+// Instead of at both descriptors, in whatever order they are given.
+TEST_F(McWait, WaitsAtTheSetItself)
+{
+    const int set = libmc::watch_descriptor();
+    for (const nfds_t at : {0, 1}) {
+        const Fd wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        pollfd fds[2]{{wakeup.get(), POLLIN, 0}, {wakeup.get(), POLLIN, 0}};
+        fds[at].fd = set;
+        EXPECT_EQ(libmc::watch_poll(fds, 2, 0, nullptr), 0);
+        EXPECT_EQ(eventfd_write(wakeup.get(), 1), 0);
+        EXPECT_TRUE(is_ready(set)) << "it is in the set";
+        EXPECT_EQ(libmc::watch_poll(fds, 2, -1, nullptr), 1);
+        EXPECT_EQ(fds[at].revents, 0);
+        EXPECT_EQ(fds[1 - at].revents, POLLIN);
+        const Fd client = raw_connect("svc");
+        fds[0].revents = fds[1].revents = 0;
+        EXPECT_EQ(libmc::watch_poll(fds, 2, -1, nullptr), 2);
+        EXPECT_EQ(fds[at].revents, POLLIN);
+        settle();
+    }
 }
 
 TEST_F(McWait, AnotherThreadWakesIt)
