@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // A server-side connection on the main loop: greeting, requests, replies, and every way in which it ends.
 #include "factory.h"
+#include "inbox.h"
 #include "log.h"
-#include "wire.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -131,23 +131,34 @@ void take_packet(mc_connection *connection, mc_packet *packet, size_t n)
         serve_request(connection, packet);
 }
 
-// Handles what has arrived, up to RECEIVE_MAX packets. False when there was no more. The greeting comes alone: what
-// follows it waits in the socket until the connection is attached.
-bool take_some(mc_connection *connection)
+// Handles up to `wanted` packets. Returns how many there were; fewer: there is no more.
+int take_some(mc_connection *connection, Inbox *inbox, int wanted)
 {
-    mc_packet packets[RECEIVE_MAX]; // not static: a handler may run the main loop
-    size_t sizes[RECEIVE_MAX];
-    const int wanted = connection->greeted ? RECEIVE_MAX : 1;
-    const int n = packets_receive(connection->fd, packets, sizes, wanted);
+    const int n = inbox_receive(inbox, connection->fd, wanted);
     if (n < 0 && errno == ECONNRESET)
-        return true;
-    if (n < 0 && errno != EAGAIN)
+        return wanted;
+    if (n < 0)
         connection_drop(connection, "cannot be read: %s", strerror(errno));
-    for (int i = 0; i < n && connection_is_live(connection); i++) {
-        packets[i].borrowed = true;
-        take_packet(connection, &packets[i], sizes[i]);
+    for (int i = 0; i < n && connection_is_live(connection); i++)
+        take_packet(connection, &inbox->packets[i], inbox->sizes[i]);
+    return n;
+}
+
+// Handles what has arrived, up to PACKETS_PER_TURN. The greeting comes alone: what follows it waits in the socket until
+// the connection is attached. Packets come one by one as a rule, and after a turn of several they are taken together.
+void take_arrived(mc_connection *connection, Inbox *inbox)
+{
+    int left = PACKETS_PER_TURN;
+    int wanted = connection->greeted && connection->sends_many ? left : 1;
+    while (left > 0 && connection_is_live(connection)) {
+        const int n = take_some(connection, inbox, wanted);
+        left -= n;
+        if (n < wanted)
+            break;
+        if (left < PACKETS_PER_TURN - 1)
+            wanted = left;
     }
-    return n == wanted;
+    connection->sends_many = left < PACKETS_PER_TURN - 1;
 }
 
 // A handler that runs the main loop finds this connection at rest: its next request comes when this one is done.
@@ -158,13 +169,14 @@ void connection_turn(void *owner, bool late)
         watch_rest(&connection->watch);
         return;
     }
+    Inbox *inbox = inbox_take();
+    if (!inbox)
+        return;
     connection_ref(connection);
     connection->in_turn = true;
-    for (int i = 0; i < PACKETS_PER_TURN && connection_is_live(connection); i += RECEIVE_MAX) {
-        if (!take_some(connection))
-            break;
-    }
+    take_arrived(connection, inbox);
     connection->in_turn = false;
+    inbox_give(inbox);
     if (connection_is_live(connection) && late && !connection->greeted)
         connection_drop(connection, "no greeting in time");
     if (connection_is_live(connection) && !watch_resume(&connection->watch))

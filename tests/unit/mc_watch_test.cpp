@@ -310,10 +310,11 @@ TEST_F(McWait, WaitsAtTheSetItself)
         EXPECT_EQ(libmc::watch_poll(fds, 2, -1, nullptr), 1);
         EXPECT_EQ(fds[at].revents, 0);
         EXPECT_EQ(fds[1 - at].revents, POLLIN);
-        const Fd client = raw_connect("svc");
+        Fd client = raw_connect("svc");
         fds[0].revents = fds[1].revents = 0;
         EXPECT_EQ(libmc::watch_poll(fds, 2, -1, nullptr), 2);
         EXPECT_EQ(fds[at].revents, POLLIN);
+        client.reset();
         settle();
     }
 }

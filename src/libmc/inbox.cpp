@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#include "inbox.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace libmc {
+
+namespace {
+
+Inbox first;
+Inbox *unused = &first;
+
+void lay_out(Inbox *inbox)
+{
+    for (int i = 0; i < RECEIVE_MAX; i++) {
+        inbox->packets[i].borrowed = true;
+        inbox->parts[i] = {inbox->packets[i].bytes, sizeof inbox->packets[i].bytes};
+        inbox->messages[i].msg_hdr.msg_iov = &inbox->parts[i];
+        inbox->messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    inbox->laid_out = true;
+}
+
+// One is received by the plainer call: it costs the kernel less.
+int receive_one(Inbox *inbox, int fd)
+{
+    const ssize_t n = packet_receive(fd, &inbox->packets[0]);
+    if (n < 0)
+        return errno == EAGAIN ? 0 : -1;
+    inbox->packets[0].borrowed = true;
+    inbox->sizes[0] = static_cast<size_t>(n);
+    return 1;
+}
+
+} // namespace
+
+Inbox *inbox_take()
+{
+    Inbox *inbox = unused;
+    if (!inbox)
+        return static_cast<Inbox *>(calloc(1, sizeof(Inbox)));
+    unused = inbox->next;
+    return inbox;
+}
+
+void inbox_give(Inbox *inbox)
+{
+    inbox->next = unused;
+    unused = inbox;
+}
+
+int inbox_receive(Inbox *inbox, int fd, int n)
+{
+    if (n == 1)
+        return receive_one(inbox, fd);
+    if (!inbox->laid_out)
+        lay_out(inbox);
+    int taken;
+    do {
+        taken = recvmmsg(fd, inbox->messages, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_TRUNC, nullptr);
+    } while (taken < 0 && errno == EINTR);
+    for (int i = 0; i < taken; i++)
+        inbox->sizes[i] = inbox->messages[i].msg_len;
+    return taken < 0 && errno == EAGAIN ? 0 : taken;
+}
+
+} // namespace libmc
