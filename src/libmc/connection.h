@@ -30,6 +30,7 @@ struct mc_connection {
     pid_t pid;
     uid_t uid;
     uint32_t serial; // client: that of the last request
+    unsigned calm;   // client: requests since an answer that nobody waited for lay there
     void *user_data;
     libmc::Handler *handlers;
     mc_hup_func hup;

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <poll.h>
 #include <sys/mman.h>
 
 using namespace libpfb;
@@ -66,20 +65,6 @@ mc_packet *packet_of(const Request &request)
     return nullptr;
 }
 
-int wait_for_room(pfb_client *client, const char *function, int64_t deadline)
-{
-    pollfd entry = {mc_fd(client->connection), POLLOUT, 0};
-    for (;;) {
-        const int n = poll(&entry, 1, left(deadline));
-        if (n > 0)
-            return PFB_OK;
-        if (n == 0)
-            return fail(PFB_ERROR_TIMEOUT, function, "the server does not take requests");
-        if (errno != EINTR)
-            return fail_errno(function, "poll");
-    }
-}
-
 // A server that lost its only client in the midst of "block until unlock" would stop: what is missing is made up for.
 void end_block(pfb_client *client)
 {
@@ -134,17 +119,20 @@ int check_surface(const pfb_client *client, const char *function)
 
 int send_now(pfb_client *client, const Request &request)
 {
-    mc_packet *packet = packet_of(request);
-    const int sent = packet != nullptr ? mc_send(client->connection, packet) : -1;
-    const int result = sent == 0 ? int{PFB_OK} : fail_errno(request.function, "sending");
-    mc_packet_free(packet);
-    return result;
+    return send(client, request, FOR_EVER);
 }
 
 int send(pfb_client *client, const Request &request, int64_t deadline)
 {
-    const int ready = wait_for_room(client, request.function, deadline);
-    return ready == PFB_OK ? send_now(client, request) : ready;
+    mc_packet *packet = packet_of(request);
+    const int sent = packet != nullptr ? mc_send_in_time(client->connection, packet, left(deadline)) : -1;
+    int result = PFB_OK;
+    if (sent < 0 && errno == ETIMEDOUT)
+        result = fail(PFB_ERROR_TIMEOUT, request.function, "the server does not take requests");
+    else if (sent < 0)
+        result = fail_errno(request.function, "sending");
+    mc_packet_free(packet);
+    return result;
 }
 
 int call(pfb_client *client, const Request &request, int64_t deadline, mc_packet **answer)
