@@ -37,8 +37,7 @@ struct mc_connection {
     // Server side, null elsewhere: leaves the main loop and the factory. Runs once, at mc_close.
     void (*leave)(mc_connection *connection);
     libmc::Watch watch;
-    bool in_turn;    // its packets are being handled
-    bool sends_many; // had several packets in its last turn
+    bool in_turn; // its packets are being handled
     mc_factory *factory;
     mc_connection *next; // in the factory's list, newest first
     char name[MC_NAME_MAX + 1];

@@ -22,17 +22,6 @@ void lay_out(Inbox *inbox)
     inbox->laid_out = true;
 }
 
-// One is received by the plainer call: it costs the kernel less.
-int receive_one(Inbox *inbox, int fd)
-{
-    const ssize_t n = packet_receive(fd, &inbox->packets[0]);
-    if (n < 0)
-        return errno == EAGAIN ? 0 : -1;
-    inbox->packets[0].borrowed = true;
-    inbox->sizes[0] = static_cast<size_t>(n);
-    return 1;
-}
-
 } // namespace
 
 Inbox *inbox_take()
@@ -52,8 +41,6 @@ void inbox_give(Inbox *inbox)
 
 int inbox_receive(Inbox *inbox, int fd, int n)
 {
-    if (n == 1)
-        return receive_one(inbox, fd);
     if (!inbox->laid_out)
         lay_out(inbox);
     int taken;

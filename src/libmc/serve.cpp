@@ -4,6 +4,7 @@
 #include "inbox.h"
 #include "log.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -145,20 +146,16 @@ int take_some(mc_connection *connection, Inbox *inbox, int wanted)
 }
 
 // Handles what has arrived, up to PACKETS_PER_TURN. The greeting comes alone: what follows it waits in the socket until
-// the connection is attached. Packets come one by one as a rule, and after a turn of several they are taken together.
+// the connection is attached.
 void take_arrived(mc_connection *connection, Inbox *inbox)
 {
-    int left = PACKETS_PER_TURN;
-    int wanted = connection->greeted && connection->sends_many ? left : 1;
-    while (left > 0 && connection_is_live(connection)) {
+    for (int left = PACKETS_PER_TURN; left > 0 && connection_is_live(connection);) {
+        const int wanted = connection->greeted ? std::min(left, RECEIVE_MAX) : 1;
         const int n = take_some(connection, inbox, wanted);
-        left -= n;
         if (n < wanted)
             break;
-        if (left < PACKETS_PER_TURN - 1)
-            wanted = left;
+        left -= n;
     }
-    connection->sends_many = left < PACKETS_PER_TURN - 1;
 }
 
 // A handler that runs the main loop finds this connection at rest: its next request comes when this one is done.

@@ -32,6 +32,13 @@ bool has_no_memory(const Region *region)
     return region->data == nullptr || region->data->size == 0;
 }
 
+// Still within 16 bits, as the caller has seen to.
+Box moved(const Box &box, int x, int y)
+{
+    return Box{static_cast<int16_t>(box.x1 + x), static_cast<int16_t>(box.y1 + y), static_cast<int16_t>(box.x2 + x),
+               static_cast<int16_t>(box.y2 + y)};
+}
+
 // What pixman marks empty regions with. A broken one, which found no memory, is marked otherwise and stays broken.
 pixman_region16_data_t *empty_mark()
 {
@@ -196,7 +203,7 @@ void region_translate(Region *region, int32_t dx, int32_t dy)
     else if (region->data != nullptr)
         pixman_region_translate(region, x, y);
     else
-        region->extents = region_box(Rect{extents.x1 + x, extents.y1 + y, extents.x2 + x, extents.y2 + y});
+        region->extents = moved(extents, x, y);
 }
 
 void region_reset(Region *region, const Rect *rect)
