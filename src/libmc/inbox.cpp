@@ -14,7 +14,6 @@ Inbox *unused = &first;
 void lay_out(Inbox *inbox)
 {
     for (int i = 0; i < RECEIVE_MAX; i++) {
-        inbox->packets[i].borrowed = true;
         inbox->parts[i] = {inbox->packets[i].bytes, sizeof inbox->packets[i].bytes};
         inbox->messages[i].msg_hdr.msg_iov = &inbox->parts[i];
         inbox->messages[i].msg_hdr.msg_iovlen = 1;
@@ -47,8 +46,10 @@ int inbox_receive(Inbox *inbox, int fd, int n)
     do {
         taken = recvmmsg(fd, inbox->messages, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_TRUNC, nullptr);
     } while (taken < 0 && errno == EINTR);
-    for (int i = 0; i < taken; i++)
+    for (int i = 0; i < taken; i++) {
+        inbox->packets[i].borrowed = true;
         inbox->sizes[i] = inbox->messages[i].msg_len;
+    }
     return taken < 0 && errno == EAGAIN ? 0 : taken;
 }
 
