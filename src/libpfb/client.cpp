@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <poll.h>
 #include <sys/mman.h>
 
 using namespace libpfb;
@@ -14,6 +15,7 @@ using namespace libpfb;
 namespace {
 
 constexpr int DEFAULT_TIMEOUT_MS = 5000;
+constexpr const char *SERVER_IS_BEHIND = "the server does not take requests";
 
 const char *server_folder()
 {
@@ -63,6 +65,20 @@ mc_packet *packet_of(const Request &request)
     mc_packet_free(packet);
     errno = EMSGSIZE;
     return nullptr;
+}
+
+int wait_for_room(pfb_client *client, const char *function, int64_t deadline)
+{
+    pollfd entry = {mc_fd(client->connection), POLLOUT, 0};
+    for (;;) {
+        const int n = poll(&entry, 1, left(deadline));
+        if (n > 0)
+            return PFB_OK;
+        if (n == 0)
+            return fail(PFB_ERROR_TIMEOUT, function, "%s", SERVER_IS_BEHIND);
+        if (errno != EINTR)
+            return fail_errno(function, "poll");
+    }
 }
 
 // A server that lost its only client in the midst of "block until unlock" would stop: what is missing is made up for.
@@ -119,16 +135,26 @@ int check_surface(const pfb_client *client, const char *function)
 
 int send_now(pfb_client *client, const Request &request)
 {
-    return send(client, request, FOR_EVER);
+    mc_packet *packet = packet_of(request);
+    const int sent = packet != nullptr ? mc_send(client->connection, packet) : -1;
+    const int result = sent == 0 ? int{PFB_OK} : fail_errno(request.function, "sending");
+    mc_packet_free(packet);
+    return result;
 }
 
 int send(pfb_client *client, const Request &request, int64_t deadline)
+{
+    const int ready = wait_for_room(client, request.function, deadline);
+    return ready == PFB_OK ? send_now(client, request) : ready;
+}
+
+int send_into_queue(pfb_client *client, const Request &request, int64_t deadline)
 {
     mc_packet *packet = packet_of(request);
     const int sent = packet != nullptr ? mc_send_in_time(client->connection, packet, left(deadline)) : -1;
     int result = PFB_OK;
     if (sent < 0 && errno == ETIMEDOUT)
-        result = fail(PFB_ERROR_TIMEOUT, request.function, "the server does not take requests");
+        result = fail(PFB_ERROR_TIMEOUT, request.function, "%s", SERVER_IS_BEHIND);
     else if (sent < 0)
         result = fail_errno(request.function, "sending");
     mc_packet_free(packet);
