@@ -183,7 +183,7 @@ int note_hangup(mc_connection *connection)
 // A handler that leaves the closing to somebody else.
 int leave_open(mc_connection *connection)
 {
-    if (connection->source != nullptr)
+    if (connection->watch.active)
         fuzz_finding("a client has gone, and its connection still waits for it");
     return 0;
 }
@@ -255,7 +255,10 @@ void open_client(Client &client)
     service->factory.connections = client.connection;
     service->factory.n_connections++;
     service->factory.n_ungreeted++;
-    libmc::connection_await_greeting(client.connection, g_get_monotonic_time() + gint64{3600} * G_USEC_PER_SEC);
+    if (!libmc::connection_await_greeting(client.connection, g_get_monotonic_time() + gint64{3600} * G_USEC_PER_SEC)) {
+        perror("epoll");
+        exit(2);
+    }
 }
 
 void send_bytes(const Client &client, const std::string &bytes)
@@ -370,8 +373,8 @@ void step(FuzzInput &in)
         read_replies(client);
         break;
     case 12:
-        if (client.connection != nullptr && client.connection->source != nullptr && !client.greeted)
-            g_source_set_ready_time(client.connection->source, 0); // its time to greet is over
+        if (client.connection != nullptr && client.connection->watch.active && !client.greeted)
+            libmc::watch_set_deadline(&client.connection->watch, 0); // its time to greet is over
         break;
     case 13:
         if (client.connection != nullptr && client.greeted)
@@ -401,7 +404,7 @@ void serve(FuzzInput in)
     turn();
     check_counts();
     for (const mc_connection *c = here.factory.connections; c != nullptr; c = c->next) {
-        if (c->source != nullptr)
+        if (c->watch.active)
             fuzz_finding("a client has gone, and its connection still waits for it");
     }
     while (here.factory.connections != nullptr) // those that were never attached

@@ -130,6 +130,8 @@ mc_connection *mc_connect(const char *service_name, const char *client_name);
  * Answers that have arrived are thrown away: nobody waits for them any more.
  * Returns 0, or -1 with errno set (EPIPE: the server is gone; EINVAL: not a connection of mc_connect). */
 int mc_send(mc_connection *connection, const mc_packet *request);
+/* The same, blocking for at most timeout_ms milliseconds (-1: for ever); -1 with ETIMEDOUT, and nothing sent, then. */
+int mc_send_in_time(mc_connection *connection, const mc_packet *request, int timeout_ms);
 
 /* Sends a request and waits for its answer, for at most timeout_ms milliseconds (-1: for ever). Answers to earlier
  * requests that were given up are skipped. Returns the answer, the caller's to free, or NULL with errno set

@@ -103,8 +103,15 @@ bool write_waiting(Stream &stream)
     return true;
 }
 
+bool waiting(const Stream &stream)
+{
+    return stream.begin < stream.end || stream.dropped > 0;
+}
+
 bool flush(Stream &stream)
 {
+    if (!waiting(stream))
+        return true;
     const int saved_errno = errno;
     bool done = write_waiting(stream);
     if (done && stream.dropped > 0) {
@@ -168,11 +175,6 @@ long long now_ms()
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
-bool waiting(const Stream &stream)
-{
-    return stream.begin < stream.end || stream.dropped > 0;
 }
 
 bool drain(Stream &stream, int milliseconds)

@@ -62,16 +62,17 @@ template <auto operation> mc_packet *no_reply(const Call &call)
     return nullptr;
 }
 
-// Every request: its word, its arguments, what it needs, its operation and its reply.
+// Every request: its word, its arguments, what it needs, its operation and its reply. The most frequent one is found
+// first.
 constexpr Command COMMANDS[] = {
+    {"dirty", "iiii", Needs::TARGET, true,
+     no_reply<[](const Call &c) { fs_add_dirty(fs, c.target, c.i[0], c.i[1], c.i[2], c.i[3]); }>},
     {"lock_area", "iiii", Needs::TARGET, true,
      [](const Call &c) {
          fs_set_lock_area(fs, c.target, c.i[0], c.i[1], c.i[2], c.i[3]);
          return mc_packet_new(0);
      }},
     {"unlock", "", Needs::TARGET, true, no_reply<[](const Call &c) { fs_set_unlock(fs, c.target); }>},
-    {"dirty", "iiii", Needs::TARGET, true,
-     no_reply<[](const Call &c) { fs_add_dirty(fs, c.target, c.i[0], c.i[1], c.i[2], c.i[3]); }>},
     {"show", "", Needs::TARGET, true, no_reply<[](const Call &c) { fs_show_surface(fs, c.target); }>},
     {"hide", "", Needs::TARGET, true, no_reply<[](const Call &c) { fs_hide_surface(fs, c.target); }>},
     {"move", "ii", Needs::TARGET, true, no_reply<[](const Call &c) { fs_move_surface(fs, c.target, c.i[0], c.i[1]); }>},

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <poll.h>
 
+#include "../libmc/watch.h"
 #include "output_watch.h"
 
 GMainLoop *loop;
@@ -40,9 +41,9 @@ int poll_with_signals(GPollFD *fds, guint n, gint timeout_ms)
         was_busy = false;
         return 0;
     }
-    timespec timeout{timeout_ms / 1000, timeout_ms % 1000 * 1000000L};
-    const int ready =
-        ppoll(reinterpret_cast<pollfd *>(fds), n, timeout_ms < 0 ? nullptr : &timeout, &mask_while_waiting);
+    if (output_watch_begin())
+        return 0; // the loop looks at its sources again
+    const int ready = libmc::watch_poll(reinterpret_cast<pollfd *>(fds), n, timeout_ms, &mask_while_waiting);
     was_busy = ready > 0;
     // A poll that need not wait lets no signal in: clients that flood would keep them out for ever. Now and then is
     // enough, and saves two system calls a turn.
@@ -86,7 +87,6 @@ void main_loop_run()
     g_main_context_set_poll_func(nullptr, poll_with_signals);
     loop = g_main_loop_new(nullptr, FALSE);
     loop = g_main_loop_ref(loop); // never freed: a late signal still finds it
-    output_watch_start();
     g_main_loop_run(loop);
     g_main_loop_unref(loop);
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "output_watch.h"
 
-#include <glib.h>
+#include <glib-unix.h>
 #include <unistd.h>
 
 #include "../base/output.h"
@@ -14,52 +14,42 @@ struct WatchedStream {
     int fd;
     bool (*waiting)();
     bool (*flush)();
-    gpointer tag; // set while it is polled
+    bool polled;
 };
 
 WatchedStream streams[] = {
-    {STDOUT_FILENO, out_waiting, out_flush, nullptr},
-    {STDERR_FILENO, err_waiting, err_flush, nullptr},
+    {STDOUT_FILENO, out_waiting, out_flush, false},
+    {STDERR_FILENO, err_waiting, err_flush, false},
 };
 
-gboolean prepare(GSource *source, gint *timeout_ms)
+gboolean write_lines(gint, GIOCondition, gpointer data)
 {
-    *timeout_ms = -1;
-    for (WatchedStream &stream : streams) {
-        if (stream.waiting() && stream.tag == nullptr) {
-            stream.tag = g_source_add_unix_fd(source, stream.fd, G_IO_OUT);
-        } else if (!stream.waiting() && stream.tag != nullptr) {
-            g_source_remove_unix_fd(source, stream.tag);
-            stream.tag = nullptr;
-        }
-    }
-    return FALSE;
+    auto *stream = static_cast<WatchedStream *>(data);
+    stream->flush();
+    stream->polled = stream->waiting();
+    return stream->polled ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
 }
 
-gboolean check(GSource *source)
+void poll_stream(WatchedStream *stream)
 {
-    for (const WatchedStream &stream : streams) {
-        if (stream.tag != nullptr && g_source_query_unix_fd(source, stream.tag) != 0)
-            return TRUE;
-    }
-    return FALSE;
+    GSource *source = g_unix_fd_source_new(stream->fd, G_IO_OUT);
+    g_source_set_priority(source, G_PRIORITY_DEFAULT_IDLE);
+    g_source_set_callback(source, G_SOURCE_FUNC(write_lines), stream, nullptr);
+    g_source_attach(source, nullptr);
+    g_source_unref(source);
+    stream->polled = true;
 }
-
-gboolean dispatch(GSource *, GSourceFunc, gpointer)
-{
-    for (const WatchedStream &stream : streams)
-        stream.flush();
-    return G_SOURCE_CONTINUE;
-}
-
-GSourceFuncs functions{prepare, check, dispatch, nullptr, nullptr, nullptr};
 
 } // namespace
 
-void output_watch_start()
+bool output_watch_begin()
 {
-    GSource *source = g_source_new(&functions, sizeof(GSource));
-    g_source_set_priority(source, G_PRIORITY_DEFAULT_IDLE);
-    g_source_attach(source, nullptr);
-    g_source_unref(source);
+    bool added = false;
+    for (WatchedStream &stream : streams) {
+        if (stream.polled || !stream.waiting())
+            continue;
+        poll_stream(&stream);
+        added = true;
+    }
+    return added;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
+// Lines that wait for a slow reader are written as soon as he reads.
 #pragma once
 
-// Writes what standard output still holds as soon as a reader that was behind takes it again, also when no request
-// comes in meanwhile. Wakes nobody up while everything is written.
-void output_watch_start();
+// Called before the main loop waits. True when a source was added to it: lines wait that nobody looked after yet. It
+// goes when they are written, so that a loop without such lines has nothing to ask.
+bool output_watch_begin();

@@ -89,14 +89,30 @@ int send_greeting(mc_connection *connection)
     return result;
 }
 
+// Answers that nobody waits for are looked for before each request, until there were none for so many of them; from
+// then on before every eighth one, as looking is a system call.
+constexpr unsigned CALM = 16;
+constexpr unsigned CALM_STEP = 8;
+
 // Throws away the answers that nobody waits for, so that a client that only ever sends does not count as one that does
 // not read. Bounded: a server that answers faster than this reads must not hold the client here.
-void discard_answers(int fd)
+void discard_answers(mc_connection *connection)
 {
     char byte;
-    for (int i = 0; i < 64; i++)
-        if (recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_TRUNC) <= 0)
+    connection->calm++;
+    for (int i = 0; i < 64; i++) {
+        if (recv(connection->fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_TRUNC) <= 0)
             break;
+        connection->calm = 0;
+    }
+}
+
+void discard_answers_at_times(mc_connection *connection)
+{
+    if (connection->calm < CALM || connection->calm % CALM_STEP == 0)
+        discard_answers(connection);
+    else
+        connection->calm++;
 }
 
 bool usable(const mc_connection *connection, const mc_packet *request)
@@ -109,7 +125,7 @@ bool usable(const mc_connection *connection, const mc_packet *request)
 
 int send_until(mc_connection *connection, const mc_packet *request, int64_t deadline)
 {
-    discard_answers(connection->fd);
+    discard_answers_at_times(connection);
     connection->serial++;
     while (packet_send(connection->fd, request, connection->serial, MSG_DONTWAIT) < 0) {
         if (errno != EAGAIN) {
@@ -118,6 +134,7 @@ int send_until(mc_connection *connection, const mc_packet *request, int64_t dead
         }
         if (!wait_until(connection->fd, POLLOUT, deadline))
             return -1;
+        discard_answers(connection); // it may be behind because nobody reads them
     }
     return 0;
 }
@@ -203,7 +220,12 @@ mc_connection *mc_connect(const char *service_name, const char *client_name)
 
 int mc_send(mc_connection *connection, const mc_packet *request)
 {
-    return usable(connection, request) ? send_until(connection, request, FOR_EVER) : -1;
+    return mc_send_in_time(connection, request, -1);
+}
+
+int mc_send_in_time(mc_connection *connection, const mc_packet *request, int timeout_ms)
+{
+    return usable(connection, request) ? send_until(connection, request, deadline_in(timeout_ms)) : -1;
 }
 
 mc_packet *mc_answer(mc_connection *connection, int timeout_ms)

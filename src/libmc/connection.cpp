@@ -99,10 +99,10 @@ mc_handler_func connection_handler(const mc_connection *connection, const char *
 {
     mc_handler_func any = nullptr;
     for (const Handler *handler = connection->handlers; handler; handler = handler->next) {
-        if (*handler->command == *command && strcmp(handler->command, command) == 0)
-            return handler->function;
         if (!*handler->command)
             any = handler->function;
+        else if (*handler->command == *command && strcmp(handler->command, command) == 0)
+            return handler->function;
     }
     return any;
 }

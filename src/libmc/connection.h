@@ -4,8 +4,7 @@
 #pragma once
 
 #include "mc.h"
-
-typedef struct _GSource GSource;
+#include "watch.h"
 
 namespace libmc {
 
@@ -31,14 +30,14 @@ struct mc_connection {
     pid_t pid;
     uid_t uid;
     uint32_t serial; // client: that of the last request
+    unsigned calm;   // client: requests since an answer that nobody waited for lay there
     void *user_data;
     libmc::Handler *handlers;
     mc_hup_func hup;
     // Server side, null elsewhere: leaves the main loop and the factory. Runs once, at mc_close.
     void (*leave)(mc_connection *connection);
-    GSource *source;
-    void *poll_tag; // of fd in the source; null: it rests
-    bool in_turn;   // its packets are being handled
+    libmc::Watch watch;
+    bool in_turn; // its packets are being handled
     mc_factory *factory;
     mc_connection *next; // in the factory's list, newest first
     char name[MC_NAME_MAX + 1];

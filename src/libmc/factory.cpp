@@ -18,11 +18,6 @@ namespace libmc {
 
 namespace {
 
-struct FactorySource {
-    GSource base;
-    mc_factory *factory; // outlives the source: mc_factory_close destroys the source first
-};
-
 // Lines about clients that were turned away: at most one in REST_US, since such clients may come as a flood.
 [[gnu::format(printf, 2, 3)]] void report_refusal(mc_factory *factory, const char *format, ...)
 {
@@ -53,17 +48,8 @@ void reserve_refill(mc_factory *factory)
 
 void accepting_rest(mc_factory *factory)
 {
-    factory->resting = true;
-    g_source_modify_unix_fd(factory->source, factory->poll_tag, static_cast<GIOCondition>(0));
-    g_source_set_ready_time(factory->source, g_get_monotonic_time() + REST_US);
-}
-
-void accepting_resume(mc_factory *factory)
-{
-    factory->resting = false;
-    reserve_refill(factory);
-    g_source_modify_unix_fd(factory->source, factory->poll_tag, G_IO_IN);
-    g_source_set_ready_time(factory->source, -1);
+    watch_rest(&factory->watch);
+    watch_set_deadline(&factory->watch, g_get_monotonic_time() + REST_US);
 }
 
 int accept_fd(mc_factory *factory)
@@ -134,7 +120,10 @@ void adopt(mc_factory *factory, int fd)
         return;
     }
     factory_add(factory, connection);
-    connection_await_greeting(connection, g_get_monotonic_time() + factory->limits.greeting_wait_us);
+    if (connection_await_greeting(connection, g_get_monotonic_time() + factory->limits.greeting_wait_us))
+        return;
+    report_refusal(factory, "refused a client: it cannot be waited for: %s", strerror(errno));
+    mc_close(connection);
 }
 
 Accepting accept_one(mc_factory *factory)
@@ -159,30 +148,28 @@ Accepting accept_one(mc_factory *factory)
     }
 }
 
-gboolean accept_turn(GSource *source, GSourceFunc, gpointer)
+// After a rest it is late.
+void accept_turn(void *owner, bool late)
 {
-    mc_factory *factory = reinterpret_cast<FactorySource *>(source)->factory;
-    if (factory->resting)
-        accepting_resume(factory);
-    Accepting accepting = Accepting::next;
+    auto *factory = static_cast<mc_factory *>(owner);
+    if (late)
+        reserve_refill(factory);
+    Accepting accepting = late && !watch_resume(&factory->watch) ? Accepting::rest : Accepting::next;
     for (int i = 0; i < ACCEPTS_PER_TURN && accepting == Accepting::next; i++)
         accepting = accept_one(factory);
     if (accepting == Accepting::rest)
         accepting_rest(factory);
-    return G_SOURCE_CONTINUE;
 }
 
-GSourceFuncs factory_source_funcs = {nullptr, nullptr, accept_turn, nullptr, nullptr, nullptr};
-
-void factory_attach(mc_factory *factory)
+bool factory_attach(mc_factory *factory)
 {
-    GSource *source = g_source_new(&factory_source_funcs, sizeof(FactorySource));
-    reinterpret_cast<FactorySource *>(source)->factory = factory;
-    g_source_set_name(source, "mc factory");
-    g_source_set_priority(source, TURN_PRIORITY);
-    factory->poll_tag = g_source_add_unix_fd(source, factory->listener.fd, G_IO_IN);
-    g_source_attach(source, nullptr);
-    factory->source = source;
+    factory->watch.turn = accept_turn;
+    factory->watch.owner = factory;
+    if (watch_start(&factory->watch, factory->listener.fd))
+        return true;
+    log_line("%s: cannot wait for clients: %s", factory->service, strerror(errno));
+    listener_close(&factory->listener);
+    return false;
 }
 
 mc_factory *factory_new(const char *service, mc_connection_func callback, void *user_data)
@@ -243,13 +230,12 @@ mc_factory *mc_factory_open(const char *service_name, mc_connection_func callbac
         log_line("%s: no memory", service_name);
         return nullptr;
     }
-    if (!listener_open(&factory->listener, service_name)) {
+    if (!listener_open(&factory->listener, service_name) || !factory_attach(factory)) {
         factory_unref(factory);
         return nullptr;
     }
     factory->reserve_fd = -1;
     reserve_refill(factory);
-    factory_attach(factory);
     return factory;
 }
 
@@ -258,8 +244,7 @@ void mc_factory_close(mc_factory *factory)
     if (!factory || factory->closed)
         return;
     factory->closed = true;
-    g_source_destroy(factory->source);
-    g_source_unref(factory->source);
+    watch_stop(&factory->watch);
     while (factory->connections)
         mc_close(factory->connections);
     listener_close(&factory->listener);

@@ -39,10 +39,8 @@ struct mc_factory {
     void *user_data;
     char *service;
     libmc::Listener listener;
-    int reserve_fd; // given up for a moment to turn a client away when descriptors have run out; -1: lost
-    GSource *source;
-    gpointer poll_tag;
-    bool resting; // accepting waits for the source's ready time
+    int reserve_fd;     // given up for a moment to turn a client away when descriptors have run out; -1: lost
+    libmc::Watch watch; // of the listening socket; rests, with a deadline, while accepting does
     libmc::Limits limits;
     unsigned n_connections;
     unsigned n_ungreeted;
@@ -57,8 +55,9 @@ void factory_ref(mc_factory *factory);
 void factory_unref(mc_factory *factory);
 void factory_remove(mc_connection *connection); // takes it off the list
 
-// Attaches a new connection that has yet to greet, and has until `deadline` (monotonic, microseconds) to do so.
-void connection_await_greeting(mc_connection *connection, gint64 deadline);
+// Attaches a new connection that has yet to greet, and has until `deadline` (monotonic, microseconds) to do so. False
+// with errno set when it cannot be waited for.
+bool connection_await_greeting(mc_connection *connection, gint64 deadline);
 // One line in the log, then the end of the connection: its hang-up handler, or mc_close where there is none.
 [[gnu::format(printf, 2, 3)]] void connection_drop(mc_connection *connection, const char *format, ...);
 

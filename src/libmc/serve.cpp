@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 // A server-side connection on the main loop: greeting, requests, replies, and every way in which it ends.
 #include "factory.h"
+#include "inbox.h"
 #include "log.h"
-#include "wire.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -17,35 +18,21 @@ namespace libmc {
 
 namespace {
 
-struct ConnectionSource {
-    GSource base;
-    mc_connection *connection; // outlives the source: mc_close destroys the source first
-};
-
-void connection_detach(mc_connection *connection)
-{
-    if (!connection->source)
-        return;
-    g_source_destroy(connection->source);
-    g_source_unref(connection->source);
-    connection->source = nullptr;
-}
-
 void connection_leave(mc_connection *connection)
 {
-    connection_detach(connection);
+    watch_stop(&connection->watch);
     if (connection->factory)
         factory_remove(connection);
 }
 
-// The other side is gone. The source goes first: whatever the handler does or leaves undone, an ended connection never
+// The other side is gone. The watch ends first: whatever the handler does or leaves undone, an ended connection never
 // wakes the loop again, and the handler runs once.
 void connection_hang_up(mc_connection *connection)
 {
     if (connection->hung_up || connection->closed)
         return;
     connection->hung_up = true;
-    connection_detach(connection);
+    watch_stop(&connection->watch);
     connection_close_fd(connection);
     if (connection->hup)
         connection->hup(connection);
@@ -55,7 +42,7 @@ void connection_hang_up(mc_connection *connection)
 
 bool connection_is_live(const mc_connection *connection)
 {
-    return connection->source != nullptr; // neither closed nor hung up nor waiting to be attached
+    return connection->watch.active; // neither closed nor hung up nor waiting to be attached
 }
 
 // An empty datagram reads like the end. Where the other side has closed as well, the end is what counts.
@@ -120,11 +107,11 @@ void take_greeting(mc_connection *connection, const mc_packet *packet)
     strcpy(connection->name, name); // at most MC_NAME_MAX bytes, checked above
     connection->greeted = true;
     factory->n_ungreeted--;
-    g_source_set_ready_time(connection->source, -1);
+    watch_set_deadline(&connection->watch, -1);
     factory_ref(factory);
     factory->callback(factory, connection, factory->user_data);
     if (!connection->attached)
-        connection_detach(connection); // until mc_glib_init
+        watch_stop(&connection->watch); // until mc_glib_init
     factory_unref(factory);
 }
 
@@ -145,93 +132,71 @@ void take_packet(mc_connection *connection, mc_packet *packet, size_t n)
         serve_request(connection, packet);
 }
 
-// Handles what has arrived, up to RECEIVE_MAX packets. False when there was no more. The greeting comes alone: what
-// follows it waits in the socket until the connection is attached.
-bool take_some(mc_connection *connection)
+// Handles up to `wanted` packets. Returns how many there were; fewer: there is no more.
+int take_some(mc_connection *connection, Inbox *inbox, int wanted)
 {
-    mc_packet packets[RECEIVE_MAX]; // not static: a handler may run the main loop
-    size_t sizes[RECEIVE_MAX];
-    const int wanted = connection->greeted ? RECEIVE_MAX : 1;
-    const int n = packets_receive(connection->fd, packets, sizes, wanted);
+    const int n = inbox_receive(inbox, connection->fd, wanted);
     if (n < 0 && errno == ECONNRESET)
-        return true;
-    if (n < 0 && errno != EAGAIN)
+        return wanted;
+    if (n < 0)
         connection_drop(connection, "cannot be read: %s", strerror(errno));
-    for (int i = 0; i < n && connection_is_live(connection); i++) {
-        packets[i].borrowed = true;
-        take_packet(connection, &packets[i], sizes[i]);
-    }
-    return n == wanted;
+    for (int i = 0; i < n && connection_is_live(connection); i++)
+        take_packet(connection, &inbox->packets[i], inbox->sizes[i]);
+    return n;
 }
 
-bool greeting_is_late(const mc_connection *connection)
+// Handles what has arrived, up to PACKETS_PER_TURN. The greeting comes alone: what follows it waits in the socket until
+// the connection is attached.
+void take_arrived(mc_connection *connection, Inbox *inbox)
 {
-    if (connection->greeted || !connection_is_live(connection))
-        return false;
-    const gint64 deadline = g_source_get_ready_time(connection->source);
-    return deadline >= 0 && deadline <= g_source_get_time(connection->source);
+    for (int left = PACKETS_PER_TURN; left > 0 && connection_is_live(connection);) {
+        const int wanted = connection->greeted ? std::min(left, RECEIVE_MAX) : 1;
+        const int n = take_some(connection, inbox, wanted);
+        if (n < wanted)
+            break;
+        left -= n;
+    }
 }
 
 // A handler that runs the main loop finds this connection at rest: its next request comes when this one is done.
-void poll_pause(mc_connection *connection)
+void connection_turn(void *owner, bool late)
 {
-    if (connection->poll_tag)
-        g_source_remove_unix_fd(connection->source, connection->poll_tag);
-    connection->poll_tag = nullptr;
-}
-
-void poll_resume(mc_connection *connection)
-{
-    if (connection_is_live(connection) && !connection->poll_tag)
-        connection->poll_tag = g_source_add_unix_fd(connection->source, connection->fd, G_IO_IN);
-}
-
-gboolean connection_turn(GSource *source, GSourceFunc, gpointer)
-{
-    mc_connection *connection = reinterpret_cast<ConnectionSource *>(source)->connection;
+    auto *connection = static_cast<mc_connection *>(owner);
     if (connection->in_turn) {
-        poll_pause(connection);
-        return G_SOURCE_CONTINUE;
+        watch_rest(&connection->watch);
+        return;
     }
+    Inbox *inbox = inbox_take();
+    if (!inbox)
+        return;
     connection_ref(connection);
     connection->in_turn = true;
-    for (int i = 0; i < PACKETS_PER_TURN && connection_is_live(connection); i += RECEIVE_MAX) {
-        if (!take_some(connection))
-            break;
-    }
-    if (greeting_is_late(connection))
-        connection_drop(connection, "no greeting in time");
+    take_arrived(connection, inbox);
     connection->in_turn = false;
-    poll_resume(connection);
+    inbox_give(inbox);
+    if (connection_is_live(connection) && late && !connection->greeted)
+        connection_drop(connection, "no greeting in time");
+    if (connection_is_live(connection) && !watch_resume(&connection->watch))
+        connection_drop(connection, "cannot be waited for: %s", strerror(errno));
     connection_unref(connection);
-    return G_SOURCE_CONTINUE;
 }
 
-// Without prepare and check GLib dispatches the source whenever its descriptor or its ready time asks for it.
-GSourceFuncs connection_source_funcs = {nullptr, nullptr, connection_turn, nullptr, nullptr, nullptr};
-
-void connection_attach(mc_connection *connection)
+bool connection_attach(mc_connection *connection)
 {
-    GSource *source = g_source_new(&connection_source_funcs, sizeof(ConnectionSource));
-    reinterpret_cast<ConnectionSource *>(source)->connection = connection;
-    g_source_set_name(source, "mc connection");
-    g_source_set_priority(source, TURN_PRIORITY);
-    // GLib would take the descriptor out of its poll for each turn and put it back, and write to a descriptor of its
-    // own to tell so: five system calls. Our own turns do not nest either.
-    g_source_set_can_recurse(source, TRUE);
-    connection->source = source;
-    connection->poll_tag = nullptr;
-    poll_resume(connection);
-    g_source_attach(source, nullptr);
+    connection->watch.turn = connection_turn;
+    connection->watch.owner = connection;
     connection->leave = connection_leave;
+    return watch_start(&connection->watch, connection->fd);
 }
 
 } // namespace
 
-void connection_await_greeting(mc_connection *connection, gint64 deadline)
+bool connection_await_greeting(mc_connection *connection, gint64 deadline)
 {
-    connection_attach(connection);
-    g_source_set_ready_time(connection->source, deadline);
+    if (!connection_attach(connection))
+        return false;
+    watch_set_deadline(&connection->watch, deadline);
+    return true;
 }
 
 void connection_drop(mc_connection *connection, const char *format, ...)
@@ -255,8 +220,8 @@ int mc_glib_init(mc_connection *connection)
 {
     if (connection->side != Side::server || connection->fd < 0 || connection->closed)
         return -1;
+    if (!connection->watch.active && !connection_attach(connection))
+        return -1;
     connection->attached = true;
-    if (!connection->source)
-        connection_attach(connection);
     return 0;
 }

@@ -115,23 +115,4 @@ ssize_t packet_receive(int fd, mc_packet *packet)
     return n;
 }
 
-int packets_receive(int fd, mc_packet *packets, size_t *sizes, int n)
-{
-    mmsghdr messages[RECEIVE_MAX];
-    iovec parts[RECEIVE_MAX];
-    for (int i = 0; i < n; i++) {
-        parts[i] = {packets[i].bytes, sizeof packets[i].bytes};
-        messages[i] = {};
-        messages[i].msg_hdr.msg_iov = &parts[i];
-        messages[i].msg_hdr.msg_iovlen = 1;
-    }
-    int taken;
-    do {
-        taken = recvmmsg(fd, messages, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_TRUNC, nullptr);
-    } while (taken < 0 && errno == EINTR);
-    for (int i = 0; i < taken; i++)
-        sizes[i] = messages[i].msg_len;
-    return taken;
-}
-
 } // namespace libmc

@@ -48,10 +48,4 @@ int packet_send(int fd, const mc_packet *packet, uint32_t serial, int flags);
 // reading everything; what it had sent before is still there to be taken.
 ssize_t packet_receive(int fd, mc_packet *packet);
 
-// The same for up to n datagrams (at most RECEIVE_MAX) in one system call. Returns how many were taken, sizes[i] being
-// what packet_receive would return for the i-th; fewer than asked for: no more had arrived. The end fills all places
-// that are left.
-inline constexpr int RECEIVE_MAX = 4;
-int packets_receive(int fd, mc_packet *packets, size_t *sizes, int n);
-
 } // namespace libmc

@@ -15,6 +15,7 @@ using namespace libpfb;
 namespace {
 
 constexpr int DEFAULT_TIMEOUT_MS = 5000;
+constexpr const char *SERVER_IS_BEHIND = "the server does not take requests";
 
 const char *server_folder()
 {
@@ -74,7 +75,7 @@ int wait_for_room(pfb_client *client, const char *function, int64_t deadline)
         if (n > 0)
             return PFB_OK;
         if (n == 0)
-            return fail(PFB_ERROR_TIMEOUT, function, "the server does not take requests");
+            return fail(PFB_ERROR_TIMEOUT, function, "%s", SERVER_IS_BEHIND);
         if (errno != EINTR)
             return fail_errno(function, "poll");
     }
@@ -145,6 +146,19 @@ int send(pfb_client *client, const Request &request, int64_t deadline)
 {
     const int ready = wait_for_room(client, request.function, deadline);
     return ready == PFB_OK ? send_now(client, request) : ready;
+}
+
+int send_into_queue(pfb_client *client, const Request &request, int64_t deadline)
+{
+    mc_packet *packet = packet_of(request);
+    const int sent = packet != nullptr ? mc_send_in_time(client->connection, packet, left(deadline)) : -1;
+    int result = PFB_OK;
+    if (sent < 0 && errno == ETIMEDOUT)
+        result = fail(PFB_ERROR_TIMEOUT, request.function, "%s", SERVER_IS_BEHIND);
+    else if (sent < 0)
+        result = fail_errno(request.function, "sending");
+    mc_packet_free(packet);
+    return result;
 }
 
 int call(pfb_client *client, const Request &request, int64_t deadline, mc_packet **answer)

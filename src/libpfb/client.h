@@ -129,6 +129,9 @@ struct Request {
 
 // Sends on the present connection, waiting for room until the deadline. On failure nothing has been sent.
 int send(pfb_client *client, const Request &request, int64_t deadline);
+// The same up to the last place in the queue, without asking first, which is a system call: for a request that nothing
+// has to follow at once.
+int send_into_queue(pfb_client *client, const Request &request, int64_t deadline);
 // Sends at once: for a connection that is known to have room.
 int send_now(pfb_client *client, const Request &request);
 // Sends and waits for the answer, which is the caller's to free. On TIMEOUT the request may be with the server.

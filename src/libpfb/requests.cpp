@@ -62,7 +62,7 @@ int change(pfb_client *client, const Request &request, const SurfaceState &next)
     const int64_t deadline = deadline_of(client);
     int result = recovery_settle(client, request.function, deadline);
     if (result == PFB_OK && client->phase == Phase::ready)
-        result = send(client, request, deadline);
+        result = send_into_queue(client, request, deadline);
     const bool lost = result == PFB_ERROR_GONE && client->reconnect;
     if (result != PFB_OK && !lost)
         return result;

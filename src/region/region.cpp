@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <utility>
 
 #include "../base/output.h"
 
@@ -29,6 +30,45 @@ Region *unchanged(const Region *region)
 bool has_no_memory(const Region *region)
 {
     return region->data == nullptr || region->data->size == 0;
+}
+
+// Still within 16 bits, as the caller has seen to.
+Box moved(const Box &box, int x, int y)
+{
+    return Box{static_cast<int16_t>(box.x1 + x), static_cast<int16_t>(box.y1 + y), static_cast<int16_t>(box.x2 + x),
+               static_cast<int16_t>(box.y2 + y)};
+}
+
+// What pixman marks empty regions with. A broken one, which found no memory, is marked otherwise and stays broken.
+pixman_region16_data_t *empty_mark()
+{
+    static Region nothing;
+    if (nothing.data == nullptr)
+        pixman_region_init(&nothing);
+    return nothing.data;
+}
+
+bool is_inside(const Box &inner, const Box &outer)
+{
+    return inner.x1 >= outer.x1 && inner.y1 >= outer.y1 && inner.x2 <= outer.x2 && inner.y2 <= outer.y2;
+}
+
+// True when the region adds nothing to a rectangle.
+bool adds_nothing(const Region *region, const Box &box)
+{
+    return region->data == empty_mark() || (region->data == nullptr && is_inside(region->extents, box));
+}
+
+// The union, where it is one of the two and that is one rectangle: most of the time damage is. False for all others.
+bool unite_single(Region *result, const Region *a, const Region *b)
+{
+    if (a->data != nullptr || !adds_nothing(b, a->extents))
+        std::swap(a, b);
+    if (a->data != nullptr || !adds_nothing(b, a->extents) || !has_no_memory(result))
+        return false;
+    result->extents = a->extents;
+    result->data = nullptr;
+    return true;
 }
 
 // Stores what two boxes have in common. False, and nothing stored, when that is nothing.
@@ -98,18 +138,16 @@ int region_copy(Region *dst, const Region *src)
 
 int region_union(Region *result, const Region *a, const Region *b)
 {
-    return pixman_region_union(result, unchanged(a), unchanged(b));
+    return unite_single(result, a, b) || pixman_region_union(result, unchanged(a), unchanged(b));
 }
 
 int region_union_rect(Region *result, const Region *src, const Rect *rect)
 {
-    Box box = region_box(*rect);
+    const Box box = region_box(*rect);
     if (is_empty(box))
         return 0;
-    // One rectangle allocates nothing, so there is nothing to release.
-    Region one;
-    pixman_region_init_with_extents(&one, &box);
-    return pixman_region_union(result, unchanged(src), &one);
+    const Region one{box, nullptr}; // one rectangle allocates nothing, so there is nothing to release
+    return region_union(result, src, &one);
 }
 
 int region_add_i(Region *region, const Region *other)
@@ -162,8 +200,10 @@ void region_translate(Region *region, int32_t dx, int32_t dy)
         region_intersect_rect(region, region, &stays);
     if (region_is_empty(region))
         region_make_empty(region);
-    else
+    else if (region->data != nullptr)
         pixman_region_translate(region, x, y);
+    else
+        region->extents = moved(extents, x, y);
 }
 
 void region_reset(Region *region, const Rect *rect)
@@ -178,7 +218,10 @@ void region_reset(Region *region, const Rect *rect)
 void region_make_empty(Region *region)
 {
     const Box extents = region->extents;
-    pixman_region_clear(region);
+    if (has_no_memory(region))
+        region->data = empty_mark();
+    else
+        pixman_region_clear(region);
     region->extents = Box{extents.x1, extents.y1, extents.x1, extents.y1};
 }
 

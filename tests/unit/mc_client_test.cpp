@@ -191,6 +191,45 @@ TEST_F(McClient, SendingThrowsAwayAnswersThatNobodyWaitsFor)
     EXPECT_EQ(errno, EAGAIN);
 }
 
+// They are looked for less often once there were none for long; never so seldom that a server gives the client up.
+TEST_F(McClient, AnswersThatComeLateAreThrownAwaySoon)
+{
+    constexpr int calm = 100;
+    for (int i = 0; i < calm; i++) {
+        ASSERT_EQ(mc_send(client, request.get()), 0);
+        ASSERT_FALSE(next_request().empty());
+    }
+    ASSERT_TRUE(raw_send(server, header(1, "", "")));
+    char byte;
+    int sends = 0;
+    for (; recv(mc_fd(client), &byte, 1, MSG_DONTWAIT | MSG_PEEK) >= 0 && sends < calm; sends++)
+        ASSERT_EQ(mc_send(client, request.get()), 0);
+    EXPECT_LE(sends, 8);
+    for (int i = 0; i < 3; i++) { // and at once again
+        ASSERT_TRUE(raw_send(server, header(1, "", "")));
+        ASSERT_EQ(mc_send(client, request.get()), 0);
+        EXPECT_EQ(recv(mc_fd(client), &byte, 1, MSG_DONTWAIT), -1);
+    }
+}
+
+TEST_F(McClient, SendingInTimeGivesUpBehindAServerThatReadsNothing)
+{
+    int sent = 0;
+    while (sent < 10000 && mc_send_in_time(client, request.get(), 0) == 0)
+        sent++;
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_LT(sent, 10000);
+    ASSERT_TRUE(raw_send(server, header(1, "", ""))); // a server that is behind and answers
+    EXPECT_EQ(mc_send_in_time(client, request.get(), 10), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    for (int i = 0; i < sent + 1; i++)
+        ASSERT_FALSE(next_request().empty()); // the greeting, and those that were sent
+    EXPECT_EQ(mc_send_in_time(client, request.get(), 10000), 0);
+    EXPECT_EQ(next_request().substr(4), header(0, "ask", "").substr(4));
+    char byte;
+    EXPECT_EQ(recv(server.get(), &byte, 1, MSG_DONTWAIT), -1) << "what was given up was not sent";
+}
+
 TEST_F(McClient, ConnectErrorsHaveTheirErrno)
 {
     const auto failure = [](const char *service, const char *name) {

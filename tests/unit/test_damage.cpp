@@ -225,6 +225,36 @@ TEST_F(Damage, EachScheduledSourceRunsOnce)
     EXPECT_FALSE(g_main_context_pending(nullptr));
 }
 
+// The source stays in the loop between renders; that shows nowhere.
+TEST_F(Damage, RendersOneAfterTheOtherRunOnceEach)
+{
+    for (int i = 1; i <= 3; i++) {
+        fs_damage_surface(server, surface);
+        GSource *source = g_main_context_find_source_by_id(nullptr, server->idle_source);
+        ASSERT_NE(source, nullptr);
+        EXPECT_EQ(g_source_get_priority(source), 200);
+        settle();
+        EXPECT_EQ(server->idle_source, 0u);
+        EXPECT_EQ(renders(), i);
+        EXPECT_FALSE(g_main_context_pending(nullptr));
+    }
+}
+
+TEST_F(Damage, ARenderThatIsPendingRunsWhateverIsRenderedMeanwhile)
+{
+    fs_damage_surface(server, surface);
+    const uint32_t first = server->idle_source;
+    fs_render(server);
+    fs_damage_surface(server, surface);
+    const uint32_t second = server->idle_source;
+    EXPECT_NE(second, first);
+    g_source_remove(second);
+    EXPECT_TRUE(g_main_context_pending(nullptr));
+    settle();
+    EXPECT_EQ(renders(), 2);
+    EXPECT_FALSE(g_main_context_pending(nullptr));
+}
+
 TEST_F(Damage, LockingWhileIdleLocks)
 {
     fs_lock_render(server);

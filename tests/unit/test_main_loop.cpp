@@ -5,13 +5,17 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <glib-unix.h>
+#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 #include "../../src/fbserver/main_loop.h"
+#include "mc.h"
 
 namespace {
 
@@ -132,6 +136,22 @@ TEST(MainLoop, ASignalEndsTheWaiting)
 {
     EXPECT_EQ(end_by(SIGTERM, [] {}), ENDED);
     EXPECT_EQ(end_by(SIGINT, [] {}), ENDED);
+}
+
+// It then waits at the channel's own descriptor.
+TEST(MainLoop, ASignalEndsTheWaitingForClients)
+{
+    std::string folder = (std::filesystem::temp_directory_path() / "main-loop-XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const auto open_service = [&] {
+        setenv("MC_RUNTIME_DIR", folder.c_str(), 1);
+        const auto refuse = [](mc_factory *, mc_connection *connection, void *) { mc_close(connection); };
+        if (mc_factory_open("svc", refuse, nullptr, nullptr) == nullptr)
+            _exit(1);
+    };
+    EXPECT_EQ(end_by(SIGTERM, open_service), ENDED);
+    EXPECT_EQ(end_by(SIGINT, open_service), ENDED); // and the one before is known to be dead
+    std::filesystem::remove_all(folder);
 }
 
 TEST(MainLoop, ASignalEndsALoopThatNeverWaits)

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+// Where packets lie from their arrival until they have been handled. One inbox serves all connections, one after the
+// other; a handler that runs the main loop holds its own meanwhile.
+#pragma once
+
+#include <sys/socket.h>
+
+#include "wire.h"
+
+namespace libmc {
+
+inline constexpr int RECEIVE_MAX = 16;
+
+struct Inbox {
+    mc_packet packets[RECEIVE_MAX];
+    size_t sizes[RECEIVE_MAX]; // as packet_receive returns them
+    mmsghdr messages[RECEIVE_MAX];
+    iovec parts[RECEIVE_MAX];
+    bool laid_out; // messages and parts say where the packets are
+    Inbox *next;   // of those that nobody holds
+};
+
+// Null without memory. To be given back.
+Inbox *inbox_take();
+void inbox_give(Inbox *inbox);
+
+// Takes up to n datagrams without waiting. Returns how many; fewer than asked for: no more had arrived. -1 with errno
+// set, see packet_receive. The end fills all places that are left.
+int inbox_receive(Inbox *inbox, int fd, int n);
+
+} // namespace libmc
