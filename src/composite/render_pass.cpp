@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sys/statvfs.h>
 
 #include "../base/assert.h"
 #include "../base/output.h"
 #include "client_memory.h"
 #include "extent.h"
+#include "client_limits.h"
 
 namespace {
 
@@ -70,10 +72,13 @@ void collect_surface(const FbServer *fs, ImageSurface *surface)
         if (!region_is_empty(&surface->dirty_region))
             scale_refresh(surface);
     }
+    Region *damage = damage_of(surface);
     if (surface_has(surface, SURFACE_DIRTY))
-        collect_whole(fs, surface, damage_of(surface));
+        collect_whole(fs, surface, damage);
     else
-        collect_parts(surface, damage_of(surface));
+        collect_parts(surface, damage);
+    if (damage != nullptr)
+        region_bound(damage, DAMAGE_RECTS);
 }
 
 bool any_damage(const FbServer *fs)
@@ -127,6 +132,7 @@ void subtract_opaque(const ImageSurface *surface, Region *damage)
     region_translate(&opaque, surface->area.x1, surface->area.y1);
     region_intersect_rect(&opaque, &opaque, &surface->drawing_area);
     region_subtract(damage, damage, &opaque);
+    region_bound(damage, DAMAGE_RECTS);
     region_uninit(&opaque);
 }
 
@@ -213,15 +219,23 @@ bool clear_outputs(const FbServer *fs)
 
 // ---- faults ----
 
-void report_truncated(const FbServer *fs)
+// Then a page of a sparse object cannot be had, whoever touches it.
+bool shared_memory_is_full()
 {
-    while (const void *pixels = client_memory_take_truncated()) {
+    struct statvfs space {};
+    return statvfs("/dev/shm", &space) == 0 && space.f_blocks > 0 && space.f_bavail == 0;
+}
+
+void report_short_memory(const FbServer *fs)
+{
+    while (const void *pixels = client_memory_take_short()) {
+        const char *fault = shared_memory_is_full() ? "is not all there and /dev/shm is full" : "is too short";
         for (int32_t i = 0; i < fs->n_surface; i++) {
             const ImageSurface *surface = fs->surfaces[i];
             const xc_image *image = surface_client_image(surface);
             if (image != nullptr && image->pixels == pixels)
-                err_printf("shared memory of %s is too short: what is missing shows as zero\n",
-                           surface->name != nullptr ? surface->name : "(null)");
+                err_printf("shared memory of %s %s: what is missing shows as zero\n",
+                           surface->name != nullptr ? surface->name : "(null)", fault);
         }
     }
 }
@@ -239,7 +253,7 @@ int fs_render(void *data)
     } else {
         err_printf("dirty region is empty!!!!!!!!!!!!!!!!!!!!\n");
     }
-    report_truncated(fs);
+    report_short_memory(fs);
     out_flush();
     return G_SOURCE_REMOVE;
 }

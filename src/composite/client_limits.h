@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+// What clients may make the server hold. The numbers are far beyond what a device needs; they are there so that nobody
+// uses up the memory or the addresses that the picture is made with. Each is refused with a line (docs/robustness.md).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+constexpr uint64_t MIB = 1024 * 1024;
+
+// What is damaged, of a surface or of an output, is kept as so many rectangles; beyond that it becomes the one around
+// them. (Lines across lines are as many rectangles as their product.)
+constexpr int DAMAGE_RECTS = 2048;
+
+struct ClientLimits {
+    uint64_t mapped_bytes; // of clients' shared memory, all together
+    // Of these, what stays mapped until the server ends, because no connection owns it:
+    uint64_t left_bytes;
+    size_t left_mappings;
+    // Of the images of scaled surfaces, all together; on a small machine a quarter of its memory.
+    uint64_t scaled_bytes;
+};
+
+// Tests set their own.
+extern ClientLimits client_limits;
