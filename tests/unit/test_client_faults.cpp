@@ -379,12 +379,25 @@ TEST_F(ClientFaults, WithoutAFurtherMappingTheWholeIsMissing)
 
 // ---- a page that exists and cannot be had ----
 
+// Mounts that are this process's own; an ordinary user becomes the root of a namespace for that.
+bool own_mounts()
+{
+    if (unshare(CLONE_NEWNS) == 0)
+        return true;
+    const std::string user = std::to_string(getuid()), group = std::to_string(getgid());
+    const auto tell = [](const char *file, const std::string &text) {
+        return static_cast<bool>(std::ofstream(std::string("/proc/self/") + file) << text << std::flush);
+    };
+    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 && tell("uid_map", "0 " + user + " 1") &&
+           tell("setgroups", "deny") && tell("gid_map", "0 " + group + " 1");
+}
+
 // A /dev/shm of so many pages, for this process alone. False where that is not allowed.
 bool own_shared_memory(size_t pages)
 {
-    if (unshare(CLONE_NEWNS) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+    if (!own_mounts())
         return false;
-    const std::string options = "size=" + std::to_string(pages * PAGE);
+    const std::string options = "mode=777,size=" + std::to_string(pages * PAGE);
     return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("none", "/dev/shm", "tmpfs", 0, options.c_str()) == 0;
 }
@@ -406,8 +419,10 @@ TEST_F(ClientFaults, PagesThatCannotBeHadAreMissingAndThoseBehindThemAreNot)
 {
     in_child([this] {
         open_screen(64, 96);
-        const bool own = own_shared_memory(8);
-        const int fd = own ? open("/dev/shm/sparse", O_RDWR | O_CREAT | O_EXCL, 0600) : memfd_create("sparse", 0);
+        int fd = own_shared_memory(8) ? open("/dev/shm/sparse", O_RDWR | O_CREAT | O_EXCL, 0600) : -1;
+        const bool own = fd >= 0;
+        if (!own)
+            fd = memfd_create("sparse", 0);
         ASSERT_EQ(ftruncate(fd, static_cast<off_t>(6 * PAGE)), 0);
         const std::vector<uint8_t> page = filled(PAGE, 0x77);
         for (const size_t i : {0, 1, 4}) // pages; 16 rows each
