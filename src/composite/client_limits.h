@@ -3,14 +3,22 @@
 // uses up the memory or the addresses that the picture is made with. Each is refused with a line (docs/robustness.md).
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
 constexpr uint64_t MIB = 1024 * 1024;
 
-// What is damaged, of a surface or of an output, is kept as so many rectangles; beyond that it becomes the one around
-// them. (Lines across lines are as many rectangles as their product.)
-constexpr int DAMAGE_RECTS = 2048;
+// The reports of a surface are kept as so many rectangles; beyond that they become the one around them. (Lines across
+// lines are as many rectangles as their product.) The same holds for the damage of an output. Since each of its
+// rectangles meets each surface in a pass, and each direct one all others, it is kept as fewer where surfaces are many.
+constexpr int DAMAGE_RECTS = 1024;
+constexpr int DAMAGE_MEETINGS = 128 * DAMAGE_RECTS;
+
+constexpr int damage_rects(int n_surface)
+{
+    return std::clamp(DAMAGE_MEETINGS / std::max(n_surface, 1), 64, DAMAGE_RECTS);
+}
 
 struct ClientLimits {
     uint64_t mapped_bytes; // of clients' shared memory, all together

@@ -78,7 +78,7 @@ void collect_surface(const FbServer *fs, ImageSurface *surface)
     else
         collect_parts(surface, damage);
     if (damage != nullptr)
-        region_bound(damage, DAMAGE_RECTS);
+        region_bound(damage, damage_rects(fs->n_surface));
 }
 
 bool any_damage(const FbServer *fs)
@@ -118,7 +118,8 @@ bool hides_all(const ImageSurface *surface, const Region *damage)
            hidden.y2 <= opaque->y2 + y;
 }
 
-void subtract_opaque(const ImageSurface *surface, Region *damage)
+// Where more than `most` rectangles were left nothing is taken out: what is hidden is then drawn, and drawn over.
+void subtract_opaque(const ImageSurface *surface, Region *damage, int most)
 {
     if (region_is_empty(&surface->opaque_area))
         return;
@@ -131,8 +132,9 @@ void subtract_opaque(const ImageSurface *surface, Region *damage)
     region_copy(&opaque, &surface->opaque_area);
     region_translate(&opaque, surface->area.x1, surface->area.y1);
     region_intersect_rect(&opaque, &opaque, &surface->drawing_area);
-    region_subtract(damage, damage, &opaque);
-    region_bound(damage, DAMAGE_RECTS);
+    region_subtract(&opaque, damage, &opaque);
+    if (region_num_rects(&opaque) <= most)
+        region_copy(damage, &opaque);
     region_uninit(&opaque);
 }
 
@@ -143,7 +145,7 @@ bool is_far_from(const Region *damage, const Rect &area)
 }
 
 // True when the surface draws something.
-bool assign_surface(ImageSurface *surface, Region *damage)
+bool assign_surface(const FbServer *fs, ImageSurface *surface, Region *damage)
 {
     if (region_is_empty(damage) || is_far_from(damage, surface->drawing_area) || !takes_part(surface))
         return false;
@@ -151,7 +153,7 @@ bool assign_surface(ImageSurface *surface, Region *damage)
     if (region_is_empty(&surface->aux_region))
         return false;
     region_add_i(surface->backend->clear_region, has_alpha_output(surface) ? damage : &surface->aux_region);
-    subtract_opaque(surface, damage);
+    subtract_opaque(surface, damage, damage_rects(fs->n_surface));
     return true;
 }
 
@@ -162,7 +164,7 @@ Drawers assign(const FbServer *fs)
     Drawers drawers{0, 0, -1};
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
         Region *damage = damage_of(fs->surfaces[i]);
-        if (damage == nullptr || !assign_surface(fs->surfaces[i], damage))
+        if (damage == nullptr || !assign_surface(fs, fs->surfaces[i], damage))
             continue;
         drawers.count++;
         drawers.lowest = i;

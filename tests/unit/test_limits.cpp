@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // What clients may make the server hold, and what happens at each limit. The accounts are the process's own, so the
 // tests that fill them run in a child.
+#include <climits>
 #include <csignal>
 #include <fcntl.h>
 
@@ -263,17 +264,17 @@ TEST_F(Limits, ReportsOfTooManyRectangles)
             fs_fold_reports(surface_of(client));
         });
     };
-    EXPECT_EQ(scatter(2048), NOTHING);
-    EXPECT_EQ(region_num_rects(&surface->dirty_region), 2048);
+    EXPECT_EQ(scatter(1024), NOTHING);
+    EXPECT_EQ(region_num_rects(&surface->dirty_region), 1024);
     settle();
     paint(surface, 0x00ABCDEF);
-    EXPECT_EQ(scatter(2049), "fs_add_dirty: reports of fb.client are more than 2048 rectangles: drawn as one\n");
-    EXPECT_EQ(rects_of(surface->dirty_region), (Rects{{0, 0, 298, 61}}));
+    EXPECT_EQ(scatter(1025), "fs_add_dirty: reports of fb.client are more than 1024 rectangles: drawn as one\n");
+    EXPECT_EQ(rects_of(surface->dirty_region), (Rects{{0, 0, 298, 31}}));
     settle();
     EXPECT_EQ(primary_output.pixel(1, 1), 0xABCDEFu);
-    EXPECT_EQ(primary_output.pixel(297, 60), 0xABCDEFu);
-    EXPECT_EQ(primary_output.pixel(298, 60), 0u);
-    EXPECT_EQ(scatter(2049), NOTHING) << "there is one line for each surface";
+    EXPECT_EQ(primary_output.pixel(297, 30), 0xABCDEFu);
+    EXPECT_EQ(primary_output.pixel(298, 30), 0u);
+    EXPECT_EQ(scatter(1025), NOTHING) << "there is one line for each surface";
     settle();
 }
 
@@ -337,6 +338,40 @@ TEST_F(Limits, DamageOfManySurfacesMeets)
     settle();
     ASSERT_EQ(primary_output.updates().size(), 1u);
     EXPECT_EQ(primary_output.updates()[0], (Rects{{0, 0, 320, 240}}));
+}
+
+// Narrow opaque windows over the lines of a report: what they hide is too much to tell, and what lies between the lines
+// stays as it was, windows included.
+TEST_F(Limits, WindowsThatCutTheDamageIntoTooManyRectangles)
+{
+    ImageSurface *below = create(client, {.place = {0, 0, 320, 240}, .stride = 1280});
+    ask(client, "show");
+    for (int32_t x = 1; x < 320; x += 4) {
+        mc_connection *window = connect("fb.window");
+        ImageSurface *surface = create(window, {.place = {x, 0, 2, 240}, .stride = 8, .level = 1});
+        paint(surface, 0x00FF0000);
+        ask(window, "show");
+    }
+    settle();
+    paint(below, 0x000000FF);
+    for (int32_t y = 0; y < 240; y += 2)
+        ask(client, "dirty", {0, y, 320, 1});
+    settle();
+    for (int32_t y = 0; y < 240; y++) {
+        for (int32_t x = 0; x < 320; x++) {
+            const bool window = x % 4 == 1 || x % 4 == 2;
+            ASSERT_EQ(primary_output.pixel(x, y), window ? 0xFF0000u : y % 2 == 0 ? 0x0000FFu : 0u) << x << "," << y;
+        }
+    }
+}
+
+TEST_F(Limits, OfManySurfacesTheDamageIsKeptAsFewerRectangles)
+{
+    EXPECT_EQ(damage_rects(0), 1024);
+    EXPECT_EQ(damage_rects(128), 1024);
+    EXPECT_EQ(damage_rects(256), 512);
+    EXPECT_EQ(damage_rects(1280), 102);
+    EXPECT_EQ(damage_rects(INT_MAX), 64);
 }
 
 } // namespace
