@@ -91,6 +91,14 @@ bool any_damage(const FbServer *fs)
     return false;
 }
 
+void bound_damage(const FbServer *fs)
+{
+    for (int32_t i = 0; i < fs->n_backend; i++) {
+        if (const Backend *backend = backend_at(fs, i))
+            region_bound(backend->damage_region, damage_rects(fs->n_surface));
+    }
+}
+
 bool collect(const FbServer *fs)
 {
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
@@ -98,6 +106,7 @@ bool collect(const FbServer *fs)
         if (!is_unchanged(surface) && takes_part(surface))
             collect_surface(fs, surface);
     }
+    bound_damage(fs); // what hidden and moved surfaces have left, too
     return any_damage(fs);
 }
 

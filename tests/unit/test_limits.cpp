@@ -373,6 +373,29 @@ TEST_F(Limits, OfManySurfacesTheDamageIsKeptAsFewerRectangles)
     EXPECT_EQ(damage_rects(256), 512);
     EXPECT_EQ(damage_rects(1280), 102);
     EXPECT_EQ(damage_rects(INT_MAX), 64);
+    create(client, {.place = {0, 0, 320, 240}, .stride = 1280});
+    ask(client, "show");
+    mc_connection *other = connect("fb.other");
+    create(other, {.place = {0, 0, 320, 240}, .stride = 1280, .level = 1});
+    ask(other, "opaque_area", {0, 0, 0, 0});
+    ask(other, "set_clip", {0, 0, 1, 1});
+    ask(other, "show");
+    settle();
+    for (const int32_t more : {0, 158}) { // of 160 surfaces 819 are kept
+        for (int32_t i = 0; i < more; i++)
+            create(connect("fb.more"), {});
+        ask(client, "lock_area", {0, 0, 0, 0});
+        for (int32_t i = 0; i < 900; i++)
+            ask(other, "set_clip", {i % 90 * 3, i / 90 * 3, 1, 1});
+        ask(other, "hide");
+        primary_output.calls.clear();
+        ask(client, "unlock");
+        settle();
+        ASSERT_EQ(primary_output.updates().size(), 1u);
+        EXPECT_EQ(primary_output.updates()[0].size(), more == 0 ? 900u : 1u);
+        ask(other, "show");
+        settle();
+    }
 }
 
 } // namespace
