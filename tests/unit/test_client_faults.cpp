@@ -425,7 +425,7 @@ TEST_F(ClientFaults, PagesThatCannotBeHadAreMissingAndThoseBehindThemAreNot)
             fd = memfd_create("sparse", 0);
         ASSERT_EQ(ftruncate(fd, static_cast<off_t>(6 * PAGE)), 0);
         const std::vector<uint8_t> page = filled(PAGE, 0x77);
-        for (const size_t i : {0, 1, 4}) // pages; 16 rows each
+        for (const size_t i : {size_t{0}, size_t{1}, size_t{4}}) // pages; 16 rows each
             ASSERT_EQ(pwrite(fd, page.data(), PAGE, static_cast<off_t>(i * PAGE)), static_cast<ssize_t>(PAGE));
         void *pixels = client_memory_map(fd, 6 * PAGE);
         if (own) {
