@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "fuzz.h"
@@ -17,6 +18,8 @@ ssize_t fuzz_send(int fd, const void *bytes, size_t n, int flags) asm("__wrap_se
 ssize_t real_send(int fd, const void *bytes, size_t n, int flags) asm("__real_send");
 ssize_t fuzz_write(int fd, const void *bytes, size_t n) asm("__wrap_write");
 ssize_t real_write(int fd, const void *bytes, size_t n) asm("__real_write");
+ssize_t fuzz_pwritev2(int fd, const iovec *parts, int n, off_t offset, int flags) asm("__wrap_pwritev64v2");
+ssize_t real_pwritev2(int fd, const iovec *parts, int n, off_t offset, int flags) asm("__real_pwritev64v2");
 int fuzz_isatty(int fd) asm("__wrap_isatty");
 int real_isatty(int fd) asm("__real_isatty");
 int fuzz_poll(pollfd *entries, nfds_t n, int timeout_ms) asm("__wrap_poll");
@@ -47,7 +50,14 @@ ssize_t fuzz_send(int fd, const void *bytes, size_t n, int flags)
     return is_standard_stream(fd) ? keep(fd, bytes, n) : real_send(fd, bytes, n, flags);
 }
 
-// Where the stream is a file, a pipe or a terminal.
+// Where the stream is a pipe.
+ssize_t fuzz_pwritev2(int fd, const iovec *parts, int n, off_t offset, int flags)
+{
+    return is_standard_stream(fd) && n == 1 ? keep(fd, parts->iov_base, parts->iov_len)
+                                            : real_pwritev2(fd, parts, n, offset, flags);
+}
+
+// Where it is a file.
 ssize_t fuzz_write(int fd, const void *bytes, size_t n)
 {
     return is_standard_stream(fd) ? keep(fd, bytes, n) : real_write(fd, bytes, n);

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -45,24 +46,34 @@ bool can_take_some(int fd, int wait_ms)
     return n > 0;
 }
 
-// A terminal polls as writable with little room left and then lets a writer wait. Opened once more it can be told not
-// to, without changing it for the other processes that share it.
-ssize_t write_terminal(int fd, const char *bytes, size_t n)
+// The stream opened once more can be told not to wait, without changing it for the other processes that share it. -1
+// where that is not allowed: it belongs to another user.
+int open_not_waiting(int fd)
 {
     char path[32];
     snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
-    const int own = open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    return open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+}
+
+// A terminal polls as writable with little room left and then lets a writer wait, and so does a pipe that another
+// process fills in between. New kernels write to a pipe without waiting when asked.
+ssize_t write_not_waiting(int fd, const char *bytes, size_t n)
+{
+    const iovec part{const_cast<char *>(bytes), n};
+    ssize_t written = pwritev2(fd, &part, 1, -1, RWF_NOWAIT);
+    if (written >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS && errno != EINVAL))
+        return written;
+    const int own = open_not_waiting(fd);
     if (own < 0)
         return write(fd, bytes, n);
-    const ssize_t written = write(own, bytes, n);
+    written = write(own, bytes, n);
     const int error = errno;
     close(own);
     errno = error;
     return written;
 }
 
-// Writes without waiting. A file never makes a writer wait. A pipe that polls as writable takes PIPE_BUF bytes at once;
-// a socket is told not to wait.
+// Writes without waiting. A file never makes a writer wait, a socket is told not to.
 ssize_t write_some(int fd, const char *bytes, size_t n)
 {
     struct stat stream {};
@@ -73,10 +84,11 @@ ssize_t write_some(int fd, const char *bytes, size_t n)
         errno = EAGAIN;
         return -1;
     }
-    n = std::min<size_t>(n, PIPE_BUF);
+    n = std::min<size_t>(n, PIPE_BUF); // so much a pipe takes at once
     if (S_ISSOCK(stream.st_mode))
         return send(fd, bytes, n, MSG_DONTWAIT | MSG_NOSIGNAL);
-    return S_ISCHR(stream.st_mode) && isatty(fd) ? write_terminal(fd, bytes, n) : write(fd, bytes, n);
+    const bool may_wait = S_ISFIFO(stream.st_mode) || (S_ISCHR(stream.st_mode) && isatty(fd));
+    return may_wait ? write_not_waiting(fd, bytes, n) : write(fd, bytes, n);
 }
 
 void append(Stream &stream, const char *text, size_t n)

@@ -12,7 +12,9 @@
 #include <utility>
 
 #include "../base/assert.h"
+#include "../base/output.h"
 #include "../base/wrap.h"
+#include "client_limits.h"
 
 namespace {
 
@@ -111,6 +113,24 @@ void add_report(ImageSurface *surface, const Rect &rect)
         batch_report(surface, rect);
 }
 
+// Of an unscaled surface larger than regions can be, a report that reaches beyond them stands for all of it.
+bool is_beyond_regions(const ImageSurface *surface, const Rect &rect)
+{
+    const xc_image *image = surface->img;
+    if (surface->scale_state != nullptr || image == nullptr || rect.x1 >= rect.x2 || rect.y1 >= rect.y2)
+        return false;
+    return (rect.x2 > SHRT_MAX && image->width > SHRT_MAX) || (rect.y2 > SHRT_MAX && image->height > SHRT_MAX);
+}
+
+void bound_reports(ImageSurface *surface)
+{
+    if (!region_bound(&surface->dirty_region, DAMAGE_RECTS) || surface_has(surface, SURFACE_MANY))
+        return;
+    surface->flags |= SURFACE_MANY;
+    out_printf("%s: reports of %s are more than %d rectangles: drawn as one\n", "fs_add_dirty",
+               surface->name != nullptr ? surface->name : "(null)", DAMAGE_RECTS);
+}
+
 } // namespace
 
 void fs_fold_reports(ImageSurface *surface)
@@ -120,6 +140,7 @@ void fs_fold_reports(ImageSurface *surface)
         return;
     region_add_boxes(&surface->dirty_region, batch->boxes, batch->n);
     fs_drop_reports(surface);
+    bound_reports(surface);
 }
 
 void fs_drop_reports(ImageSurface *surface)
@@ -142,7 +163,10 @@ void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int
     if (surface->color_plane != -1)
         return;
     const Rect rect{x, y, end_of(x, width), end_of(y, height)};
-    add_report(surface, rect);
+    if (is_beyond_regions(surface, rect))
+        surface->flags |= SURFACE_DIRTY;
+    else
+        add_report(surface, rect);
     fs_schedule_render(fs);
 }
 
@@ -151,8 +175,10 @@ void fs_damage_surface(FbServer *fs, ImageSurface *surface)
     Rect *area = &surface->drawing_area;
     fs_crop_area(fs, area);
     if (area->x2 >= area->x1 && area->y1 < area->y2 && surface->backend != nullptr &&
-        surface->backend->damage_region != nullptr)
+        surface->backend->damage_region != nullptr) {
         region_union_rect(surface->backend->damage_region, surface->backend->damage_region, area);
+        region_bound(surface->backend->damage_region, DAMAGE_RECTS);
+    }
     fs_schedule_render(fs);
 }
 

@@ -105,6 +105,7 @@ bool initialise(FbServer *fs, Backend *backend)
     backend->damage_region = region_new();
     backend->direct_region = region_new();
     if (!append_backend(fs, backend)) {
+        backend->displayfunc->release(fs); // as when its last surface goes: nothing of it stays mapped
         drop_images(backend);
         return false;
     }

@@ -22,6 +22,7 @@ enum : uint32_t {
     SURFACE_DIRTY = 1u << 2, // the whole drawing_area is to be redrawn; partial damage is not collected meanwhile
     SURFACE_SYNC = 1u << 3,  // counts in its backend's sync_count while shown
     SURFACE_BLOCK = 1u << 4, // a block-until-unlock is outstanding; holds one extra count in lock_counter
+    SURFACE_MANY = 1u << 5,  // its reports were too many once; there is one line about that
 };
 
 // Backend.state

@@ -8,11 +8,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sys/statvfs.h>
 
 #include "../base/assert.h"
 #include "../base/output.h"
 #include "client_memory.h"
 #include "extent.h"
+#include "client_limits.h"
 
 namespace {
 
@@ -70,10 +72,13 @@ void collect_surface(const FbServer *fs, ImageSurface *surface)
         if (!region_is_empty(&surface->dirty_region))
             scale_refresh(surface);
     }
+    Region *damage = damage_of(surface);
     if (surface_has(surface, SURFACE_DIRTY))
-        collect_whole(fs, surface, damage_of(surface));
+        collect_whole(fs, surface, damage);
     else
-        collect_parts(surface, damage_of(surface));
+        collect_parts(surface, damage);
+    if (damage != nullptr)
+        region_bound(damage, damage_rects(fs->n_surface));
 }
 
 bool any_damage(const FbServer *fs)
@@ -86,6 +91,14 @@ bool any_damage(const FbServer *fs)
     return false;
 }
 
+void bound_damage(const FbServer *fs)
+{
+    for (int32_t i = 0; i < fs->n_backend; i++) {
+        if (const Backend *backend = backend_at(fs, i))
+            region_bound(backend->damage_region, damage_rects(fs->n_surface));
+    }
+}
+
 bool collect(const FbServer *fs)
 {
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
@@ -93,6 +106,7 @@ bool collect(const FbServer *fs)
         if (!is_unchanged(surface) && takes_part(surface))
             collect_surface(fs, surface);
     }
+    bound_damage(fs); // what hidden and moved surfaces have left, too
     return any_damage(fs);
 }
 
@@ -113,7 +127,8 @@ bool hides_all(const ImageSurface *surface, const Region *damage)
            hidden.y2 <= opaque->y2 + y;
 }
 
-void subtract_opaque(const ImageSurface *surface, Region *damage)
+// Where more than `most` rectangles were left nothing is taken out: what is hidden is then drawn, and drawn over.
+void subtract_opaque(const ImageSurface *surface, Region *damage, int most)
 {
     if (region_is_empty(&surface->opaque_area))
         return;
@@ -126,7 +141,9 @@ void subtract_opaque(const ImageSurface *surface, Region *damage)
     region_copy(&opaque, &surface->opaque_area);
     region_translate(&opaque, surface->area.x1, surface->area.y1);
     region_intersect_rect(&opaque, &opaque, &surface->drawing_area);
-    region_subtract(damage, damage, &opaque);
+    region_subtract(&opaque, damage, &opaque);
+    if (region_num_rects(&opaque) <= most)
+        region_copy(damage, &opaque);
     region_uninit(&opaque);
 }
 
@@ -137,7 +154,7 @@ bool is_far_from(const Region *damage, const Rect &area)
 }
 
 // True when the surface draws something.
-bool assign_surface(ImageSurface *surface, Region *damage)
+bool assign_surface(const FbServer *fs, ImageSurface *surface, Region *damage)
 {
     if (region_is_empty(damage) || is_far_from(damage, surface->drawing_area) || !takes_part(surface))
         return false;
@@ -145,7 +162,7 @@ bool assign_surface(ImageSurface *surface, Region *damage)
     if (region_is_empty(&surface->aux_region))
         return false;
     region_add_i(surface->backend->clear_region, has_alpha_output(surface) ? damage : &surface->aux_region);
-    subtract_opaque(surface, damage);
+    subtract_opaque(surface, damage, damage_rects(fs->n_surface));
     return true;
 }
 
@@ -156,7 +173,7 @@ Drawers assign(const FbServer *fs)
     Drawers drawers{0, 0, -1};
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
         Region *damage = damage_of(fs->surfaces[i]);
-        if (damage == nullptr || !assign_surface(fs->surfaces[i], damage))
+        if (damage == nullptr || !assign_surface(fs, fs->surfaces[i], damage))
             continue;
         drawers.count++;
         drawers.lowest = i;
@@ -213,15 +230,23 @@ bool clear_outputs(const FbServer *fs)
 
 // ---- faults ----
 
-void report_truncated(const FbServer *fs)
+// Then a page of a sparse object cannot be had, whoever touches it.
+bool shared_memory_is_full()
 {
-    while (const void *pixels = client_memory_take_truncated()) {
+    struct statvfs space {};
+    return statvfs("/dev/shm", &space) == 0 && space.f_blocks > 0 && space.f_bavail == 0;
+}
+
+void report_short_memory(const FbServer *fs)
+{
+    while (const void *pixels = client_memory_take_short()) {
+        const char *fault = shared_memory_is_full() ? "is not all there and /dev/shm is full" : "is too short";
         for (int32_t i = 0; i < fs->n_surface; i++) {
             const ImageSurface *surface = fs->surfaces[i];
             const xc_image *image = surface_client_image(surface);
             if (image != nullptr && image->pixels == pixels)
-                err_printf("shared memory of %s is too short: what is missing shows as zero\n",
-                           surface->name != nullptr ? surface->name : "(null)");
+                err_printf("shared memory of %s %s: what is missing shows as zero\n",
+                           surface->name != nullptr ? surface->name : "(null)", fault);
         }
     }
 }
@@ -240,7 +265,7 @@ int fs_render(void *data)
     } else {
         err_printf("dirty region is empty!!!!!!!!!!!!!!!!!!!!\n");
     }
-    report_truncated(fs);
+    report_short_memory(fs);
     out_flush();
     return G_SOURCE_REMOVE;
 }

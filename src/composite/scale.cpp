@@ -9,6 +9,7 @@
 #include "../base/assert.h"
 #include "../base/output.h"
 #include "../base/wrap.h"
+#include "client_limits.h"
 
 namespace {
 
@@ -54,6 +55,43 @@ void print_refusal(const ScaleRequest &r)
                r.dst_h);
 }
 
+// Of all images of scaled surfaces but this one's.
+uint64_t scaled_bytes_beside(const FbServer *fs, const ImageSurface *surface)
+{
+    uint64_t bytes = 0;
+    for (int32_t i = 0; i < fs->n_surface; i++) {
+        if (fs->surfaces[i] != surface && fs->surfaces[i]->scale_state != nullptr)
+            bytes += fs->surfaces[i]->img->extent;
+    }
+    return bytes;
+}
+
+// A pass fills all of such an image, whatever of it is on the screen.
+bool is_within_limit(const FbServer *fs, const ImageSurface *surface, int64_t row, const ScaleRequest &r)
+{
+    const uint64_t bytes = static_cast<uint64_t>(row) * static_cast<uint64_t>(r.dst_h);
+    if (bytes <= client_limits.scaled_bytes && scaled_bytes_beside(fs, surface) + bytes <= client_limits.scaled_bytes)
+        return true;
+    out_printf("%s: too large: destination %d x %d, while all scaled images may have %d MiB\n", "fs_set_scale", r.dst_w,
+               r.dst_h, static_cast<int32_t>(client_limits.scaled_bytes / MIB));
+    return false;
+}
+
+xc_image *make_scaled_image(const FbServer *fs, const ImageSurface *surface, const ScaleRequest &r)
+{
+    const xc_image *orig_img = surface_client_image(surface);
+    const int64_t row = orig_img != nullptr ? int64_t{(orig_img->depth + 7) >> 3} * r.dst_w : 0;
+    const bool can_be = row > 0 && row <= INT32_MAX && row * r.dst_h <= INT32_MAX;
+    if (can_be && !is_within_limit(fs, surface, row, r))
+        return nullptr;
+    xc_image *scaled =
+        can_be ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format, 0, 0, static_cast<int32_t>(row))
+               : nullptr;
+    if (scaled == nullptr)
+        print_refusal(r);
+    return scaled;
+}
+
 bool has_sizes(const ScaleRequest &r)
 {
     return r.src_w > 0 && r.src_h > 0 && r.dst_w > 0 && r.dst_h > 0;
@@ -80,14 +118,9 @@ void remove_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
 void set_scale(FbServer *fs, ImageSurface *surface, const ScaleRequest &r)
 {
     xc_image *orig_img = surface_client_image(surface);
-    const int64_t row = orig_img != nullptr ? int64_t{(orig_img->depth + 7) >> 3} * r.dst_w : 0;
-    xc_image *scaled = row > 0 && row <= INT32_MAX ? xc_image_new_with_data(r.dst_w, r.dst_h, nullptr, orig_img->format,
-                                                                            0, 0, static_cast<int32_t>(row))
-                                                   : nullptr;
-    if (scaled == nullptr) {
-        print_refusal(r);
+    xc_image *scaled = make_scaled_image(fs, surface, r);
+    if (scaled == nullptr)
         return;
-    }
     // The width that is tested is that of the image shown now: for a surface that is scaled already, its last
     // destination. Heights are not tested.
     if (surface->img->width < wrap_add(r.src_x, r.src_w)) {

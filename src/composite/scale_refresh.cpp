@@ -205,10 +205,27 @@ template <typename Pixel> void refresh_rectangle(const ImageSurface *surface, co
         refresh_strip<Pixel>({&s, start >> 16, to.x1}, row, find_strip<Pixel>(x, row), to);
 }
 
+// Rectangles that lie apart may meet in a small scaled image, all of them in a row of it. No more than two images and
+// this many pixels are refreshed in a pass.
+constexpr int64_t FREE_PIXELS = 1 << 20;
+
+bool is_too_much(const ImageSurface *surface, const Box *rects, int n)
+{
+    int64_t pixels = 0;
+    for (int i = 0; i < n; i++) {
+        const Rect to = map_to_scaled(surface, rects[i]);
+        if (to.x1 < to.x2 && to.y1 < to.y2)
+            pixels += (int64_t{to.x2} - to.x1) * (int64_t{to.y2} - to.y1);
+    }
+    return pixels > 2 * int64_t{surface->img->width} * surface->img->height + FREE_PIXELS;
+}
+
 } // namespace
 
 void scale_refresh(ImageSurface *surface)
 {
+    if (is_too_much(surface, region_rects(&surface->dirty_region), region_num_rects(&surface->dirty_region)))
+        region_simplify(&surface->dirty_region);
     Region refreshed;
     region_init(&refreshed, nullptr);
     const int n = region_num_rects(&surface->dirty_region);

@@ -225,6 +225,13 @@ void region_make_empty(Region *region)
     region->extents = Box{extents.x1, extents.y1, extents.x1, extents.y1};
 }
 
+void region_simplify(Region *region)
+{
+    Box around = region->extents;
+    if (!region_is_empty(region))
+        pixman_region_reset(region, &around);
+}
+
 int region_contained_in_rectangle(const Region *region, const Box *box)
 {
     if (region_is_empty(region))

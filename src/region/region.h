@@ -46,9 +46,19 @@ void region_translate(Region *region, int32_t dx, int32_t dy);
 // Makes the region exactly `rect`, or empty when rect is empty or inverted.
 void region_reset(Region *region, const Rect *rect);
 void region_make_empty(Region *region);
+// Becomes the one rectangle around it.
+void region_simplify(Region *region);
 inline int region_is_empty(const Region *region)
 {
     return region->data != nullptr && region->data->numRects == 0;
+}
+// A region of more than `most` rectangles is simplified. 1 when it was.
+inline int region_bound(Region *region, int most)
+{
+    if (region_num_rects(region) <= most)
+        return 0;
+    region_simplify(region);
+    return 1;
 }
 // 1 when every rectangle of the region lies inside the box; an empty region does.
 int region_contained_in_rectangle(const Region *region, const Box *box);

@@ -107,6 +107,35 @@ TEST_F(Damage, AHugeReportIsTheWholeSurface)
     EXPECT_THAT(primary_output.updates(), ElementsAre(Rects{PLACE}));
 }
 
+// A region ends at 32767: what of such a surface is on the screen could not be told.
+TEST_F(Damage, AReportBeyondWhatARegionHoldsIsTheWholeSurface)
+{
+    for (const Place place : {Place{-40000, 20, 50000, 2}, Place{10, -40000, 2, 50000}}) {
+        ImageSurface *large = add_shown("fb.large", place, XRGB32, 1);
+        settle();
+        paint(large, 0x00ABCDEF);
+        const bool wide = place.w > place.h;
+        const Place report = wide ? Place{0, 0, INT_MAX, 2} : Place{0, 0, 2, INT_MAX};
+        for (const int32_t from : {0, 45000}) { // neither does a region hold where the second one begins
+            primary_output.calls.clear();
+            if (wide)
+                fs_add_dirty(server, large, from, report.y, report.w, report.h);
+            else
+                fs_add_dirty(server, large, report.x, from, report.w, report.h);
+            settle();
+            EXPECT_EQ(primary_output.pixel(11, 21), 0xABCDEFu);
+            EXPECT_THAT(primary_output.updates(),
+                        ElementsAre(Rects{wide ? Rect{0, 20, 320, 22} : Rect{10, 0, 12, 240}}));
+        }
+        primary_output.calls.clear();
+        fs_add_dirty(server, large, 40000, 40000, INT_MAX, 0);
+        settle();
+        EXPECT_THAT(primary_output.updates(), IsEmpty()) << "an empty report is none";
+        fs_remove_surface(server, large);
+        settle();
+    }
+}
+
 TEST_F(Damage, TwoReportsGiveOneRenderThatCoversBoth)
 {
     fs_add_dirty(server, surface, 0, 0, 5, 5);

@@ -15,7 +15,38 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sys/uio.h>
+
+#include <poll.h>
+
 #include "../../src/base/output.h"
+
+// Between the question whether a stream is writable and the writing, another process writes.
+namespace {
+void (*after_poll)();
+bool kernel_is_old; // it cannot be asked not to wait
+} // namespace
+
+extern "C" {
+int __real_poll(pollfd *fds, nfds_t n, int timeout_ms);
+ssize_t __real_pwritev64v2(int fd, const iovec *parts, int n, off_t offset, int flags);
+
+int __wrap_poll(pollfd *fds, nfds_t n, int timeout_ms)
+{
+    const int ready = __real_poll(fds, n, timeout_ms);
+    if (after_poll != nullptr)
+        after_poll();
+    return ready;
+}
+
+ssize_t __wrap_pwritev64v2(int fd, const iovec *parts, int n, off_t offset, int flags)
+{
+    if (!kernel_is_old)
+        return __real_pwritev64v2(fd, parts, n, offset, flags);
+    errno = EOPNOTSUPP;
+    return -1;
+}
+}
 
 namespace {
 
@@ -188,6 +219,50 @@ TEST(Output, TerminalThatNobodyReadsCostsLinesAndNoTime)
         flood();
         EXPECT_TRUE(out_waiting());
         EXPECT_EQ(fcntl(terminal, F_GETFL) & O_NONBLOCK, 0); // others who share it still wait
+    });
+}
+
+int shared_pipe; // the other process's end, which does not wait
+
+void fill_shared_pipe()
+{
+    const char bytes[4096] = {};
+    while (write(shared_pipe, bytes, sizeof bytes) > 0)
+        ;
+}
+
+TEST(Output, PipeThatAnotherProcessFillsMeanwhileDoesNotBlock)
+{
+    for (const bool old : {false, true}) {
+        in_fork([old] {
+            kernel_is_old = old;
+            Reader reader = pipe_on({STDOUT_FILENO});
+            shared_pipe = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK);
+            ASSERT_GE(shared_pipe, 0);
+            alarm(LONG_MS / 1000); // a write that waits ends the fork
+            after_poll = fill_shared_pipe;
+            out_puts("one");
+            EXPECT_FALSE(out_flush());
+            EXPECT_FALSE(out_flush());
+            after_poll = nullptr;
+            EXPECT_TRUE(out_waiting());
+            EXPECT_EQ(fcntl(STDOUT_FILENO, F_GETFL) & O_NONBLOCK, 0); // others who share it still wait
+            reader.take();
+            EXPECT_TRUE(out_flush());
+            reader.text.clear();
+            EXPECT_EQ(reader.take(), "one\n");
+        });
+    }
+}
+
+TEST(Output, AnOldKernelsPipeTakesLinesTheSame)
+{
+    in_fork([] {
+        kernel_is_old = true;
+        Reader reader = pipe_on({STDOUT_FILENO});
+        flood();
+        catch_up(reader);
+        expect_flood_with_notice(reader.text);
     });
 }
 

@@ -89,6 +89,7 @@ TEST_F(SurfaceMemory, WhereTheBackendsArrayCannotGrowTheBackendIsNotHad)
         EXPECT_EQ(backend, nullptr);
         EXPECT_EQ(server->backends, nullptr);
         EXPECT_EQ(server->n_backend, 1);
+        EXPECT_EQ(primary_output.count(OutputCall::RELEASE), 1) << "nothing of the device stays mapped";
     });
 }
 

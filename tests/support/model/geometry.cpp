@@ -70,7 +70,14 @@ void add_dirty(Model &m, Surface &s, int32_t x, int32_t y, int32_t w, int32_t h)
     bool collects = (s.shown && !s.dirty) || s.scale;
     if (!collects || s.color_plane != -1)
         return;
-    s.dirty_region = region_union(s.dirty_region, region_of(x, y, int64_t{x} + w, int64_t{y} + h));
+    int64_t right = int64_t{x} + w, bottom = int64_t{y} + h;
+    bool empty = right <= x || bottom <= y;
+    bool beyond =
+        (right > INT16_MAX && s.image.width > INT16_MAX) || (bottom > INT16_MAX && s.image.height > INT16_MAX);
+    if (beyond && !empty && !s.scale)
+        s.dirty = true; // a region cannot tell what of so large a surface is meant
+    else
+        s.dirty_region = region_union(s.dirty_region, region_of(x, y, right, bottom));
     schedule(m);
 }
 

@@ -38,6 +38,18 @@ void remove_scale(Model &m, Surface &s, const Rect &target, int32_t w, int32_t h
     s.dirty = true;
 }
 
+constexpr int64_t MOST_SCALED_BYTES = 128 << 20;
+
+int64_t scaled_bytes_beside(const Model &m, const Surface &surface)
+{
+    int64_t bytes = 0;
+    for (const Surface &s : m.surfaces) {
+        if (s.scale && s.id != surface.id)
+            bytes += s.image.extent;
+    }
+    return bytes;
+}
+
 Image scaled_image(const Model &m, const Image &original, int32_t w, int32_t h)
 {
     Image image;
@@ -66,6 +78,11 @@ void set_scale(Model &m, Surface &s, const int32_t v[8])
     bool fits = same || int64_t{dw} * dh <= INT32_MAX / ((client.depth + 7) >> 3);
     if (!positive || !fits) {
         print(m.out, "fs_set_scale: invalid size: source %d x %d destination %d x %d\n", sw, sh, dw, dh);
+        return;
+    }
+    if (!same && scaled_bytes_beside(m, s) + int64_t{dw} * dh * ((client.depth + 7) >> 3) > MOST_SCALED_BYTES) {
+        print(m.out, "fs_set_scale: too large: destination %d x %d, while all scaled images may have 128 MiB\n", dw,
+              dh);
         return;
     }
     Rect target = {dx, dy, wrap(int64_t{dx} + dw), wrap(int64_t{dy} + dh)};
