@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "../base/assert.h"
+#include "../base/escape.h"
 #include "../base/output.h"
 #include "client_memory.h"
 #include "extent.h"
@@ -219,9 +220,11 @@ void report_truncated(const FbServer *fs)
         for (int32_t i = 0; i < fs->n_surface; i++) {
             const ImageSurface *surface = fs->surfaces[i];
             const xc_image *image = surface_client_image(surface);
-            if (image != nullptr && image->pixels == pixels)
-                err_printf("shared memory of %s is too short: what is missing shows as zero\n",
-                           surface->name != nullptr ? surface->name : "(null)");
+            if (image == nullptr || image->pixels != pixels)
+                continue;
+            char name[1024]; // the longest name that libmc lets in, with every byte escaped
+            err_printf("shared memory of %s is too short: what is missing shows as zero\n",
+                       escape_text(surface->name != nullptr ? surface->name : "(null)", name, sizeof name));
         }
     }
 }

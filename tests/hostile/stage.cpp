@@ -63,6 +63,15 @@ std::string end_of(const std::string &log)
     return log.substr(log.size() - std::min<size_t>(log.size(), 1000));
 }
 
+// 12 345
+std::string in_groups(unsigned long number)
+{
+    std::string text = std::to_string(number);
+    for (size_t at = text.size(); at > 3; at -= 3)
+        text.insert(at - 3, " ");
+    return text;
+}
+
 // For what is measured: looks often.
 bool wait_finely(const std::function<bool()> &predicate)
 {
@@ -259,7 +268,7 @@ void Stage::expect_outcome(const std::vector<std::string> &lines)
 
 std::string Stage::figures(const std::string &unit) const
 {
-    std::string text = std::to_string(*done_) + " " + unit + "; ";
+    std::string text = in_groups(*done_) + " " + (*done_ == 1 ? unit.substr(0, unit.size() - 1) : unit) + "; ";
     if (bystander_ == nullptr)
         return text + "no bystander";
     text += ends_ > 0 ? "back after " + std::to_string(standstill_ms_)
