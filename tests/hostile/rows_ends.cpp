@@ -66,6 +66,7 @@ template <auto mistake> void mistake_of_one(Stage &stage)
 void unmapped(TestClient &client)
 {
     client.create({.width = 10, .height = 65536, .stride = 65536, .bytes = 4096}); // wraps to no byte at all
+    EXPECT_FALSE(client.is_connected()); // the name is there until the server has seen it
 }
 
 void resize(TestClient &client)
@@ -98,6 +99,7 @@ void wrap(TestClient &client)
 void rotation_45(TestClient &client)
 {
     client.create({.width = 40, .height = 30, .rotation = 45});
+    EXPECT_FALSE(client.is_connected());
 }
 
 // What is shown for the old turn holds the picture back, and with it the end: so it is hidden, and a surface of the new
