@@ -193,3 +193,18 @@ Picture Bystander::picture() const
                   WINDOW_X, WINDOW_Y);
     return composer.picture(panel_.depth());
 }
+
+size_t Bystander::foreign_words() const
+{
+    Pixels expected = background_pixels(panel_);
+    for (int y = 0; y < WINDOW_SIZE; y++) {
+        for (int x = 0; x < WINDOW_SIZE; x++)
+            expected.set(WINDOW_X + x, WINDOW_Y + y, 0xFF000000 | colour_of(board_->updates));
+    }
+    size_t n = 0;
+    for (int y = 0; y < panel_.height(); y++) {
+        for (int x = 0; x < panel_.width(); x++)
+            n += panel_.raw(x, y) != expected.at(x, y) ? 1 : 0;
+    }
+    return n;
+}

@@ -30,6 +30,9 @@ public:
     void rest();
     // What the panel shows then when nobody else has anything on it.
     Picture picture() const;
+    // The words of the panel's memory that are not the bystander's, of 32 bits: the byte that no colour is in counts
+    // too.
+    size_t foreign_words() const;
 
 private:
     struct Board {

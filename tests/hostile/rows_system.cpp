@@ -31,6 +31,15 @@ void much_output(Stage &stage)
     EXPECT_GT(stage.done(), 1000u);
 }
 
+// What the server opens must not take the place of a stream that it was started without: the list would go there.
+void output_closed(Stage &stage)
+{
+    for (const char *stream : {"0", "1"})
+        EXPECT_EQ(link_target("/proc/" + std::to_string(stage.server()) + "/fd/" + stream), "/dev/null");
+    much_output(stage);
+    EXPECT_EQ(file_text(stage.socket_path() + ".lock"), "");
+}
+
 // Of a process; bytes.
 size_t address_space(pid_t pid)
 {
@@ -190,7 +199,7 @@ std::vector<Misbehaviour> system_rows()
          "it goes to `/dev/null`",
          "lists",
          {},
-         much_output,
+         output_closed,
          {.reader = Reader::CLOSED}},
         {"OutputBlocked",
          "the reader of its output stops reading",

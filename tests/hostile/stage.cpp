@@ -262,6 +262,9 @@ void Stage::expect_outcome(const std::vector<std::string> &lines)
     expect_log(lines);
     bystander_->rest();
     EXPECT_EQ(panel_shows(panel(), bystander_->picture()), "");
+    if (panel().depth() == 32) {
+        EXPECT_EQ(bystander_->foreign_words(), 0u);
+    }
     bystander_->expect_whole_returns(ends_);
     stop_server();
 }
