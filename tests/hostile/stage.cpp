@@ -218,13 +218,16 @@ void Stage::stop_server()
 
 Stage::Usage Stage::usage() const
 {
-    return {process_descriptors(server_), connections_at(socket_path()), process_resident_kb(server_)};
+    const std::string mappings = file_text("/proc/" + std::to_string(server_) + "/maps");
+    return {process_descriptors(server_), connections_at(socket_path()), count_of(mappings, " /dev/shm/"),
+            process_resident_kb(server_)};
 }
 
 bool Stage::uses_no_more() const
 {
     const Usage now = usage();
-    return now.descriptors == before_.descriptors + options_.kept && now.connections == before_.connections;
+    return now.descriptors == before_.descriptors + options_.kept && now.connections == before_.connections &&
+           now.surfaces == before_.surfaces + options_.orphans;
 }
 
 void Stage::expect_usage_is_back()
@@ -233,6 +236,7 @@ void Stage::expect_usage_is_back()
     after_ = usage();
     EXPECT_EQ(after_.descriptors, before_.descriptors + options_.kept);
     EXPECT_EQ(after_.connections, before_.connections);
+    EXPECT_EQ(after_.surfaces, before_.surfaces + options_.orphans) << "client memory that is mapped";
     EXPECT_LE(after_.resident_kb, before_.resident_kb + (is_sanitized(server_) ? GROWTH_SANITIZED_KIB : GROWTH_KIB));
 }
 

@@ -21,6 +21,7 @@ struct StageOptions {
     Reader reader = Reader::FILE;
     bool small_memory = false; // /dev/shm of its own with little room, where the system permits that
     size_t kept = 0;           // descriptors that the server keeps for the next time
+    size_t orphans = 0;        // surfaces that stay without an owner
     bool bystander = true;     // false: the misbehaviour is there from the start, and nobody can be shown
 };
 
@@ -76,6 +77,7 @@ private:
     struct Usage {
         size_t descriptors;
         size_t connections;
+        size_t surfaces; // whose memory is mapped
         long resident_kb;
     };
     Usage usage() const;
