@@ -278,9 +278,9 @@ std::string Stage::figures(const std::string &unit) const
     std::string text = in_groups(*done_) + " " + (*done_ == 1 ? unit.substr(0, unit.size() - 1) : unit) + "; ";
     if (bystander_ == nullptr)
         return text + "no bystander";
-    text += ends_ > 0 ? "back after " + std::to_string(standstill_ms_)
-                      : "updates within " + std::to_string(bystander_->worst_ms());
-    text += " ms";
+    if (ends_ > 0) // its memory is another process's
+        return text + "back after " + std::to_string(standstill_ms_) + " ms";
+    text += "updates within " + std::to_string(bystander_->worst_ms()) + " ms";
     const long growth = after_.resident_kb - before_.resident_kb;
     return text + "; " + (growth > 0 ? "+" : "") + std::to_string(growth) + " KiB";
 }
