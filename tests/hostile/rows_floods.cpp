@@ -124,7 +124,7 @@ void all_together(Stage &stage)
 
 std::vector<Misbehaviour> flood_rows()
 {
-    const char *const fair = "the others are served in turn, at most 16 packets of one at a time";
+    const char *const fair = "the others are served in turn";
     return {
         {"FloodOfDirty", "floods with \"dirty\"", fair, "requests", {}, flood<dirty>},
         {"FloodOfShowAndHide", "floods with \"show\" and \"hide\"", fair, "requests", {}, flood<show_and_hide>},
