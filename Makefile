@@ -8,7 +8,7 @@ FORMAT ?= xrgb8888
 TIME ?= 60
 export PICTURE FORMAT
 
-.PHONY: help build demo panel test build-clang test-clang soak fuzz bench e2e arm packages check format sanitize install clean
+.PHONY: help build demo panel test build-clang test-clang soak fuzz hostile bench e2e arm packages check format sanitize install clean
 
 help:
 	@echo 'make demo            show it: a virtual panel, the server, four clients; writes build/demo.png'
@@ -21,6 +21,7 @@ help:
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
 	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
 	@echo 'make fuzz            fuzzes each target in fuzz/ by clang and libFuzzer (TIME=SECONDS per target)'
+	@echo 'make hostile         programs that misbehave, on the release build: writes the table of docs/robustness.md'
 	@echo 'make bench           processor time, latency, memory, start and growth, beside Xvfb, Weston and a bare loop;'
 	@echo '                     recovery, and fairness under floods: writes docs/performance.md, plots in build/bench/results'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
@@ -71,6 +72,11 @@ soak:
 fuzz:
 	@scripts/deps build demo clang
 	@TIME=$(TIME) scripts/fuzz
+
+hostile:
+	@scripts/deps build demo test
+	@scripts/build release
+	@scripts/robustness
 
 bench:
 	@scripts/deps build bench

@@ -12,13 +12,17 @@ constexpr uint64_t MIB = 1024 * 1024;
 // The reports of a surface are kept as so many rectangles; beyond that they become the one around them. (Lines across
 // lines are as many rectangles as their product.) The same holds for the damage of an output. Since each of its
 // rectangles meets each surface in a pass, and each direct one all others, it is kept as fewer where surfaces are many.
-constexpr int DAMAGE_RECTS = 1024;
-constexpr int DAMAGE_MEETINGS = 128 * DAMAGE_RECTS;
+constexpr int DAMAGE_RECTS = 1 << 17;
+constexpr int64_t DAMAGE_MEETINGS = int64_t{1} << 24;
 
 constexpr int damage_rects(int n_surface)
 {
-    return std::clamp(DAMAGE_MEETINGS / std::max(n_surface, 1), 64, DAMAGE_RECTS);
+    const int64_t n = std::max(n_surface, 1);
+    return static_cast<int>(std::clamp<int64_t>(DAMAGE_MEETINGS / (n * n), 64, DAMAGE_RECTS));
 }
+
+// Damage that does not come from reports is added one rectangle after the other, and each costs time for all before it.
+constexpr int SINGLE_RECTS = 1024;
 
 struct ClientLimits {
     uint64_t mapped_bytes; // of clients' shared memory, all together

@@ -93,24 +93,24 @@ bool make_room(ReportBatch *batch, int32_t capacity)
 }
 
 // The batch is folded when it is as large as the region, so each report is looked at a few times only.
-void batch_report(ImageSurface *surface, const Rect &rect)
+void batch_report(const FbServer *fs, ImageSurface *surface, const Rect &rect)
 {
     ReportBatch *batch = &surface->reports;
     const int32_t rects = region_num_rects(&surface->dirty_region);
     if (batch->n >= rects)
-        fs_fold_reports(surface);
+        fs_fold_reports(fs, surface);
     if (make_room(batch, std::max(2 * batch->capacity, DIRECT_RECTS)))
         batch->boxes[batch->n++] = region_box(rect);
     else
         region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
 }
 
-void add_report(ImageSurface *surface, const Rect &rect)
+void add_report(const FbServer *fs, ImageSurface *surface, const Rect &rect)
 {
     if (region_num_rects(&surface->dirty_region) < DIRECT_RECTS)
         region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
     else
-        batch_report(surface, rect);
+        batch_report(fs, surface, rect);
 }
 
 // Of an unscaled surface larger than regions can be, a report that reaches beyond them stands for all of it.
@@ -122,25 +122,35 @@ bool is_beyond_regions(const ImageSurface *surface, const Rect &rect)
     return (rect.x2 > SHRT_MAX && image->width > SHRT_MAX) || (rect.y2 > SHRT_MAX && image->height > SHRT_MAX);
 }
 
-void bound_reports(ImageSurface *surface)
+void bound_reports(const FbServer *fs, ImageSurface *surface)
 {
-    if (!region_bound(&surface->dirty_region, DAMAGE_RECTS) || surface_has(surface, SURFACE_MANY))
+    const int most = damage_rects(fs->n_surface);
+    if (!region_bound(&surface->dirty_region, most) || surface_has(surface, SURFACE_MANY))
         return;
     surface->flags |= SURFACE_MANY;
     out_printf("%s: reports of %s are more than %d rectangles: drawn as one\n", "fs_add_dirty",
-               surface->name != nullptr ? surface->name : "(null)", DAMAGE_RECTS);
+               surface->name != nullptr ? surface->name : "(null)", most);
+}
+
+// So many boxes more make the region no larger, for a moment, than twice what it is and a million rectangles: lines may
+// cross all its rows of rectangles.
+int boxes_at_once(const Region *region)
+{
+    return std::max(64, (1 << 20) / (region_num_rows(region) + 1024));
 }
 
 } // namespace
 
-void fs_fold_reports(ImageSurface *surface)
+void fs_fold_reports(const FbServer *fs, ImageSurface *surface)
 {
-    ReportBatch *batch = &surface->reports;
-    if (batch->n == 0)
-        return;
-    region_add_boxes(&surface->dirty_region, batch->boxes, batch->n);
+    const ReportBatch *batch = &surface->reports;
+    for (int32_t done = 0; done < batch->n;) {
+        const int n = std::min(batch->n - done, boxes_at_once(&surface->dirty_region));
+        region_add_boxes(&surface->dirty_region, batch->boxes + done, n);
+        bound_reports(fs, surface);
+        done += n;
+    }
     fs_drop_reports(surface);
-    bound_reports(surface);
 }
 
 void fs_drop_reports(ImageSurface *surface)
@@ -166,7 +176,7 @@ void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int
     if (is_beyond_regions(surface, rect))
         surface->flags |= SURFACE_DIRTY;
     else
-        add_report(surface, rect);
+        add_report(fs, surface, rect);
     fs_schedule_render(fs);
 }
 
@@ -177,7 +187,7 @@ void fs_damage_surface(FbServer *fs, ImageSurface *surface)
     if (area->x2 >= area->x1 && area->y1 < area->y2 && surface->backend != nullptr &&
         surface->backend->damage_region != nullptr) {
         region_union_rect(surface->backend->damage_region, surface->backend->damage_region, area);
-        region_bound(surface->backend->damage_region, DAMAGE_RECTS);
+        region_bound(surface->backend->damage_region, SINGLE_RECTS);
     }
     fs_schedule_render(fs);
 }

@@ -11,6 +11,7 @@
 #include <sys/statvfs.h>
 
 #include "../base/assert.h"
+#include "../base/escape.h"
 #include "../base/output.h"
 #include "client_memory.h"
 #include "extent.h"
@@ -65,7 +66,7 @@ bool is_unchanged(const ImageSurface *surface)
 // What opaque surfaces hide is not taken out here but when it is assigned: all visible damage reaches the outputs.
 void collect_surface(const FbServer *fs, ImageSurface *surface)
 {
-    fs_fold_reports(surface);
+    fs_fold_reports(fs, surface);
     if (surface->scale_state != nullptr) {
         if (surface_has(surface, SURFACE_DIRTY))
             region_union_rect(&surface->dirty_region, &surface->dirty_region, &surface->scale_state->src_rect);
@@ -244,9 +245,11 @@ void report_short_memory(const FbServer *fs)
         for (int32_t i = 0; i < fs->n_surface; i++) {
             const ImageSurface *surface = fs->surfaces[i];
             const xc_image *image = surface_client_image(surface);
-            if (image != nullptr && image->pixels == pixels)
-                err_printf("shared memory of %s %s: what is missing shows as zero\n",
-                           surface->name != nullptr ? surface->name : "(null)", fault);
+            if (image == nullptr || image->pixels != pixels)
+                continue;
+            char name[1024]; // the longest name that libmc lets in, with every byte escaped
+            err_printf("shared memory of %s %s: what is missing shows as zero\n",
+                       escape_text(surface->name != nullptr ? surface->name : "(null)", name, sizeof name), fault);
         }
     }
 }

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "../base/escape.h"
+
 namespace {
 
 // Line and newline leave in one piece, so that lines of several processes on one terminal stay whole.
@@ -43,18 +45,7 @@ void log_line(const char *format, ...)
 
 const char *log_escape(const char *text, char *out, size_t size)
 {
-    size_t at = 0;
-    for (; *text; text++) {
-        const auto byte = static_cast<unsigned char>(*text);
-        const bool plain = byte >= 0x20 && byte < 0x7f && byte != '"' && byte != '\\';
-        const size_t n = plain ? 1 : 4;
-        if (at + n >= size)
-            break;
-        snprintf(out + at, size - at, plain ? "%c" : "\\x%02x", byte);
-        at += n;
-    }
-    out[at] = '\0';
-    return out;
+    return escape_text(text, out, size);
 }
 
 } // namespace libmc

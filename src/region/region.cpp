@@ -165,6 +165,16 @@ int region_add_boxes(Region *region, const Box *boxes, int n)
     return done;
 }
 
+int region_num_rows(const Region *region)
+{
+    const int n = region_num_rects(region);
+    const Box *boxes = region_rects(region);
+    int rows = n > 0 ? 1 : 0;
+    for (int i = 1; i < n; i++)
+        rows += boxes[i].y1 != boxes[i - 1].y1 ? 1 : 0;
+    return rows;
+}
+
 int region_intersect(Region *result, const Region *a, const Region *b)
 {
     return pixman_region_intersect(result, unchanged(a), unchanged(b));

@@ -60,6 +60,8 @@ inline int region_bound(Region *region, int most)
     region_simplify(region);
     return 1;
 }
+// Rows of rectangles: those of one row begin and end at the same height.
+int region_num_rows(const Region *region);
 // 1 when every rectangle of the region lies inside the box; an empty region does.
 int region_contained_in_rectangle(const Region *region, const Box *box);
 // Writes the region to standard output, for debugging.

@@ -8,55 +8,15 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include "../support/raw_client.h"
 #include "../support/scenery.h"
 
 namespace {
 
 constexpr int WIDTH = SCENERY_WIDTH;
 constexpr int HEIGHT = SCENERY_HEIGHT;
-
-// A connection below the library, for what the library would not send.
-class RawClient {
-public:
-    explicit RawClient(const RunningServer &server) : fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))
-    {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        snprintf(address.sun_path, sizeof address.sun_path, "%s", server.socket_path().c_str());
-        EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address), 0) << strerror(errno);
-    }
-    ~RawClient() { close(fd_); }
-    RawClient(const RawClient &) = delete;
-    RawClient &operator=(const RawClient &) = delete;
-
-    void send_bytes(const std::string &bytes)
-    {
-        EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-    }
-    void greet(const std::string &name) { send_bytes(greeting(name)); }
-    static std::string greeting(const std::string &name)
-    {
-        std::string bytes("\0\0\0\0connect\0is\0\0", 16);  // serial, word, signature, padding
-        bytes += std::string("\1\0\0\0", 4) + name + '\0'; // version, name
-        bytes.resize((bytes.size() + 3) / 4 * 4, '\0');
-        return bytes;
-    }
-    bool is_dropped()
-    {
-        return wait_until([&] {
-            char byte;
-            const ssize_t n = recv(fd_, &byte, 1, MSG_DONTWAIT);
-            return n == 0 || (n < 0 && errno == ECONNRESET);
-        });
-    }
-    int fd() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 } // namespace
 
@@ -143,7 +103,7 @@ TEST(BadInput, PacketsThatDoNotDecodeCloseTheirConnection)
     };
     size_t faults = 0;
     for (const std::string &bytes : nonsense) {
-        RawClient client(scenery.server);
+        RawClient client(scenery.server.socket_path());
         client.greet("fb.raw");
         client.send_bytes(bytes);
         EXPECT_TRUE(client.is_dropped()) << faults;
@@ -167,14 +127,14 @@ TEST(BadInput, GreetingsThatAreNone)
     };
     size_t faults = 0;
     for (const std::string &bytes : greetings) {
-        RawClient client(scenery.server);
+        RawClient client(scenery.server.socket_path());
         client.send_bytes(bytes);
         EXPECT_TRUE(client.is_dropped()) << faults;
         faults++;
         EXPECT_TRUE(wait_until([&] { return lines_of(scenery.server.err()).size() >= faults; }));
     }
     EXPECT_EQ(lines_of(scenery.server.err()).size(), faults) << scenery.server.err();
-    RawClient longest(scenery.server);
+    RawClient longest(scenery.server.socket_path());
     longest.greet("fb." + std::string(MC_NAME_MAX - 3, 'n'));
     longest.send_bytes(std::string("\0\0\0\0status\0\0", 12));
     EXPECT_TRUE(wait_until([&] { return count_of(scenery.server.out(), "# of surface: 2\n") > 0; }));
@@ -185,7 +145,7 @@ TEST(BadInput, GreetingsThatAreNone)
 TEST(BadInput, AConnectionThatNeverGreetsIsDropped)
 {
     Scenery scenery;
-    RawClient silent(scenery.server);
+    RawClient silent(scenery.server.socket_path());
     EXPECT_TRUE(silent.is_dropped());
     scenery.expect_unchanged();
     EXPECT_EQ(lines_of(scenery.server.err()).size(), 1u) << scenery.server.err();
@@ -293,7 +253,7 @@ TEST(BadInput, MemoryThatIsTooSmallOrVanishes)
 TEST(BadInput, AClientThatDoesNotReadItsAnswers)
 {
     Scenery scenery;
-    RawClient deaf(scenery.server);
+    RawClient deaf(scenery.server.socket_path());
     deaf.greet("fb.deaf");
     const std::string question("\0\0\0\0get_native_color_depth\0\0", 28);
     EXPECT_TRUE(wait_until([&] {

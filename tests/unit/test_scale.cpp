@@ -122,7 +122,7 @@ TEST_F(Scale, ReportsThatWaitInABatchAreForgottenToo)
     ASSERT_GT(surface->reports.n, 0);
     scale({0, 0, 10, 10}, {30, 40, 200, 100});
     EXPECT_EQ(surface->reports.n, 0);
-    fs_fold_reports(surface);
+    fs_fold_reports(server, surface);
     EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 10, 10}));
 }
 
