@@ -94,8 +94,10 @@ template <typename Pixel> void pick(const PickRow *rows, int32_t count, const Pi
 {
     constexpr ptrdiff_t size = sizeof(Pixel);
     for (; count > 0; count--, rows++) {
-        for (int32_t i = 0; i < plan->n; i++)
-            memcpy(rows->dst + i * size, rows->src + plan->columns[i] * size, sizeof(Pixel));
+        const auto [src, dst] = *rows;
+        const int32_t n = plan->n;
+        for (int32_t i = 0; i < n; i++)
+            memcpy(dst + i * size, src + plan->columns[i] * size, sizeof(Pixel));
     }
 }
 
