@@ -161,7 +161,7 @@ void *client_memory_map(int fd, size_t bytes)
     return pixels;
 }
 
-void *client_memory_take_truncated()
+[[gnu::hot]] void *client_memory_take_truncated()
 {
     if (fault_seen == 0)
         return nullptr;

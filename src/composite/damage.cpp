@@ -25,13 +25,13 @@ struct RenderSource {
     FbServer *fs; // not owned; null: no render is pending
 };
 
-gboolean is_render_pending(GSource *source, gint *timeout_ms)
+[[gnu::hot]] gboolean is_render_pending(GSource *source, gint *timeout_ms)
 {
     *timeout_ms = -1;
     return reinterpret_cast<RenderSource *>(source)->fs != nullptr;
 }
 
-gboolean render_once(GSource *source, GSourceFunc, gpointer)
+[[gnu::hot]] gboolean render_once(GSource *source, GSourceFunc, gpointer)
 {
     FbServer *fs = std::exchange(reinterpret_cast<RenderSource *>(source)->fs, nullptr);
     fs_render(fs);
@@ -56,7 +56,7 @@ RenderSource *get_render_source()
     return render_source;
 }
 
-void add_idle_render(FbServer *fs)
+[[gnu::hot]] void add_idle_render(FbServer *fs)
 {
     gettimeofday(&schedule_time, nullptr);
     RenderSource *source = get_render_source();
@@ -113,7 +113,7 @@ void add_report(ImageSurface *surface, const Rect &rect)
 
 } // namespace
 
-void fs_fold_reports(ImageSurface *surface)
+[[gnu::hot]] void fs_fold_reports(ImageSurface *surface)
 {
     ReportBatch *batch = &surface->reports;
     if (batch->n == 0)
@@ -128,13 +128,13 @@ void fs_drop_reports(ImageSurface *surface)
     surface->reports = ReportBatch{};
 }
 
-void fs_schedule_render(FbServer *fs)
+[[gnu::hot]] void fs_schedule_render(FbServer *fs)
 {
     if (fs->lock_count == 0 && fs->idle_source == 0)
         add_idle_render(fs);
 }
 
-void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int32_t width, int32_t height)
+[[gnu::hot]] void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int32_t width, int32_t height)
 {
     const bool seen_in_part = surface_has(surface, SURFACE_SHOWN) && !surface_has(surface, SURFACE_DIRTY);
     if (!seen_in_part && surface->scale_state == nullptr)
