@@ -216,17 +216,17 @@ void out_puts(const char *line)
     out_printf("%s\n", line);
 }
 
-bool out_flush()
+[[gnu::hot]] bool out_flush()
 {
     return flush(out);
 }
 
-bool out_waiting()
+[[gnu::hot]] bool out_waiting()
 {
     return waiting(out);
 }
 
-bool err_waiting()
+[[gnu::hot]] bool err_waiting()
 {
     return waiting(err);
 }

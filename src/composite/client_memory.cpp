@@ -199,7 +199,7 @@ void *client_memory_map(int fd, size_t bytes)
     return pixels;
 }
 
-void *client_memory_take_short()
+[[gnu::hot]] void *client_memory_take_short()
 {
     if (fault_seen == 0)
         return nullptr;

@@ -27,13 +27,13 @@ struct RenderSource {
     FbServer *fs; // not owned; null: no render is pending
 };
 
-gboolean is_render_pending(GSource *source, gint *timeout_ms)
+[[gnu::hot]] gboolean is_render_pending(GSource *source, gint *timeout_ms)
 {
     *timeout_ms = -1;
     return reinterpret_cast<RenderSource *>(source)->fs != nullptr;
 }
 
-gboolean render_once(GSource *source, GSourceFunc, gpointer)
+[[gnu::hot]] gboolean render_once(GSource *source, GSourceFunc, gpointer)
 {
     FbServer *fs = std::exchange(reinterpret_cast<RenderSource *>(source)->fs, nullptr);
     fs_render(fs);
@@ -58,7 +58,7 @@ RenderSource *get_render_source()
     return render_source;
 }
 
-void add_idle_render(FbServer *fs)
+[[gnu::hot]] void add_idle_render(FbServer *fs)
 {
     gettimeofday(&schedule_time, nullptr);
     RenderSource *source = get_render_source();
@@ -141,7 +141,7 @@ int boxes_at_once(const Region *region)
 
 } // namespace
 
-void fs_fold_reports(const FbServer *fs, ImageSurface *surface)
+[[gnu::hot]] void fs_fold_reports(const FbServer *fs, ImageSurface *surface)
 {
     const ReportBatch *batch = &surface->reports;
     for (int32_t done = 0; done < batch->n;) {
@@ -159,13 +159,13 @@ void fs_drop_reports(ImageSurface *surface)
     surface->reports = ReportBatch{};
 }
 
-void fs_schedule_render(FbServer *fs)
+[[gnu::hot]] void fs_schedule_render(FbServer *fs)
 {
     if (fs->lock_count == 0 && fs->idle_source == 0)
         add_idle_render(fs);
 }
 
-void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int32_t width, int32_t height)
+[[gnu::hot]] void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int32_t width, int32_t height)
 {
     const bool seen_in_part = surface_has(surface, SURFACE_SHOWN) && !surface_has(surface, SURFACE_DIRTY);
     if (!seen_in_part && surface->scale_state == nullptr)

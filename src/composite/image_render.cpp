@@ -86,8 +86,8 @@ void render_rectangle(const Transfer &t)
 
 } // namespace
 
-void image_render(FbServer *fs, [[maybe_unused]] Backend *backend, xc_image *src, xc_image *dst, const Region *region,
-                  int32_t x, int32_t y, int32_t rotation)
+[[gnu::hot]] void image_render(FbServer *fs, [[maybe_unused]] Backend *backend, xc_image *src, xc_image *dst,
+                               const Region *region, int32_t x, int32_t y, int32_t rotation)
 {
     const int n = region_num_rects(region);
     if (n == 0) {

@@ -32,7 +32,7 @@ void copy_to_frame(FbServer *fs, Backend *backend)
 }
 
 // The second layer copies words as they are, alpha included, and counts as having alpha from its first present on.
-void present(FbServer *fs, Backend *backend)
+[[gnu::hot]] void present(FbServer *fs, Backend *backend)
 {
     if (backend->secondary != 0) {
         set_alpha(backend->work_img, false);
@@ -175,7 +175,7 @@ void draw_stack(FbServer *fs, const Drawers &drawers)
 } // namespace
 
 // Damage outside every surface stays with its output for a later pass.
-void pass_draw(FbServer *fs, const Drawers &drawers, bool cleared)
+[[gnu::hot]] void pass_draw(FbServer *fs, const Drawers &drawers, bool cleared)
 {
     if (drawers.count == 0) {
         if (cleared)

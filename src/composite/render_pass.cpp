@@ -256,7 +256,7 @@ void report_short_memory(const FbServer *fs)
 
 } // namespace
 
-int fs_render(void *data)
+[[gnu::hot]] int fs_render(void *data)
 {
     auto *fs = static_cast<FbServer *>(data);
     fs->idle_source = 0;

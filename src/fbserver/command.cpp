@@ -161,7 +161,7 @@ mc_packet *run_command(mc_connection *connection, const mc_packet *request)
 
 } // namespace
 
-mc_packet *handle_command(mc_connection *connection, mc_packet *request)
+[[gnu::hot]] mc_packet *handle_command(mc_connection *connection, mc_packet *request)
 {
     mc_packet *reply = run_command(connection, request);
     out_flush();

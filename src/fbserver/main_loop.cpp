@@ -32,7 +32,7 @@ void let_signals_in()
     sigprocmask(SIG_BLOCK, &ending, nullptr);
 }
 
-int poll_with_signals(GPollFD *fds, guint n, gint timeout_ms)
+[[gnu::hot]] int poll_with_signals(GPollFD *fds, guint n, gint timeout_ms)
 {
     static_assert(sizeof(GPollFD) == sizeof(pollfd));
     // Requests have been handled and left a render behind: what arrived meanwhile can wait for that.

@@ -42,7 +42,7 @@ void poll_stream(WatchedStream *stream)
 
 } // namespace
 
-bool output_watch_begin()
+[[gnu::hot]] bool output_watch_begin()
 {
     bool added = false;
     for (WatchedStream &stream : streams) {

@@ -74,12 +74,12 @@ mc_connection *connection_new(Side side, int fd, const char *name)
     return connection;
 }
 
-void connection_ref(mc_connection *connection)
+[[gnu::hot]] void connection_ref(mc_connection *connection)
 {
     connection->refs++;
 }
 
-void connection_unref(mc_connection *connection)
+[[gnu::hot]] void connection_unref(mc_connection *connection)
 {
     if (--connection->refs > 0)
         return;
@@ -95,7 +95,7 @@ void connection_close_fd(mc_connection *connection)
     connection->fd = -1;
 }
 
-mc_handler_func connection_handler(const mc_connection *connection, const char *command)
+[[gnu::hot]] mc_handler_func connection_handler(const mc_connection *connection, const char *command)
 {
     mc_handler_func any = nullptr;
     for (const Handler *handler = connection->handlers; handler; handler = handler->next) {
@@ -157,7 +157,7 @@ int mc_set_user_data(mc_connection *connection, void *user_data, int)
     return 0;
 }
 
-void *mc_user_data(const mc_connection *connection)
+[[gnu::hot]] void *mc_user_data(const mc_connection *connection)
 {
     return connection->user_data;
 }

@@ -23,7 +23,7 @@ void lay_out(Inbox *inbox)
 
 } // namespace
 
-Inbox *inbox_take()
+[[gnu::hot]] Inbox *inbox_take()
 {
     Inbox *inbox = unused;
     if (!inbox)
@@ -32,13 +32,13 @@ Inbox *inbox_take()
     return inbox;
 }
 
-void inbox_give(Inbox *inbox)
+[[gnu::hot]] void inbox_give(Inbox *inbox)
 {
     inbox->next = unused;
     unused = inbox;
 }
 
-int inbox_receive(Inbox *inbox, int fd, int n)
+[[gnu::hot]] int inbox_receive(Inbox *inbox, int fd, int n)
 {
     if (!inbox->laid_out)
         lay_out(inbox);

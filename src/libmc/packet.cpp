@@ -116,17 +116,17 @@ void mc_packet_free(mc_packet *packet)
         free(packet);
 }
 
-const char *mc_packet_command(const mc_packet *packet)
+[[gnu::hot]] const char *mc_packet_command(const mc_packet *packet)
 {
     return packet->bytes + COMMAND_OFFSET;
 }
 
-const char *mc_packet_signature(const mc_packet *packet)
+[[gnu::hot]] const char *mc_packet_signature(const mc_packet *packet)
 {
     return packet->bytes + packet->signature;
 }
 
-int mc_packet_parse_args(const mc_packet *packet, const char *signature, ...)
+[[gnu::hot]] int mc_packet_parse_args(const mc_packet *packet, const char *signature, ...)
 {
     const char *carried = mc_packet_signature(packet);
     const char *at = packet->bytes + packet->arguments;

@@ -147,7 +147,7 @@ int take_some(mc_connection *connection, Inbox *inbox, int wanted)
 
 // Handles what has arrived, up to PACKETS_PER_TURN. The greeting comes alone: what follows it waits in the socket until
 // the connection is attached.
-void take_arrived(mc_connection *connection, Inbox *inbox)
+[[gnu::hot]] void take_arrived(mc_connection *connection, Inbox *inbox)
 {
     for (int left = PACKETS_PER_TURN; left > 0 && connection_is_live(connection);) {
         const int wanted = connection->greeted ? std::min(left, RECEIVE_MAX) : 1;
@@ -159,7 +159,7 @@ void take_arrived(mc_connection *connection, Inbox *inbox)
 }
 
 // A handler that runs the main loop finds this connection at rest: its next request comes when this one is done.
-void connection_turn(void *owner, bool late)
+[[gnu::hot]] void connection_turn(void *owner, bool late)
 {
     auto *connection = static_cast<mc_connection *>(owner);
     if (connection->in_turn) {

@@ -84,7 +84,7 @@ void fetch_ready()
 }
 
 // A turn may run the main loop, which then gives the others theirs, or close anything, the set included.
-gboolean set_turn(GSource *, GSourceFunc, gpointer)
+[[gnu::hot]] gboolean set_turn(GSource *, GSourceFunc, gpointer)
 {
     if (set.at == set.n)
         fetch_ready();
@@ -193,7 +193,7 @@ void watch_rest(Watch *watch)
             set.ready[i].data.ptr = nullptr;
 }
 
-bool watch_resume(Watch *watch)
+[[gnu::hot]] bool watch_resume(Watch *watch)
 {
     if (watch->active && !watch->polled)
         watch->polled = set_add(watch->fd, watch);
@@ -229,7 +229,7 @@ int watch_descriptor()
     return set.epoll_fd;
 }
 
-int watch_poll(pollfd *fds, nfds_t n, int timeout_ms, const sigset_t *mask)
+[[gnu::hot]] int watch_poll(pollfd *fds, nfds_t n, int timeout_ms, const sigset_t *mask)
 {
     if (pollfd *wakeup = wakeup_of(fds, n))
         return wait_at_set(&fds[wakeup == fds ? 1 : 0], wakeup, timeout_ms, mask);

@@ -63,7 +63,7 @@ uint32_t packet_serial(const mc_packet *packet)
     return serial;
 }
 
-const char *packet_decode(mc_packet *packet, size_t size)
+[[gnu::hot]] const char *packet_decode(mc_packet *packet, size_t size)
 {
     if (size > MC_PACKET_MAX)
         return "longer than a packet may be";

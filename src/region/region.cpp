@@ -91,7 +91,7 @@ Region *broken_region()
 
 } // namespace
 
-Box region_box(const Rect &rect)
+[[gnu::hot]] Box region_box(const Rect &rect)
 {
     return Box{narrow(rect.x1), narrow(rect.y1), narrow(rect.x2), narrow(rect.y2)};
 }
@@ -136,12 +136,12 @@ int region_copy(Region *dst, const Region *src)
     return pixman_region_copy(dst, unchanged(src));
 }
 
-int region_union(Region *result, const Region *a, const Region *b)
+[[gnu::hot]] int region_union(Region *result, const Region *a, const Region *b)
 {
     return unite_single(result, a, b) || pixman_region_union(result, unchanged(a), unchanged(b));
 }
 
-int region_union_rect(Region *result, const Region *src, const Rect *rect)
+[[gnu::hot]] int region_union_rect(Region *result, const Region *src, const Rect *rect)
 {
     const Box box = region_box(*rect);
     if (is_empty(box))
@@ -150,7 +150,7 @@ int region_union_rect(Region *result, const Region *src, const Rect *rect)
     return region_union(result, src, &one);
 }
 
-int region_add_i(Region *region, const Region *other)
+[[gnu::hot]] int region_add_i(Region *region, const Region *other)
 {
     return region_union(region, region, other);
 }
@@ -180,7 +180,7 @@ int region_intersect(Region *result, const Region *a, const Region *b)
     return pixman_region_intersect(result, unchanged(a), unchanged(b));
 }
 
-int region_intersect_rect(Region *result, const Region *src, const Rect *rect)
+[[gnu::hot]] int region_intersect_rect(Region *result, const Region *src, const Rect *rect)
 {
     const Box box = region_box(*rect);
     if (src->data == nullptr && has_no_memory(result) && cross(src->extents, box, &result->extents)) {
@@ -197,7 +197,7 @@ int region_subtract(Region *result, const Region *minuend, const Region *subtrah
     return pixman_region_subtract(result, unchanged(minuend), unchanged(subtrahend));
 }
 
-void region_translate(Region *region, int32_t dx, int32_t dy)
+[[gnu::hot]] void region_translate(Region *region, int32_t dx, int32_t dy)
 {
     // Farther than the whole coordinate range everything is out, however far: the sums stay defined.
     constexpr int32_t FAR = 2 * (SHRT_MAX + 1);
@@ -225,7 +225,7 @@ void region_reset(Region *region, const Rect *rect)
         pixman_region_reset(region, &box);
 }
 
-void region_make_empty(Region *region)
+[[gnu::hot]] void region_make_empty(Region *region)
 {
     const Box extents = region->extents;
     if (has_no_memory(region))

@@ -54,7 +54,7 @@ constexpr bool allows(int wanted, int value)
 
 } // namespace
 
-const ConverterChoice *find_converter(const xc_image *src, const xc_image *dst, int32_t rotation)
+[[gnu::hot]] const ConverterChoice *find_converter(const xc_image *src, const xc_image *dst, int32_t rotation)
 {
     for (const Rule &rule : RULES) {
         if (rule.src_depth == src->depth && rule.dst_depth == dst->depth &&

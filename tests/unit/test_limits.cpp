@@ -220,10 +220,10 @@ TEST_F(Limits, ScaledImagesHaveSoMuchMemoryTogether)
 
 int64_t picked;
 
-void count_and_pick(const uint8_t *src, uint8_t *dst, const PickPlan *plan)
+void count_and_pick(const PickRow *rows, int32_t count, const PickPlan *plan)
 {
-    picked += plan->n;
-    kernels_plain.pick_32(src, dst, plan);
+    picked += int64_t{plan->n} * count;
+    kernels_plain.pick_32(rows, count, plan);
 }
 
 // 1000 lines of the source fall onto the one line of the scaled image.
