@@ -3,11 +3,14 @@
 
 #include <algorithm>
 
+#include "decode_trouble.h"
+
 using model::Argument;
 
 namespace {
 
 constexpr int64_t MOST_SCALED_BYTES = 1 << 18;
+constexpr int64_t MOST_HOSTILE_SCALED_BYTES = 1 << 21;
 constexpr uint32_t MOST_OBJECT_BYTES = 1 << 18;
 constexpr size_t MOST_OBJECTS = 24;
 
@@ -149,6 +152,8 @@ Action create(Decoder &d, int slot)
         a.object = d.objects.back().number;
     } else {
         a.arguments.back().text = object % 2 ? "" : "/nothing";
+        if (d.hostile && object == 255)
+            a.arguments.back().text = decode_text(in, MC_PACKET_MAX);
     }
     d.slots[slot].w = w;
     d.slots[slot].h = h;
@@ -156,11 +161,11 @@ Action create(Decoder &d, int slot)
 }
 
 // The bytes that the scaled image takes; a server of this size is busy for a while, but not wrong.
-bool is_too_large(const std::vector<Argument> &scale)
+bool is_too_large(const std::vector<Argument> &scale, int64_t most_bytes)
 {
     const int64_t pixels = int64_t{scale[6].number} * scale[7].number;
     const bool has_sizes = scale[6].number > 0 && scale[7].number > 0;
-    return has_sizes && pixels > MOST_SCALED_BYTES / 4 && pixels <= INT32_MAX / 2;
+    return has_sizes && pixels > most_bytes / 4 && pixels <= INT32_MAX / 2;
 }
 
 std::vector<Argument> scale_arguments(Decoder &d, int slot)
@@ -168,7 +173,7 @@ std::vector<Argument> scale_arguments(Decoder &d, int slot)
     std::vector<Argument> values = surface_rectangle(d, slot);
     const std::vector<Argument> target = screen_rectangle(d);
     values.insert(values.end(), target.begin(), target.end());
-    if (is_too_large(values))
+    if (is_too_large(values, d.hostile ? MOST_HOSTILE_SCALED_BYTES : MOST_SCALED_BYTES))
         values[6] = values[7] = as_number(1);
     return values;
 }
@@ -207,8 +212,10 @@ std::vector<Argument> size_of_surface(Decoder &d, int slot)
 
 std::vector<Argument> name(Decoder &d, int)
 {
-    const int which = d.in.below(17);
-    return {as_text(which < 16 ? NAMES[which] : long_name())};
+    const uint8_t kind = d.in.byte();
+    if (d.hostile && kind >= 244)
+        return {as_text(decode_text(d.in, MC_NAME_MAX + 2))};
+    return {as_text(kind % 17 < 16 ? NAMES[kind % 17] : long_name())};
 }
 
 std::vector<Argument> any_rectangle(Decoder &d, int)
@@ -249,8 +256,17 @@ const Word WORDS[] = {
     {"no_such_word", any_rectangle},
 };
 
-void spoil(FuzzInput &in, std::vector<Argument> &arguments)
+std::vector<Argument> any_arguments(FuzzInput &in)
 {
+    std::vector<Argument> arguments(static_cast<size_t>(in.below(MC_ARGS_MAX + 2)));
+    for (Argument &argument : arguments)
+        argument = in.chance(64) ? as_text(decode_text(in, 30)) : as_number(number(in, 100));
+    return arguments;
+}
+
+void spoil(Decoder &d, std::vector<Argument> &arguments)
+{
+    FuzzInput &in = d.in;
     const uint8_t kind = in.byte();
     if (kind < 8 && !arguments.empty())
         arguments.resize(kind % arguments.size());
@@ -258,6 +274,8 @@ void spoil(FuzzInput &in, std::vector<Argument> &arguments)
         arguments[kind % arguments.size()] = as_text("7");
     else if (kind < 16)
         arguments.push_back(as_number(7));
+    else if (d.hostile && kind < 20)
+        arguments = any_arguments(in);
 }
 
 // ---- other actions ----
@@ -364,15 +382,19 @@ void server_size(FuzzInput &in, Config &config)
 
 } // namespace
 
-Decoder decode_start(FuzzInput in)
+Decoder decode_start(FuzzInput in, bool hostile)
 {
     Decoder d{};
     d.in = in;
+    d.hostile = hostile;
+    const uint8_t kinds = hostile ? d.in.last() : uint8_t{0};
     d.next_client = d.next_object = 1;
     d.config.name = "fuzzed";
     d.config.primary = device(d.in);
     d.config.second = device(d.in);
     server_size(d.in, d.config);
+    if (hostile)
+        decode_surroundings(d, kinds);
     return d;
 }
 
@@ -380,6 +402,7 @@ Action decode_action(Decoder &d)
 {
     enum {
         RENDER = sizeof WORDS / sizeof *WORDS,
+        TROUBLE = 32, // instead of a render, before the action
         CREATE = 36,
         CONNECT = 41,
         DRAW = 46,
@@ -387,9 +410,13 @@ Action decode_action(Decoder &d)
         BURST = 60,
         TOGGLE = 62
     };
+    d.trouble = {};
+    d.described = -1;
     if (d.burst.left > 0)
         return next_of_burst(d);
-    const uint8_t byte = d.in.byte();
+    uint8_t byte = d.in.byte();
+    for (; d.hostile && byte / Decoder::SLOTS >= TROUBLE && byte / Decoder::SLOTS < CREATE; byte = d.in.byte())
+        decode_trouble(d);
     const int slot = byte % Decoder::SLOTS;
     const int kind = byte / Decoder::SLOTS;
     if (kind >= RENDER && kind < CREATE)
@@ -412,6 +439,6 @@ Action decode_action(Decoder &d)
     a.kind = Action::REQUEST;
     a.client = d.slots[slot].client;
     if (a.object == 0)
-        spoil(d.in, a.arguments);
+        spoil(d, a.arguments);
     return a;
 }
