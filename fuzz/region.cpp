@@ -54,10 +54,13 @@ int cell_of(int32_t value)
 // A rectangle as it is meant: every cell that begins inside it. Its edges may lie beyond the plane.
 Bitmap bitmap_of(const Rect &rect)
 {
+    std::bitset<CELLS> row;
+    for (size_t x = 0; x < CELLS; x++)
+        row[x] = EDGES[x] >= rect.x1 && EDGES[x] < rect.x2;
     Bitmap bitmap;
     for (size_t y = 0; y < CELLS; y++) {
-        for (size_t x = 0; x < CELLS; x++)
-            bitmap[y][x] = EDGES[x] >= rect.x1 && EDGES[x] < rect.x2 && EDGES[y] >= rect.y1 && EDGES[y] < rect.y2;
+        if (EDGES[y] >= rect.y1 && EDGES[y] < rect.y2)
+            bitmap[y] = row;
     }
     return bitmap;
 }
@@ -72,16 +75,17 @@ Bitmap combine(const Bitmap &a, const Bitmap &b, int how)
 
 Bitmap moved(const Bitmap &bitmap, int32_t dx, int32_t dy)
 {
+    auto origin = [](int32_t to, int32_t by) {
+        return cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{to} - by, INT_MIN, INT_MAX)));
+    };
+    std::array<int, CELLS> columns; // where each column comes from
+    for (size_t x = 0; x < CELLS; x++)
+        columns[x] = origin(EDGES[x], dx);
     Bitmap result;
     for (size_t y = 0; y < CELLS; y++) {
-        for (size_t x = 0; x < CELLS; x++) {
-            const int from_x =
-                cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[x]} - dx, INT_MIN, INT_MAX)));
-            const int from_y =
-                cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[y]} - dy, INT_MIN, INT_MAX)));
-            result[y][x] =
-                from_x >= 0 && from_y >= 0 && bitmap[static_cast<size_t>(from_y)][static_cast<size_t>(from_x)];
-        }
+        const int row = origin(EDGES[y], dy);
+        for (size_t x = 0; row >= 0 && x < CELLS; x++)
+            result[y][x] = columns[x] >= 0 && bitmap[static_cast<size_t>(row)][static_cast<size_t>(columns[x])];
     }
     return result;
 }

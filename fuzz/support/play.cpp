@@ -11,6 +11,7 @@
 #include "../../src/fbserver/connection.h"
 #include "../../src/kernels/kernels.h"
 #include "../../tests/support/history/ask.h"
+#include "outputs.h"
 #include "system.h"
 
 extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
@@ -222,6 +223,7 @@ void end(const Stage &stage, bool whole)
         g_source_remove(fs->idle_source);
     fs_destroy(fs);
     fs = nullptr;
+    outputs_forget();
     stage.end(whole);
     for (auto &[client, connection] : connections)
         mc_close(connection);
