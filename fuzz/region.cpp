@@ -7,7 +7,9 @@
 #include <climits>
 #include <vector>
 
+#include "../src/base/output.h"
 #include "../src/region/region.h"
+#include "../tests/support/failing_memory.h"
 #include "support/fuzz.h"
 
 namespace {
@@ -229,6 +231,20 @@ void remake(State &s, FuzzInput &in, int to)
     s.bitmaps[to] = bitmap_of({box.x1, box.y1, box.x2, box.y2});
 }
 
+// Through a region of its own storage, which may not be had: it is empty then.
+void pass_on(State &s, FuzzInput &in, int to)
+{
+    const Rect rect = rectangle(in);
+    const Box box = region_box(rect);
+    fail_allocation(MALLOC, in.chance(32) ? 1 : 2);
+    Region *region = region_new_with_rect(&box);
+    const bool failed = allocation_failed();
+    region_print(region);
+    region_copy(&s.regions[to], region);
+    pixman_region_destroy(region);
+    s.bitmaps[to] = failed ? Bitmap{} : bitmap_of({box.x1, box.y1, box.x2, box.y2});
+}
+
 void compare_containment(const State &s, FuzzInput &in, int which)
 {
     const Rect rect = rectangle(in);
@@ -293,8 +309,10 @@ void step(State &s, FuzzInput &in)
         break;
     case 11:
     case 12:
-    case 13:
         translate(s, in, to);
+        break;
+    case 13:
+        pass_on(s, in, to);
         break;
     case 14:
         remake(s, in, to);
@@ -317,5 +335,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         step(s, in);
     for (Region &region : s.regions)
         region_uninit(&region);
+    out_flush();
+    fuzz_printed = {};
     return 0;
 }

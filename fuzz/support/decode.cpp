@@ -323,6 +323,8 @@ Action next_of_burst(Decoder &d)
 {
     auto &burst = d.burst;
     burst.left--;
+    if (burst.is_troubled && burst.left % 32 == 3)
+        d.trouble.kind = Trouble::NO_MEMORY;
     Action a;
     a.kind = Action::REQUEST;
     a.client = burst.client;
@@ -335,8 +337,9 @@ Action next_of_burst(Decoder &d)
 Action start_burst(Decoder &d, int slot)
 {
     const auto &client = d.slots[slot];
-    d.burst = {client.client, 64 + d.in.byte() / 2, std::clamp(client.w, 1, 200), std::clamp(client.h, 1, 200), {}};
+    d.burst = {client.client, 64 + d.in.byte() / 2, std::clamp(client.w, 1, 200), std::clamp(client.h, 1, 200), false, {}};
     d.burst.random.state = d.in.byte();
+    d.burst.is_troubled = d.hostile && d.burst.random.state >= 224;
     return next_of_burst(d);
 }
 

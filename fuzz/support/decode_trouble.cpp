@@ -143,6 +143,10 @@ void decode_surroundings(Decoder &d, uint8_t kinds)
     d.forms[0] = kinds & 1 ? odd_form(d.in, d.config.primary) : plain_form(d.config.primary);
     d.forms[1] = kinds & 2 ? odd_form(d.in, d.config.second) : plain_form(d.config.second);
     d.other_names = (kinds & 8) != 0;
+    if (kinds & 16) {
+        decode_trouble(d);
+        d.last_trouble = d.trouble;
+    }
     if (kinds & 4) {
         for (int i = d.in.below(6); i > 0; i--)
             d.words.push_back(command_word(d.in));
@@ -161,7 +165,9 @@ void decode_trouble(Decoder &d)
     const uint8_t kind = d.in.byte();
     if (kind < 224) {
         d.trouble.kind = kinds[kind % 10];
-        d.trouble.nth = 1 + d.in.below(12);
+        const uint8_t which = d.in.byte();
+        // Allocations are many; of everything else there is one or a few in an action.
+        d.trouble.nth = d.trouble.kind == Trouble::NO_MEMORY || which >= 192 ? 1 + which % 12 : 1;
         if (d.trouble.kind == Trouble::SHORTER)
             make_smaller(d);
     } else if (kind < 240) {

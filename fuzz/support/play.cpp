@@ -205,13 +205,13 @@ bool play_actions(Decoder &d, const Stage &stage)
 }
 
 // The clients leave one after another. An assertion may fail even then (a lock that holds back its own release).
-bool hang_up_all(const Stage &stage)
+bool hang_up_all(const Trouble &trouble, const Stage &stage)
 {
     while (!connections.empty()) {
         Action a;
         a.kind = Action::HANG_UP;
         a.client = connections.begin()->first;
-        if (!play_action(a, {}, stage))
+        if (!play_action(a, trouble, stage))
             return false;
     }
     return play_action({}, {}, stage);
@@ -244,7 +244,7 @@ Ending play_once(const uint8_t *data, size_t size, const Stage &stage)
     bool whole = true;
     try {
         if (stage.start(d))
-            whole = play_actions(d, stage) && hang_up_all(stage);
+            whole = play_actions(d, stage) && hang_up_all(d.last_trouble, stage);
     } catch (const FailedAssertion &failed) {
         fuzz_finding("%s: %s: assertion `%s' failed outside a request", failed.file.c_str(), failed.function.c_str(),
                      failed.expression.c_str());

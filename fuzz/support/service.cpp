@@ -23,6 +23,8 @@ int fuzz_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *ti
 int real_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *timeout) asm("__real_recvmmsg");
 ssize_t fuzz_sendmsg(int fd, const msghdr *message, int flags) asm("__wrap_sendmsg");
 ssize_t real_sendmsg(int fd, const msghdr *message, int flags) asm("__real_sendmsg");
+gint64 fuzz_get_monotonic_time() asm("__wrap_g_get_monotonic_time");
+gint64 real_get_monotonic_time() asm("__real_g_get_monotonic_time");
 
 namespace {
 
@@ -52,6 +54,7 @@ struct Service {
     std::vector<std::unique_ptr<Client>> clients; // all that have ever connected
     Client *slots[SLOTS] = {};
     Refusal accepting{}, receiving{}, sending{};
+    gint64 clock_ahead = 0; // microseconds that the service's clock differs from the main loop's
     bool in_handler = false;
 };
 
@@ -178,6 +181,8 @@ void set_handlers(mc_connection *connection)
     const std::string name = mc_connection_name(connection);
     mc_set_hup_handler(connection, name == "stays" ? leave_open : note_hangup, nullptr);
     mc_set_handler(connection, "", note_request, nullptr);
+    mc_set_handler(connection, "echo", nullptr, nullptr);
+    mc_set_handler(connection, "echo", note_request, nullptr);
     mc_set_handler(connection, "echo", note_request, nullptr);
     if (name == "stays")
         mc_set_handler(connection, "", nullptr, nullptr);
@@ -336,6 +341,10 @@ void refuse_calls(FuzzInput &in)
 {
     static const int errors[] = {EMFILE, EMFILE, ENFILE, EINTR, ECONNABORTED, ENOMEM, EPROTO, EAGAIN, ECONNRESET};
     const uint8_t kind = in.byte();
+    if (kind >= 224) { // what has to wait need not, or has waited long enough
+        service->clock_ahead = kind % 2 ? -5 * G_USEC_PER_SEC : service->clock_ahead + 5 * G_USEC_PER_SEC;
+        return;
+    }
     Refusal &refusal = kind < 128   ? service->accepting
                        : kind < 192 ? service->receiving
                                     : service->sending;
@@ -407,21 +416,37 @@ void step(FuzzInput &in)
 
 // ---- from start to end ----
 
+const char *odd_count(FuzzInput &in)
+{
+    static const char *const counts[] = {"", "0", "-1", "1", "2x", "99999999999999999999", "2147483647", "3"};
+    return counts[in.below(8)];
+}
+
 // Opened as the service manager would have opened it, so that no file is needed. All descriptors before it are open.
-void open_service(FuzzInput &in)
+bool open_service(FuzzInput &in)
 {
     const int fd = packet_socket();
     service->address_size = sizeof service->address;
     getsockname(fd, reinterpret_cast<sockaddr *>(&service->address), &service->address_size);
     if (listen(fd, 8) != 0)
         no_socket("listen");
-    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    setenv("LISTEN_FDS", std::to_string(fd - STDERR_FILENO).c_str(), 1);
+    const bool is_odd = in.chance(8);
+    setenv("LISTEN_PID", is_odd && in.chance(128) ? "1x" : std::to_string(getpid()).c_str(), 1);
+    setenv("LISTEN_FDS", is_odd ? odd_count(in) : std::to_string(fd - STDERR_FILENO).c_str(), 1);
+    const bool may_fail = is_odd || in.chance(8);
+    if (may_fail)
+        fail_allocation(ANY_ALLOCATION, 1 + in.below(4));
     service->factory = mc_factory_open("fuzz", note_connection, nullptr, nullptr);
-    if (service->factory == nullptr)
-        fuzz_finding("the service cannot be opened");
+    allocation_failed();
+    if (service->factory == nullptr) {
+        close(fd);
+        if (!may_fail)
+            fuzz_finding("the service cannot be opened");
+        return false;
+    }
     const gint64 wait = in.chance(24) ? 0 : gint64{3600} * G_USEC_PER_SEC;
     service->factory->limits = {static_cast<unsigned>(in.between(1, 6)), static_cast<unsigned>(in.between(1, 4)), wait};
+    return true;
 }
 
 void close_service()
@@ -461,6 +486,11 @@ ssize_t fuzz_sendmsg(int fd, const msghdr *message, int flags)
     return is_refused(&Service::sending) ? -1 : real_sendmsg(fd, message, flags);
 }
 
+gint64 fuzz_get_monotonic_time()
+{
+    return real_get_monotonic_time() + (service != nullptr ? service->clock_ahead : 0);
+}
+
 std::string service_request(FuzzInput &in)
 {
     static const char *const words[] = {"x", "l", "r", "", "connect", "o", "echo", "xx"};
@@ -486,10 +516,13 @@ void service_play(FuzzInput in)
     Service here;
     service = &here;
     mc_set_log(note_line);
-    open_service(in);
-    for (int i = 0; i < MOST_STEPS && !in.empty(); i++)
+    setenv("MC_RUNTIME_DIR", "/nowhere", 1); // a service that is not handed its socket cannot be opened
+    const bool is_open = open_service(in);
+    for (int i = 0; is_open && i < MOST_STEPS && !in.empty(); i++)
         step(in);
-    close_service();
-    close_handed_over();
+    if (is_open) {
+        close_service();
+        close_handed_over();
+    }
     service = nullptr;
 }

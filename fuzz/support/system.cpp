@@ -171,7 +171,7 @@ void system_trouble(const Trouble &trouble)
 void system_settle()
 {
     armed = false;
-    if (allocation_failed())
+    if (fuzz_system.trouble.kind == Trouble::NO_MEMORY && allocation_failed())
         fuzz_system.struck = fuzz_system.memory_refused = true;
 }
 
