@@ -144,14 +144,55 @@ void decode(const std::string &bytes)
         fuzz_finding("built again the packet has other bytes");
 }
 
+// ---- packets that are nearly right ----
+
+void append_padding(std::string &bytes, FuzzInput &in)
+{
+    bytes.resize(rounded_up(bytes.size()), in.chance(6) ? 'p' : '\0');
+}
+
+void append_string(std::string &bytes, FuzzInput &in)
+{
+    const uint8_t kind = in.byte();
+    bytes.append(kind < 240 ? kind % 9 : kind * 14u, 's'); // a few of the long ones fill a packet
+    bytes.push_back('\0');
+    append_padding(bytes, in);
+}
+
+// Written out by hand, with as many arguments as the input says.
+std::string nearly_right(FuzzInput &in)
+{
+    std::string bytes(4, '\1');
+    bytes.append(in.byte() % 12u, 'c');
+    bytes.push_back('\0');
+    const size_t letters = in.chance(96) ? static_cast<size_t>(in.between(MC_ARGS_MAX - 2, MC_ARGS_MAX + 2))
+                                         : static_cast<size_t>(in.below(6));
+    const size_t signature = bytes.size();
+    for (size_t i = 0; i < letters; i++)
+        bytes.push_back(in.chance(64) ? 's' : in.chance(2) ? 'x' : 'i');
+    bytes.push_back('\0');
+    append_padding(bytes, in);
+    for (size_t i = 0; i < letters; i++) {
+        if (bytes[signature + i] == 's')
+            append_string(bytes, in);
+        else
+            bytes.append(4, static_cast<char>(in.byte()));
+    }
+    if (in.chance(32))
+        bytes.resize(MC_PACKET_MAX + 4 - in.byte() % 9u * 4); // around the most that a packet may hold
+    return bytes;
+}
+
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput in{data, data + size};
-    const int kind = in.below(3);
+    const int kind = in.below(4);
     if (kind == 0)
         decode({in.at, in.end});
+    else if (kind == 3)
+        decode(nearly_right(in));
     else if (kind == 1)
         decode(service_request(in));
     else

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The assertions that clients and devices can make fail; each of them ends the server, and a supervisor starts it again.
-// Any other is a finding, and so is one of these where nothing of its kind has happened.
+// The assertions that clients and devices can make fail; each of them ends the server, and a supervisor starts it
+// again. Any other is a finding, and so is one of these where nothing of its kind has happened.
 #include <string_view>
 
 #include "../../src/fbserver/command.h"
@@ -82,11 +82,6 @@ const RequiredAbort *find_required(const FailedAssertion &failed)
 }
 
 } // namespace
-
-bool is_required_abort(const FailedAssertion &failed)
-{
-    return find_required(failed) != nullptr;
-}
 
 bool may_abort(const Action &a, const FailedAssertion &failed)
 {

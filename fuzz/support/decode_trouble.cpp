@@ -158,10 +158,9 @@ void decode_surroundings(Decoder &d, uint8_t kinds)
 
 void decode_trouble(Decoder &d)
 {
-    static const Trouble::Kind kinds[] = {Trouble::NO_MEMORY,    Trouble::NO_MEMORY, Trouble::NO_MEMORY,
-                                          Trouble::NO_MAPPING,   Trouble::SHORTER,   Trouble::SHORTER,
-                                          Trouble::NO_UNMAPPING, Trouble::NO_OBJECT, Trouble::NO_DEVICE,
-                                          Trouble::NO_CONTROL};
+    static const Trouble::Kind kinds[] = {
+        Trouble::NO_MEMORY, Trouble::NO_MEMORY,    Trouble::NO_MEMORY, Trouble::NO_MAPPING, Trouble::SHORTER,
+        Trouble::SHORTER,   Trouble::NO_UNMAPPING, Trouble::NO_OBJECT, Trouble::NO_DEVICE,  Trouble::NO_CONTROL};
     const uint8_t kind = d.in.byte();
     if (kind < 224) {
         d.trouble.kind = kinds[kind % 10];

@@ -40,7 +40,8 @@ struct Printed {
 };
 extern Printed fuzz_printed;
 
-// What becomes of what the server prints: kept, or refused for now (the reader does not read), or for good (it is gone).
+// What becomes of what the server prints: kept, or refused for now (the reader does not read), or for good (it is
+// gone).
 enum class Readers : uint8_t { READ, STUCK, GONE };
 extern Readers fuzz_readers;
 

@@ -51,9 +51,9 @@ void draw(const FakeDevice &device, uint32_t seed)
 
 void panel_open(const DeviceForm forms[2], bool other_names)
 {
-    panel.reset(new Panel{FakeDevice(other_names ? "/dev/vc/0" : "/dev/tty0"),
-                          {FakeDevice(other_names ? "/dev/fb/0" : "/dev/fb0"),
-                           FakeDevice(other_names ? "/dev/fb/2" : "/dev/fb2")}});
+    panel.reset(new Panel{
+        FakeDevice(other_names ? "/dev/vc/0" : "/dev/tty0"),
+        {FakeDevice(other_names ? "/dev/fb/0" : "/dev/fb0"), FakeDevice(other_names ? "/dev/fb/2" : "/dev/fb2")}});
     fake_device_fails = fails;
     panel->outputs[1].has_layer = true;
     for (int i = 0; i < 2; i++) {

@@ -30,9 +30,7 @@ struct Stage {
 
 // PFB_FUZZ_PRINT=1: print what the clients do.
 bool fuzz_prints();
-// True when clients can make this assertion fail, known by expression, file and function.
-bool is_required_abort(const FailedAssertion &failed);
-// The same, and this action may do it.
+// True when this action can make this assertion fail, which is known by expression, file and function.
 bool may_abort(const Action &a, const FailedAssertion &failed);
 
 void session_play(const uint8_t *data, size_t size, const Stage &stage);

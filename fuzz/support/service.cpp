@@ -1,243 +1,21 @@
 // SPDX-License-Identifier: MIT
+// The clients, and the service from start to end.
 #include "service.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <glib.h>
 #include <memory>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-#include <vector>
 
-#include "../../src/libmc/factory.h"
-#include "../../src/libmc/log.h"
 #include "../../src/libmc/wire.h"
 #include "../../tests/support/failing_memory.h"
-
-// The names that the linker looks for (--wrap).
-int fuzz_accept4(int fd, sockaddr *address, socklen_t *size, int flags) asm("__wrap_accept4");
-int real_accept4(int fd, sockaddr *address, socklen_t *size, int flags) asm("__real_accept4");
-int fuzz_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *timeout) asm("__wrap_recvmmsg");
-int real_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *timeout) asm("__real_recvmmsg");
-ssize_t fuzz_sendmsg(int fd, const msghdr *message, int flags) asm("__wrap_sendmsg");
-ssize_t real_sendmsg(int fd, const msghdr *message, int flags) asm("__real_sendmsg");
-gint64 fuzz_get_monotonic_time() asm("__wrap_g_get_monotonic_time");
-gint64 real_get_monotonic_time() asm("__real_g_get_monotonic_time");
+#include "service_state.h"
 
 namespace {
 
-constexpr int SLOTS = 6;
 constexpr int MOST_STEPS = 80;
-constexpr int MOST_TURNS = 400; // until nothing is ready any more
 
 using Packet = std::unique_ptr<mc_packet, decltype(&mc_packet_free)>;
-
-struct Client {
-    int fd = -1;         // the client's end
-    std::string address; // of that end, by which the service's end knows it
-    mc_connection *connection = nullptr;
-    bool told = false; // the service knows of it
-    bool gone = false; // the service was told that it hung up
-};
-
-// A system call that fails, some calls from now.
-struct Refusal {
-    int calls_left, times, error;
-};
-
-struct Service {
-    mc_factory *factory = nullptr;
-    sockaddr_un address{};
-    socklen_t address_size = 0;
-    std::vector<std::unique_ptr<Client>> clients; // all that have ever connected
-    Client *slots[SLOTS] = {};
-    Refusal accepting{}, receiving{}, sending{};
-    gint64 clock_ahead = 0; // microseconds that the service's clock differs from the main loop's
-    bool in_handler = false;
-};
-
-Service *service;
-
-bool is_refused(Refusal Service::*which)
-{
-    if (service == nullptr)
-        return false;
-    Refusal &refusal = service->*which;
-    if (refusal.times == 0 || --refusal.calls_left > 0)
-        return false;
-    refusal.times--;
-    errno = refusal.error;
-    return true;
-}
-
-[[noreturn]] void no_socket(const char *what)
-{
-    perror(what);
-    exit(2); // the machine's fault, not a finding
-}
-
-// ---- the service's side ----
-
-Client &client_of(const mc_connection *connection)
-{
-    for (const auto &client : service->clients) {
-        if (client->connection == connection)
-            return *client;
-    }
-    fuzz_finding("a handler was called for a connection that is gone");
-}
-
-std::string address_of(const sockaddr_un &address, socklen_t size)
-{
-    const auto *bytes = reinterpret_cast<const char *>(&address);
-    return {bytes, size};
-}
-
-// Who is at the other end of a connection that has just been made known.
-Client &newcomer(const mc_connection *connection)
-{
-    sockaddr_un address{};
-    socklen_t size = sizeof address;
-    if (getpeername(mc_fd(connection), reinterpret_cast<sockaddr *>(&address), &size) == 0) {
-        for (const auto &client : service->clients) {
-            if (client->address == address_of(address, size))
-                return *client;
-        }
-    }
-    fuzz_finding("a connection comes from nobody");
-}
-
-void forget(Client &client)
-{
-    client.connection = nullptr;
-}
-
-void expect_end(const mc_connection *connection)
-{
-    Client &client = client_of(connection);
-    if (client.gone)
-        fuzz_finding("a client has hung up twice");
-    if (mc_fd(connection) >= 0)
-        fuzz_finding("a client has gone, and its socket is open");
-    client.gone = true;
-}
-
-int note_hangup(mc_connection *connection)
-{
-    expect_end(connection);
-    forget(client_of(connection));
-    return mc_close(connection);
-}
-
-// A handler that leaves the closing to somebody else.
-int leave_open(mc_connection *connection)
-{
-    expect_end(connection);
-    return 0;
-}
-
-void close_other(const Client &client)
-{
-    for (const auto &other : service->clients) {
-        if (other.get() == &client || other->connection == nullptr)
-            continue;
-        mc_connection *connection = other->connection;
-        forget(*other);
-        mc_close(connection);
-        return;
-    }
-}
-
-mc_packet *note_request(mc_connection *connection, mc_packet *request)
-{
-    Client &client = client_of(connection);
-    const std::string word = mc_packet_command(request);
-    if (!client.told || client.gone)
-        fuzz_finding("a request before the greeting or after the end");
-    if (word == "x") { // the handler ends its own connection
-        forget(client);
-        mc_close(connection);
-    } else if (word == "o") { // or another one
-        close_other(client);
-    } else if (word == "l" && !service->in_handler) { // a handler that runs the main loop
-        service->in_handler = true;
-        g_main_context_iteration(nullptr, FALSE);
-        service->in_handler = false;
-    } else if (word == "r") { // not a reply
-        return mc_packet_new_command("r");
-    } else if (word == "xx") {
-        return nullptr;
-    }
-    mc_packet *reply = mc_packet_new(0);
-    if (reply != nullptr)
-        mc_packet_build_args(reply, "s", word.c_str());
-    return reply;
-}
-
-void set_handlers(mc_connection *connection)
-{
-    const std::string name = mc_connection_name(connection);
-    mc_set_hup_handler(connection, name == "stays" ? leave_open : note_hangup, nullptr);
-    mc_set_handler(connection, "", note_request, nullptr);
-    mc_set_handler(connection, "echo", nullptr, nullptr);
-    mc_set_handler(connection, "echo", note_request, nullptr);
-    mc_set_handler(connection, "echo", note_request, nullptr);
-    if (name == "stays")
-        mc_set_handler(connection, "", nullptr, nullptr);
-    if (name != "later")
-        mc_glib_init(connection);
-}
-
-void note_connection(mc_factory *, mc_connection *connection, void *)
-{
-    Client &client = newcomer(connection);
-    if (client.told)
-        fuzz_finding("a client was announced twice");
-    client.told = true;
-    if (strcmp(mc_connection_name(connection), "refused") == 0) {
-        mc_close(connection);
-        return;
-    }
-    client.connection = connection;
-    set_handlers(connection);
-}
-
-// A line is one line, whatever a client called itself.
-void note_line(const char *line)
-{
-    if (strlen(line) >= libmc::LOG_LINE_MAX)
-        fuzz_finding("a line of the log is too long");
-    for (const char *at = line; *at != '\0'; at++) {
-        if (static_cast<unsigned char>(*at) < ' ' || *at == '\x7f')
-            fuzz_finding("byte %02x in a line of the log", static_cast<unsigned>(*at));
-    }
-}
-
-void check_counts()
-{
-    unsigned open = 0, ungreeted = 0;
-    for (const mc_connection *c = service->factory->connections; c != nullptr; c = c->next) {
-        open++;
-        ungreeted += !c->greeted;
-    }
-    const mc_factory &factory = *service->factory;
-    if (open != factory.n_connections || ungreeted != factory.n_ungreeted)
-        fuzz_finding("%u connections are counted, %u without a greeting; there are %u and %u", factory.n_connections,
-                     factory.n_ungreeted, open, ungreeted);
-    if (open > factory.limits.connections || ungreeted > factory.limits.ungreeted)
-        fuzz_finding("%u connections, %u without a greeting: more than allowed", open, ungreeted);
-}
-
-void turn()
-{
-    for (int i = 0; g_main_context_iteration(nullptr, FALSE); i++) {
-        if (i == MOST_TURNS)
-            fuzz_finding("the main loop does not come to rest");
-    }
-    allocation_failed(); // from now on none fails any more
-}
 
 // ---- the clients' side ----
 
@@ -247,7 +25,7 @@ int packet_socket()
     const sockaddr_un any{AF_UNIX, ""};
     // A name of the kernel's choice, without a file.
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&any), sizeof any.sun_family) != 0)
-        no_socket("socket");
+        service_no_socket("socket");
     return fd;
 }
 
@@ -270,7 +48,7 @@ void connect_client(Client *&slot)
     sockaddr_un own{};
     socklen_t size = sizeof own;
     getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size);
-    client.address = address_of(own, size);
+    client.address = service_address_of(own, size);
 }
 
 // One that is handed to the service, without a greeting.
@@ -279,7 +57,7 @@ void hand_over_client(Client *&slot, FuzzInput &in)
     static const char *const names[] = {"stays", "later", "plain", "\x1b\n\"\\"};
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends) != 0)
-        no_socket("socketpair");
+        service_no_socket("socketpair");
     mc_connection *connection = mc_connection_new(ends[1], names[in.below(4)]);
     if (connection == nullptr) {
         close(ends[0]);
@@ -290,7 +68,7 @@ void hand_over_client(Client *&slot, FuzzInput &in)
     client.fd = ends[0];
     client.told = true;
     client.connection = connection;
-    set_handlers(connection);
+    service_set_handlers(connection);
 }
 
 void send_bytes(const Client *client, const std::string &bytes)
@@ -345,9 +123,7 @@ void refuse_calls(FuzzInput &in)
         service->clock_ahead = kind % 2 ? -5 * G_USEC_PER_SEC : service->clock_ahead + 5 * G_USEC_PER_SEC;
         return;
     }
-    Refusal &refusal = kind < 128   ? service->accepting
-                       : kind < 192 ? service->receiving
-                                    : service->sending;
+    Refusal &refusal = kind < 128 ? service->accepting : kind < 192 ? service->receiving : service->sending;
     refusal = {1 + in.below(6), 1 + in.below(3), errors[kind % 9]};
 }
 
@@ -393,7 +169,7 @@ void any_step(FuzzInput &in, int kind, Client *&slot)
         break;
     case 12:
         fail_allocation(ANY_ALLOCATION, 1 + in.below(8));
-        turn();
+        service_turn();
         break;
     case 13:
         if (slot != nullptr && slot->connection != nullptr && !slot->gone)
@@ -403,15 +179,15 @@ void any_step(FuzzInput &in, int kind, Client *&slot)
         flood(slot, in);
         break;
     default:
-        turn();
+        service_turn();
     }
 }
 
 void step(FuzzInput &in)
 {
-    check_counts();
+    service_check();
     const uint8_t head = in.byte();
-    any_step(in, head % 16, service->slots[head / 16 % SLOTS]);
+    any_step(in, head % 16, service->slots[head / 16 % Service::SLOTS]);
 }
 
 // ---- from start to end ----
@@ -429,14 +205,14 @@ bool open_service(FuzzInput &in)
     service->address_size = sizeof service->address;
     getsockname(fd, reinterpret_cast<sockaddr *>(&service->address), &service->address_size);
     if (listen(fd, 8) != 0)
-        no_socket("listen");
+        service_no_socket("listen");
     const bool is_odd = in.chance(8);
     setenv("LISTEN_PID", is_odd && in.chance(128) ? "1x" : std::to_string(getpid()).c_str(), 1);
     setenv("LISTEN_FDS", is_odd ? odd_count(in) : std::to_string(fd - STDERR_FILENO).c_str(), 1);
     const bool may_fail = is_odd || in.chance(8);
     if (may_fail)
         fail_allocation(ANY_ALLOCATION, 1 + in.below(4));
-    service->factory = mc_factory_open("fuzz", note_connection, nullptr, nullptr);
+    service->factory = mc_factory_open("fuzz", service_note_connection, nullptr, nullptr);
     allocation_failed();
     if (service->factory == nullptr) {
         close(fd);
@@ -454,10 +230,10 @@ void close_service()
     for (Client *&slot : service->slots)
         hang_up(slot);
     service->accepting = service->receiving = service->sending = {};
-    turn();
-    check_counts();
+    service_turn();
+    service_check();
     mc_factory_close(service->factory);
-    turn();
+    service_turn();
 }
 
 // Of no factory's, or never attached: nobody else closes them.
@@ -470,26 +246,6 @@ void close_handed_over()
 }
 
 } // namespace
-
-int fuzz_accept4(int fd, sockaddr *address, socklen_t *size, int flags)
-{
-    return is_refused(&Service::accepting) ? -1 : real_accept4(fd, address, size, flags);
-}
-
-int fuzz_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *timeout)
-{
-    return is_refused(&Service::receiving) ? -1 : real_recvmmsg(fd, messages, n, flags, timeout);
-}
-
-ssize_t fuzz_sendmsg(int fd, const msghdr *message, int flags)
-{
-    return is_refused(&Service::sending) ? -1 : real_sendmsg(fd, message, flags);
-}
-
-gint64 fuzz_get_monotonic_time()
-{
-    return real_get_monotonic_time() + (service != nullptr ? service->clock_ahead : 0);
-}
 
 std::string service_request(FuzzInput &in)
 {
@@ -515,7 +271,7 @@ void service_play(FuzzInput in)
 {
     Service here;
     service = &here;
-    mc_set_log(note_line);
+    mc_set_log(service_note_line);
     setenv("MC_RUNTIME_DIR", "/nowhere", 1); // a service that is not handed its socket cannot be opened
     const bool is_open = open_service(in);
     for (int i = 0; is_open && i < MOST_STEPS && !in.empty(); i++)

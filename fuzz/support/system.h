@@ -40,7 +40,7 @@ struct SharedObject {
 struct System {
     std::map<std::string, SharedObject> objects; // by name
     Trouble trouble;
-    bool struck = false; // the trouble has happened
+    bool struck = false;         // the trouble has happened
     bool memory_refused = false; // an allocation has failed in this session
     // Of the running action: no object of that name could be opened, or its memory not be mapped.
     bool object_refused = false;
