@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "panel.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -88,8 +89,13 @@ void panel_describe(int device, const DeviceForm &form)
     output.var = form.var;
 }
 
-bool panel_has_refused()
+Opening panel_opening()
 {
-    take_opened_paths();
-    return panel->has_refused;
+    const auto is_there = [](const std::string &path) {
+        return path == panel->console.path || path == panel->outputs[0].path || path == panel->outputs[1].path;
+    };
+    const std::vector<std::string> paths = take_opened_paths();
+    if (panel->has_refused)
+        return Opening::REFUSED;
+    return std::all_of(paths.begin(), paths.end(), is_there) ? Opening::FINE : Opening::MISSING;
 }

@@ -11,5 +11,7 @@ void panel_open(const DeviceForm forms[2], bool other_names);
 void panel_close(bool released);
 void panel_toggle(int device); // its next openings fail at a request, or work again
 void panel_describe(int device, const DeviceForm &form);
-// True when the server has tried to open a device that it could not have.
-bool panel_has_refused();
+// What came of the devices that the server has tried to open since this was asked last: all could be had, some were
+// not there (it may go on by another name), or one was there and could not be had (it has to end).
+enum class Opening { FINE, MISSING, REFUSED };
+Opening panel_opening();
