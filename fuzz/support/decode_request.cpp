@@ -13,6 +13,7 @@ constexpr int64_t MOST_SCALED_BYTES = 1 << 18;
 constexpr int64_t MOST_HOSTILE_SCALED_BYTES = 1 << 21;
 constexpr uint32_t MOST_OBJECT_BYTES = 1 << 18;
 constexpr size_t MOST_OBJECTS = 24;
+constexpr int32_t MOST_MAPPED_BYTES = 1 << 28;
 
 // ---- values ----
 
@@ -106,6 +107,14 @@ int32_t stride(FuzzInput &in, int64_t row)
     if (kind < 208)
         return model::wrap(row + kind % 16);
     return number(in, 200);
+}
+
+// A machine of 32 bits may not have the addresses for more, which the model does not know.
+int32_t mappable(const Decoder &d, int32_t pitch, int32_t h)
+{
+    if (d.hostile || model::wrap(int64_t{pitch} * h) <= MOST_MAPPED_BYTES)
+        return pitch;
+    return h <= MOST_MAPPED_BYTES ? 1 : 0;
 }
 
 uint32_t object_size(FuzzInput &in, int64_t bytes)
@@ -249,7 +258,7 @@ Action decode_create(Decoder &d, int slot)
     const int32_t y = kinds & 8 ? number(in, screen_h(d)) : 0;
     const int32_t w = kinds & 16 ? number(in, screen_w(d)) : screen_w(d);
     const int32_t h = kinds & 16 ? number(in, screen_h(d)) : screen_h(d);
-    const int32_t pitch = stride(in, int64_t{w} * (depth == 16 ? 2 : 4));
+    const int32_t pitch = mappable(d, stride(in, int64_t{w} * (depth == 16 ? 2 : 4)), h);
     const int32_t level = kinds & 32 ? number(in, 4) : 0;
     const int32_t alpha = kinds & 64 ? 0 : kinds & 128 ? 2 : 1;
     Action a;
