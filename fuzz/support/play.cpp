@@ -87,7 +87,9 @@ model::Reply server_do(const Action &a, const std::string &object, const Trouble
     return {};
 }
 
-void client_do(const Action &a, const std::string &name)
+// Memory that grows again is for the hostile alone: what the server has seen missing stays zero, and the model does not
+// know what it has seen.
+void client_do(const Action &a, const std::string &name, bool hostile)
 {
     if (a.makes)
         system_make_object(name, a.size, a.style, a.seed);
@@ -96,7 +98,7 @@ void client_do(const Action &a, const std::string &name)
         return;
     if (a.kind == Action::DRAW)
         system_draw(object->second, a.style, a.seed);
-    else if (a.kind == Action::TRUNCATE)
+    else if (a.kind == Action::TRUNCATE && (hostile || a.size < object->second.memory.size))
         system_resize(object->second, a.size);
 }
 
@@ -148,7 +150,7 @@ void check_list()
 bool play_action(const Action &a, const Trouble &trouble, const Stage &stage)
 {
     const std::string object = a.object != 0 ? "/" + std::to_string(a.object) : "";
-    client_do(a, object);
+    client_do(a, object, stage.hostile);
     if (a.kind == Action::TOGGLE_DEVICE)
         stage.toggle(a.device);
     stage.expect(a, object);
