@@ -1,52 +1,20 @@
 // SPDX-License-Identifier: MIT
-// Converters, the rows of libxc under them, and image_render, beside the plain per-pixel rules. Buffers lie flush
-// against inaccessible pages, at every alignment that a pixel may have.
+// Kernels, converters, the rows of libxc under them, and image_render, beside the plain per-pixel rules, in every set
+// of kernels that the processor has.
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 #include "../src/composite/composite.h"
+#include "../src/kernels/kernels.h"
 #include "../src/render/render.h"
 #include "../tests/support/converter_oracle.h"
-#include "../tests/support/guarded_buffer.h"
-#include "../tests/support/history/history.h"
+#include "support/buffer.h"
 #include "support/fuzz.h"
+#include "support/kernel.h"
 
 namespace {
-
-constexpr uint8_t AROUND = 0xC5;
-
-// Bytes with nothing accessible, or known bytes, around them.
-struct Buffer {
-    GuardedBuffer memory;
-    size_t size;
-
-    Buffer(size_t bytes, FuzzInput &in, size_t unit) : Buffer(bytes, in, unit, in.chance(96)) {}
-    Buffer(size_t bytes, FuzzInput &in, size_t unit, bool at_start)
-        : memory(bytes, at_start ? GuardedBuffer::AT_START : GuardedBuffer::AT_END,
-                 (at_start ? 0 : pixel_gap(bytes)) + unit * static_cast<size_t>(in.below(8))),
-          size(bytes)
-    {
-        std::fill(memory.all().begin(), memory.all().end(), AROUND);
-        const uint8_t style = in.byte();
-        history_draw(data(), size, style % 4, style);
-    }
-    uint8_t *data() const { return memory.data(); }
-    std::vector<uint8_t> bytes() const { return {data(), data() + size}; }
-
-    void check(const std::vector<uint8_t> &expected, const char *what) const
-    {
-        for (size_t i = 0; i < size; i++) {
-            if (data()[i] != expected[i])
-                fuzz_finding("%s: byte %zu is %02x instead of %02x", what, i, data()[i], expected[i]);
-        }
-        for (const uint8_t &byte : memory.all()) {
-            if ((&byte < data() || &byte >= data() + size) && byte != AROUND)
-                fuzz_finding("%s: wrote at byte %td", what, &byte - data());
-        }
-    }
-};
 
 int32_t small(FuzzInput &in)
 {
@@ -297,8 +265,12 @@ void one_rendering(FuzzInput &in)
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput in{data, data + size};
-    const int kind = in.below(4);
-    if (kind == 0)
+    const KernelList sets = kernels_available();
+    kernels = sets.sets[size % static_cast<size_t>(sets.count)]; // any, but the same each time
+    const int kind = in.below(6);
+    if (kind >= 4)
+        one_kernel(in);
+    else if (kind == 0)
         one_converter(in);
     else if (kind == 1)
         one_row(in);

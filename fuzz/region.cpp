@@ -7,7 +7,9 @@
 #include <climits>
 #include <vector>
 
+#include "../src/base/output.h"
 #include "../src/region/region.h"
+#include "../tests/support/failing_memory.h"
 #include "support/fuzz.h"
 
 namespace {
@@ -54,10 +56,13 @@ int cell_of(int32_t value)
 // A rectangle as it is meant: every cell that begins inside it. Its edges may lie beyond the plane.
 Bitmap bitmap_of(const Rect &rect)
 {
+    std::bitset<CELLS> row;
+    for (size_t x = 0; x < CELLS; x++)
+        row[x] = EDGES[x] >= rect.x1 && EDGES[x] < rect.x2;
     Bitmap bitmap;
     for (size_t y = 0; y < CELLS; y++) {
-        for (size_t x = 0; x < CELLS; x++)
-            bitmap[y][x] = EDGES[x] >= rect.x1 && EDGES[x] < rect.x2 && EDGES[y] >= rect.y1 && EDGES[y] < rect.y2;
+        if (EDGES[y] >= rect.y1 && EDGES[y] < rect.y2)
+            bitmap[y] = row;
     }
     return bitmap;
 }
@@ -72,16 +77,17 @@ Bitmap combine(const Bitmap &a, const Bitmap &b, int how)
 
 Bitmap moved(const Bitmap &bitmap, int32_t dx, int32_t dy)
 {
+    auto origin = [](int32_t to, int32_t by) {
+        return cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{to} - by, INT_MIN, INT_MAX)));
+    };
+    std::array<int, CELLS> columns; // where each column comes from
+    for (size_t x = 0; x < CELLS; x++)
+        columns[x] = origin(EDGES[x], dx);
     Bitmap result;
     for (size_t y = 0; y < CELLS; y++) {
-        for (size_t x = 0; x < CELLS; x++) {
-            const int from_x =
-                cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[x]} - dx, INT_MIN, INT_MAX)));
-            const int from_y =
-                cell_of(static_cast<int32_t>(std::clamp<int64_t>(int64_t{EDGES[y]} - dy, INT_MIN, INT_MAX)));
-            result[y][x] =
-                from_x >= 0 && from_y >= 0 && bitmap[static_cast<size_t>(from_y)][static_cast<size_t>(from_x)];
-        }
+        const int row = origin(EDGES[y], dy);
+        for (size_t x = 0; row >= 0 && x < CELLS; x++)
+            result[y][x] = columns[x] >= 0 && bitmap[static_cast<size_t>(row)][static_cast<size_t>(columns[x])];
     }
     return result;
 }
@@ -225,6 +231,20 @@ void remake(State &s, FuzzInput &in, int to)
     s.bitmaps[to] = bitmap_of({box.x1, box.y1, box.x2, box.y2});
 }
 
+// Through a region of its own storage, which may not be had: it is empty then.
+void pass_on(State &s, FuzzInput &in, int to)
+{
+    const Rect rect = rectangle(in);
+    const Box box = region_box(rect);
+    fail_allocation(MALLOC, in.chance(32) ? 1 : 2);
+    Region *region = region_new_with_rect(&box);
+    const bool failed = allocation_failed();
+    region_print(region);
+    region_copy(&s.regions[to], region);
+    pixman_region_destroy(region);
+    s.bitmaps[to] = failed ? Bitmap{} : bitmap_of({box.x1, box.y1, box.x2, box.y2});
+}
+
 void compare_containment(const State &s, FuzzInput &in, int which)
 {
     const Rect rect = rectangle(in);
@@ -289,8 +309,10 @@ void step(State &s, FuzzInput &in)
         break;
     case 11:
     case 12:
-    case 13:
         translate(s, in, to);
+        break;
+    case 13:
+        pass_on(s, in, to);
         break;
     case 14:
         remake(s, in, to);
@@ -313,5 +335,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         step(s, in);
     for (Region &region : s.regions)
         region_uninit(&region);
+    out_flush();
+    fuzz_printed = {};
     return 0;
 }

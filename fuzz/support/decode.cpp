@@ -3,264 +3,10 @@
 
 #include <algorithm>
 
-using model::Argument;
+#include "decode_request.h"
+#include "decode_trouble.h"
 
 namespace {
-
-constexpr int64_t MOST_SCALED_BYTES = 1 << 18;
-constexpr uint32_t MOST_OBJECT_BYTES = 1 << 18;
-constexpr size_t MOST_OBJECTS = 24;
-
-// ---- values ----
-
-int32_t extreme(FuzzInput &in)
-{
-    static const int32_t values[] = {INT32_MIN, INT32_MIN + 1, INT32_MAX, INT32_MAX - 20, 0,     -1,     1,     32767,
-                                     32768,     -32768,        -32769,    65535,          65536, 100000, 40000, -40000};
-    return values[in.below(16)];
-}
-
-// A place or a length along something that is `size` long.
-int32_t number(FuzzInput &in, int32_t size)
-{
-    const uint8_t kind = in.byte();
-    const int32_t whole = std::clamp(size, 1, 200);
-    if (kind < 128)
-        return kind % whole + 1;
-    if (kind < 176)
-        return kind - 128 - 20;
-    if (kind < 208)
-        return whole + kind - 192;
-    if (kind < 224)
-        return extreme(in);
-    if (kind < 232)
-        return static_cast<int16_t>(in.half());
-    if (kind < 240)
-        return static_cast<int32_t>(in.word());
-    return kind < 248 ? 0 : whole;
-}
-
-Argument as_number(int32_t value)
-{
-    return {'i', value, {}};
-}
-
-Argument as_text(const std::string &value)
-{
-    return {'s', 0, value};
-}
-
-int32_t screen_w(const Decoder &d)
-{
-    return d.config.requested_w > 0 ? d.config.requested_w : d.config.primary.width;
-}
-
-int32_t screen_h(const Decoder &d)
-{
-    return d.config.requested_h > 0 ? d.config.requested_h : d.config.primary.height;
-}
-
-std::vector<Argument> screen_rectangle(Decoder &d)
-{
-    std::vector<Argument> values;
-    for (int i = 0; i < 4; i++)
-        values.push_back(as_number(number(d.in, i % 2 ? screen_h(d) : screen_w(d))));
-    return values;
-}
-
-std::vector<Argument> surface_rectangle(Decoder &d, int slot)
-{
-    if (d.in.chance(64))
-        return {as_number(0), as_number(0), as_number(d.slots[slot].w), as_number(d.slots[slot].h)};
-    std::vector<Argument> values;
-    for (int i = 0; i < 4; i++)
-        values.push_back(as_number(number(d.in, i % 2 ? d.slots[slot].h : d.slots[slot].w)));
-    return values;
-}
-
-// ---- requests ----
-
-const char *const NAMES[] = {"fb",  "fb2",    "fb.a", "fb2.a", "menu", "x",    "x.a",    "",
-                             "...", "..fb2.", "x..b", "fb20",  ".x",   "fb2.", "a\nb%s", "xx"};
-
-std::string long_name()
-{
-    return std::string(MC_NAME_MAX, 'n');
-}
-
-int32_t rotation(FuzzInput &in)
-{
-    static const int32_t angles[] = {0, 90, 270, 0, 90, 270, 180, 45};
-    const uint8_t kind = in.byte();
-    return kind < 192 ? 0 : kind < 254 ? angles[kind % 8] : static_cast<int32_t>(in.word());
-}
-
-int32_t stride(FuzzInput &in, int64_t row)
-{
-    const uint8_t kind = in.byte();
-    if (kind < 160)
-        return model::wrap(row);
-    if (kind < 208)
-        return model::wrap(row + kind % 16);
-    return number(in, 200);
-}
-
-uint32_t object_size(FuzzInput &in, int64_t bytes)
-{
-    bytes = std::clamp<int64_t>(bytes, 0, MOST_OBJECT_BYTES);
-    const uint8_t kind = in.byte();
-    if (kind < 192)
-        return static_cast<uint32_t>(bytes);
-    if (kind < 224)
-        return static_cast<uint32_t>(bytes + in.half() % 600);
-    return static_cast<uint32_t>(in.word() % static_cast<uint32_t>(bytes + 1));
-}
-
-Action create(Decoder &d, int slot)
-{
-    static const int32_t depths[] = {32, 32, 32, 16, 16, 18, 18, 24};
-    FuzzInput &in = d.in;
-    const uint8_t kinds = in.byte();
-    const int32_t depth = depths[kinds % 8];
-    const int32_t x = kinds & 8 ? number(in, screen_w(d)) : 0;
-    const int32_t y = kinds & 8 ? number(in, screen_h(d)) : 0;
-    const int32_t w = kinds & 16 ? number(in, screen_w(d)) : screen_w(d);
-    const int32_t h = kinds & 16 ? number(in, screen_h(d)) : screen_h(d);
-    const int32_t pitch = stride(in, int64_t{w} * (depth == 16 ? 2 : 4));
-    const int32_t level = kinds & 32 ? number(in, 4) : 0;
-    const int32_t alpha = kinds & 64 ? 0 : kinds & 128 ? 2 : 1;
-    Action a;
-    a.word = "create";
-    a.arguments = {as_number(alpha), as_number(in.chance(4) ? number(in, 32) : depth),
-                   as_number(x),     as_number(y),
-                   as_number(w),     as_number(h),
-                   as_number(pitch), as_number(level)};
-    a.arguments.push_back(as_number(rotation(in)));
-    a.arguments.push_back(as_text("#"));
-    const uint8_t object = in.byte();
-    if (object < 248 && d.objects.size() < MOST_OBJECTS) {
-        a.object = d.next_object++;
-        a.makes = true;
-        a.size = object_size(in, model::wrap(int64_t{pitch} * h));
-        a.seed = in.byte();
-        a.style = static_cast<int>(a.seed % 4);
-        d.objects.push_back({a.object, a.size});
-    } else if (object < 252 && !d.objects.empty()) { // a name that the server has taken, or refused
-        a.object = d.objects.back().number;
-    } else {
-        a.arguments.back().text = object % 2 ? "" : "/nothing";
-    }
-    d.slots[slot].w = w;
-    d.slots[slot].h = h;
-    return a;
-}
-
-// The bytes that the scaled image takes; a server of this size is busy for a while, but not wrong.
-bool is_too_large(const std::vector<Argument> &scale)
-{
-    const int64_t pixels = int64_t{scale[6].number} * scale[7].number;
-    const bool has_sizes = scale[6].number > 0 && scale[7].number > 0;
-    return has_sizes && pixels > MOST_SCALED_BYTES / 4 && pixels <= INT32_MAX / 2;
-}
-
-std::vector<Argument> scale_arguments(Decoder &d, int slot)
-{
-    std::vector<Argument> values = surface_rectangle(d, slot);
-    const std::vector<Argument> target = screen_rectangle(d);
-    values.insert(values.end(), target.begin(), target.end());
-    if (is_too_large(values))
-        values[6] = values[7] = as_number(1);
-    return values;
-}
-
-std::vector<Argument> color(Decoder &d, int)
-{
-    static const uint32_t colors[] = {0xFFFFFFFF, 0x80FFFFFF, 0x00FFFFFF, 0xFF204060, 0xFF000000, 0x80102030};
-    const uint8_t kind = d.in.byte();
-    return {as_number(static_cast<int32_t>(kind < 192 ? colors[kind % 6] : d.in.word()))};
-}
-
-std::vector<Argument> no_arguments(Decoder &, int)
-{
-    return {};
-}
-
-template <int32_t size> std::vector<Argument> one_number(Decoder &d, int)
-{
-    return {as_number(number(d.in, size))};
-}
-
-std::vector<Argument> on_or_off(Decoder &d, int)
-{
-    return {as_number(d.in.byte() & 1)};
-}
-
-std::vector<Argument> place(Decoder &d, int)
-{
-    return {as_number(number(d.in, screen_w(d))), as_number(number(d.in, screen_h(d)))};
-}
-
-std::vector<Argument> size_of_surface(Decoder &d, int slot)
-{
-    return {as_number(number(d.in, d.slots[slot].w)), as_number(number(d.in, d.slots[slot].h))};
-}
-
-std::vector<Argument> name(Decoder &d, int)
-{
-    const int which = d.in.below(17);
-    return {as_text(which < 16 ? NAMES[which] : long_name())};
-}
-
-std::vector<Argument> any_rectangle(Decoder &d, int)
-{
-    return screen_rectangle(d);
-}
-
-struct Word {
-    const char *word;
-    std::vector<Argument> (*arguments)(Decoder &d, int slot);
-};
-
-// Some more than once: they come more often.
-const Word WORDS[] = {
-    {"show", no_arguments},
-    {"show", no_arguments},
-    {"dirty", surface_rectangle},
-    {"dirty", surface_rectangle},
-    {"move", place},
-    {"move", place},
-    {"hide", no_arguments},
-    {"resize", size_of_surface},
-    {"set_layer", one_number<4>},
-    {"opaque_area", surface_rectangle},
-    {"color_plane", color},
-    {"set_clip", any_rectangle},
-    {"set_clip", any_rectangle},
-    {"set_scale", scale_arguments},
-    {"set_scale", scale_arguments},
-    {"set_surface", name},
-    {"set_sync", on_or_off},
-    {"lock_area", surface_rectangle},
-    {"unlock", no_arguments},
-    {"block_until_unlock", no_arguments},
-    {"status", no_arguments},
-    {"get_native_color_depth", no_arguments},
-    {"set_color_format", one_number<8>},
-    {"no_such_word", any_rectangle},
-};
-
-void spoil(FuzzInput &in, std::vector<Argument> &arguments)
-{
-    const uint8_t kind = in.byte();
-    if (kind < 8 && !arguments.empty())
-        arguments.resize(kind % arguments.size());
-    else if (kind < 12 && !arguments.empty())
-        arguments[kind % arguments.size()] = as_text("7");
-    else if (kind < 16)
-        arguments.push_back(as_number(7));
-}
-
-// ---- other actions ----
 
 Action connect_or_hang_up(Decoder &d, int slot)
 {
@@ -273,7 +19,7 @@ Action connect_or_hang_up(Decoder &d, int slot)
     }
     a.kind = Action::CONNECT;
     a.client = d.next_client++;
-    a.word = name(d, slot)[0].text;
+    a.word = decode_name(d);
     d.slots[slot] = {a.client, 8, 8};
     return a;
 }
@@ -305,20 +51,26 @@ Action next_of_burst(Decoder &d)
 {
     auto &burst = d.burst;
     burst.left--;
+    if (burst.is_troubled && burst.left % 32 == 3)
+        d.trouble.kind = Trouble::NO_MEMORY;
     Action a;
     a.kind = Action::REQUEST;
     a.client = burst.client;
     a.word = "dirty";
-    a.arguments = {as_number(burst.random.below(burst.w)), as_number(burst.random.below(burst.h)),
-                   as_number(burst.random.between(1, 2)), as_number(burst.random.between(1, 2))};
+    for (int i = 0; i < 4; i++) {
+        const int value = i < 2 ? burst.random.below(i == 0 ? burst.w : burst.h) : burst.random.between(1, 2);
+        a.arguments.push_back({'i', value, {}});
+    }
     return a;
 }
 
 Action start_burst(Decoder &d, int slot)
 {
     const auto &client = d.slots[slot];
-    d.burst = {client.client, 64 + d.in.byte() / 2, std::clamp(client.w, 1, 200), std::clamp(client.h, 1, 200), {}};
+    d.burst = {
+        client.client, 64 + d.in.byte() / 2, std::clamp(client.w, 1, 200), std::clamp(client.h, 1, 200), false, {}};
     d.burst.random.state = d.in.byte();
+    d.burst.is_troubled = d.hostile && d.burst.random.state >= 224;
     return next_of_burst(d);
 }
 
@@ -364,22 +116,27 @@ void server_size(FuzzInput &in, Config &config)
 
 } // namespace
 
-Decoder decode_start(FuzzInput in)
+Decoder decode_start(FuzzInput in, bool hostile)
 {
     Decoder d{};
     d.in = in;
+    d.hostile = hostile;
+    const uint8_t kinds = hostile ? d.in.last() : uint8_t{0};
     d.next_client = d.next_object = 1;
     d.config.name = "fuzzed";
     d.config.primary = device(d.in);
     d.config.second = device(d.in);
     server_size(d.in, d.config);
+    if (hostile)
+        decode_surroundings(d, kinds);
     return d;
 }
 
 Action decode_action(Decoder &d)
 {
     enum {
-        RENDER = sizeof WORDS / sizeof *WORDS,
+        RENDER = N_DECODED_WORDS,
+        TROUBLE = 32, // instead of a render, before the action
         CREATE = 36,
         CONNECT = 41,
         DRAW = 46,
@@ -387,9 +144,13 @@ Action decode_action(Decoder &d)
         BURST = 60,
         TOGGLE = 62
     };
+    d.trouble = {};
+    d.described = -1;
     if (d.burst.left > 0)
         return next_of_burst(d);
-    const uint8_t byte = d.in.byte();
+    uint8_t byte = d.in.byte();
+    for (; d.hostile && byte / Decoder::SLOTS >= TROUBLE && byte / Decoder::SLOTS < CREATE; byte = d.in.byte())
+        decode_trouble(d);
     const int slot = byte % Decoder::SLOTS;
     const int kind = byte / Decoder::SLOTS;
     if (kind >= RENDER && kind < CREATE)
@@ -402,16 +163,10 @@ Action decode_action(Decoder &d)
         return change_object(d, kind >= TRUNCATE);
     if (kind >= CONNECT || d.slots[slot].client == 0)
         return connect_or_hang_up(d, slot);
-    Action a;
-    if (kind >= CREATE) {
-        a = create(d, slot);
-    } else {
-        a.word = WORDS[kind].word;
-        a.arguments = WORDS[kind].arguments(d, slot);
-    }
+    Action a = kind >= CREATE ? decode_create(d, slot) : decode_word(d, kind, slot);
     a.kind = Action::REQUEST;
     a.client = d.slots[slot].client;
     if (a.object == 0)
-        spoil(d.in, a.arguments);
+        decode_spoilt(d, a.arguments);
     return a;
 }

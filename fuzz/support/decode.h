@@ -3,15 +3,28 @@
 // and any others possible, so that a changed byte is mostly another history of some interest.
 #pragma once
 
+#include <linux/fb.h>
+
 #include "../../tests/support/history/history.h"
-#include "mc.h"
 #include "fuzz.h"
+#include "mc.h"
+#include "system.h"
+
+// How a device describes itself.
+struct DeviceForm {
+    fb_fix_screeninfo fix;
+    fb_var_screeninfo var;
+};
 
 struct Decoder {
     static constexpr int SLOTS = 4; // clients at the same time
 
     FuzzInput in;
+    bool hostile; // with troubles, odd devices and names, and any command line
     Config config;
+    DeviceForm forms[2];            // of the devices
+    bool other_names;               // the devices have the names that the server falls back to
+    std::vector<std::string> words; // of the command line
     struct {
         int client;   // 0: none
         int32_t w, h; // of its last surface
@@ -25,9 +38,16 @@ struct Decoder {
     struct {
         int client, left; // reports of damage that are still to come
         int32_t w, h;     // all over this surface
+        bool is_troubled; // for some of them there is no memory
         Random random;
     } burst;
+    // Beside the last action: what goes wrong during it, who reads the log from now on, and which device (-1: none) is
+    // another one from now on.
+    Trouble trouble;
+    Trouble last_trouble; // of each hang-up at the end
+    Readers readers;
+    int described;
 };
 
-Decoder decode_start(FuzzInput in);
+Decoder decode_start(FuzzInput in, bool hostile);
 Action decode_action(Decoder &d);

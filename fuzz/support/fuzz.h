@@ -21,6 +21,7 @@ struct FuzzInput {
     int between(int low, int high) { return low + below(high - low + 1); } // both included, at most 256 values
     bool chance(int of_256) { return byte() >= 256 - of_256; }
     std::span<const uint8_t> take(size_t n);
+    uint8_t last() { return at < end ? *--end : uint8_t{0}; } // the input's last byte, taken off it
 };
 
 // Says what was found and ends the process: libFuzzer keeps the input, a test fails.
@@ -29,6 +30,7 @@ struct FuzzInput {
 // Thrown where an assertion of the server failed, in place of its end (wrap.cpp).
 struct FailedAssertion {
     std::string expression;
+    std::string file;
     std::string function;
 };
 
@@ -37,5 +39,10 @@ struct Printed {
     std::string out, err;
 };
 extern Printed fuzz_printed;
+
+// What becomes of what the server prints: kept, or refused for now (the reader does not read), or for good (it is
+// gone).
+enum class Readers : uint8_t { READ, STUCK, GONE };
+extern Readers fuzz_readers;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);

@@ -4,12 +4,14 @@
 #include <cerrno>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include "fuzz.h"
 
 Printed fuzz_printed;
+Readers fuzz_readers;
 
 // The names that the linker looks for; assert_failed is a C++ function.
 [[noreturn]] void fuzz_assert_failed(const char *expression, const char *file, unsigned line,
@@ -34,15 +36,19 @@ bool is_standard_stream(int fd)
 
 ssize_t keep(int fd, const void *bytes, size_t n)
 {
+    if (fuzz_readers != Readers::READ) {
+        errno = fuzz_readers == Readers::STUCK ? EAGAIN : EPIPE;
+        return -1;
+    }
     (fd == STDOUT_FILENO ? fuzz_printed.out : fuzz_printed.err).append(static_cast<const char *>(bytes), n);
     return static_cast<ssize_t>(n);
 }
 
 } // namespace
 
-void fuzz_assert_failed(const char *expression, const char *, unsigned, const char *function)
+void fuzz_assert_failed(const char *expression, const char *file, unsigned, const char *function)
 {
-    throw FailedAssertion{expression, function};
+    throw FailedAssertion{expression, file, function};
 }
 
 ssize_t fuzz_send(int fd, const void *bytes, size_t n, int flags)
@@ -72,6 +78,30 @@ int fuzz_poll(pollfd *entries, nfds_t n, int timeout_ms)
 {
     if (n != 1 || !is_standard_stream(entries->fd))
         return real_poll(entries, n, timeout_ms);
-    entries->revents = entries->events;
-    return 1;
+    entries->revents = fuzz_readers == Readers::STUCK ? short{0} : entries->events;
+    return fuzz_readers != Readers::STUCK;
+}
+
+// A pipe, whatever the fuzzer's own streams are: what an input does must not depend on that.
+template <typename Stat> static int describe_stream(Stat *stream)
+{
+    *stream = {};
+    stream->st_mode = S_IFIFO;
+    return 0;
+}
+
+int fuzz_fstat(int fd, struct stat *file) asm("__wrap_fstat");
+int real_fstat(int fd, struct stat *file) asm("__real_fstat");
+int fuzz_fstat64(int fd, struct stat64 *file) asm("__wrap_fstat64");
+int real_fstat64(int fd, struct stat64 *file) asm("__real_fstat64");
+
+// Which of the two names a program calls depends on how it was compiled.
+int fuzz_fstat(int fd, struct stat *file)
+{
+    return is_standard_stream(fd) ? describe_stream(file) : real_fstat(fd, file);
+}
+
+int fuzz_fstat64(int fd, struct stat64 *file)
+{
+    return is_standard_stream(fd) ? describe_stream(file) : real_fstat64(fd, file);
 }

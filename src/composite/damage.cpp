@@ -9,7 +9,6 @@
 #include <climits>
 #include <cstdlib>
 #include <sys/time.h>
-#include <utility>
 
 #include "../base/assert.h"
 #include "../base/output.h"
@@ -20,54 +19,10 @@ namespace {
 
 timeval schedule_time; // when a render was last scheduled; a record for debuggers, nothing reads it back
 
-// GLib makes an idle source anew each time and frees it when it has run, and that costs more than all that is done to
-// find out what to draw. This one stays between renders, and is an idle source in all else.
-struct RenderSource {
-    GSource base;
-    FbServer *fs; // not owned; null: no render is pending
-};
-
-[[gnu::hot]] gboolean is_render_pending(GSource *source, gint *timeout_ms)
-{
-    *timeout_ms = -1;
-    return reinterpret_cast<RenderSource *>(source)->fs != nullptr;
-}
-
-[[gnu::hot]] gboolean render_once(GSource *source, GSourceFunc, gpointer)
-{
-    FbServer *fs = std::exchange(reinterpret_cast<RenderSource *>(source)->fs, nullptr);
-    fs_render(fs);
-    return G_SOURCE_CONTINUE;
-}
-
-RenderSource *render_source;
-
-// The source that stays; anew when it was removed.
-RenderSource *get_render_source()
-{
-    static GSourceFuncs functions{is_render_pending, nullptr, render_once, nullptr, nullptr, nullptr};
-    if (render_source != nullptr && !g_source_is_destroyed(&render_source->base))
-        return render_source;
-    if (render_source != nullptr)
-        g_source_unref(&render_source->base);
-    GSource *source = g_source_new(&functions, sizeof(RenderSource));
-    g_source_set_name(source, "render");
-    g_source_set_priority(source, G_PRIORITY_DEFAULT_IDLE);
-    g_source_attach(source, nullptr);
-    render_source = reinterpret_cast<RenderSource *>(source);
-    return render_source;
-}
-
-[[gnu::hot]] void add_idle_render(FbServer *fs)
+void add_idle_render(FbServer *fs)
 {
     gettimeofday(&schedule_time, nullptr);
-    RenderSource *source = get_render_source();
-    if (source->fs == nullptr) {
-        source->fs = fs;
-        fs->idle_source = g_source_get_id(&source->base);
-    } else { // somebody has rendered without waiting for the one that is pending: that one comes all the same
-        fs->idle_source = g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, fs_render, fs, nullptr);
-    }
+    fs->idle_source = g_idle_add_full(G_PRIORITY_DEFAULT_IDLE, fs_render, fs, nullptr);
 }
 
 // Origin plus size, saturated: a report of INT_MAX pixels is the whole surface, never nothing.

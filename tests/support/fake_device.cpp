@@ -16,6 +16,8 @@
 
 bool next_munmap_fails;
 
+bool (*fake_device_fails)(unsigned long request) = [](unsigned long) { return false; };
+
 namespace {
 
 constexpr unsigned long LAYER_CONTROL = 0x46FF;
@@ -50,7 +52,7 @@ int control_layer(FakeDevice &device, void *block)
 int answer(FakeDevice &device, unsigned long request, void *argument)
 {
     device.requests.push_back(request);
-    if (request == device.failing_request) {
+    if (request == device.failing_request || fake_device_fails(request)) {
         errno = EIO;
         return -1;
     }
@@ -83,8 +85,8 @@ int open_device(const char *path, int flags)
     for (const FakeDevice *device : devices) {
         if (device->path != path || (flags & O_ACCMODE) != O_RDWR)
             continue;
-        errno = device->open_error;
-        return device->open_error == 0 ? dup(device->memfd()) : -1;
+        errno = fake_device_fails(0) ? EBUSY : device->open_error;
+        return errno == 0 ? dup(device->memfd()) : -1;
     }
     errno = ENOENT;
     return -1;
@@ -156,7 +158,8 @@ int __real_open64(const char *path, int flags, ...);
 int __real_ioctl(int fd, unsigned long request, ...);
 int __real_munmap(void *start, size_t size);
 
-int __wrap_munmap(void *start, size_t size)
+// A program with its own way of unmapping brings its own.
+[[gnu::weak]] int __wrap_munmap(void *start, size_t size)
 {
     if (!std::exchange(next_munmap_fails, false))
         return __real_munmap(start, size);

@@ -39,5 +39,8 @@ private:
 // The next munmap of the process fails with EINVAL, and unmaps nothing. Programs that link this wrap munmap too.
 extern bool next_munmap_fails;
 
+// Asked at each opening (0) and each ioctl (its request) whether it fails, whatever the device says.
+extern bool (*fake_device_fails)(unsigned long request);
+
 // The paths under /dev that were opened, found or not, since the last call.
 std::vector<std::string> take_opened_paths();

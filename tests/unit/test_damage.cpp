@@ -254,7 +254,6 @@ TEST_F(Damage, EachScheduledSourceRunsOnce)
     EXPECT_FALSE(g_main_context_pending(nullptr));
 }
 
-// The source stays in the loop between renders; that shows nowhere.
 TEST_F(Damage, RendersOneAfterTheOtherRunOnceEach)
 {
     for (int i = 1; i <= 3; i++) {

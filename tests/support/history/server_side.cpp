@@ -2,41 +2,13 @@
 #include "server_side.h"
 
 #include <cstring>
-#include <memory>
 
 #include "../../../src/fbserver/command.h"
+#include "ask.h"
 #include "outputs.h"
 #include "play.h"
 
 namespace {
-
-mc_packet *packet_of(const Action &a, const std::string &object)
-{
-    mc_packet *packet = mc_packet_new_command(a.word.c_str());
-    for (const model::Argument &argument : a.arguments) {
-        const std::string &text = a.object && &argument == &a.arguments.back() ? object : argument.text;
-        if (argument.type == 'i')
-            mc_packet_build_args(packet, "i", argument.number);
-        else
-            mc_packet_build_args(packet, "s", text.c_str());
-    }
-    return packet;
-}
-
-model::Reply reply_of(mc_packet *packet)
-{
-    if (!packet)
-        return {};
-    std::vector<int32_t> values;
-    int32_t value = 0;
-    const char *signature = mc_packet_signature(packet);
-    if (strcmp(signature, "i") == 0 && mc_packet_parse_args(packet, "i", &value) == 1)
-        values.push_back(value);
-    else if (*signature != '\0')
-        values.assign(strlen(signature), -99);
-    mc_packet_free(packet);
-    return values;
-}
 
 std::string records_text(const model::Model &m)
 {
@@ -64,9 +36,10 @@ std::string server_records_text()
 
 model::Reply history_ask(mc_connection *connection, const Action &a, const std::string &object)
 {
-    // Freed also where a fuzz target leaves a failed assertion by an exception.
-    std::unique_ptr<mc_packet, decltype(&mc_packet_free)> packet{packet_of(a, object), mc_packet_free};
-    return reply_of(handle_command(connection, packet.get()));
+    mc_packet *packet = history_packet(a, object);
+    const model::Reply reply = history_reply(handle_command(connection, packet));
+    mc_packet_free(packet);
+    return reply;
 }
 
 std::string history_compare_records(const model::Model &m)
