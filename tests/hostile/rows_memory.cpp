@@ -145,6 +145,7 @@ void shared_memory_full(Stage &stage)
 
 std::vector<Misbehaviour> memory_rows()
 {
+    const char *const missing = "what is missing shows as zero";
     const char *const too_short = "is too short: what is missing shows as zero";
     return {
         {"TruncateMidFrame",
@@ -175,7 +176,7 @@ std::vector<Misbehaviour> memory_rows()
          "finds /dev/shm full, or has pages there that cannot be had any more",
          "libpfb says so before anything is sent; the missing pages show as zero, with one line",
          "surfaces",
-         {too_short},
+         {missing},
          shared_memory_full,
          {.small_memory = true}},
     };

@@ -57,12 +57,12 @@ void memory_limit(Stage &stage)
         client.create({.x = 10, .y = 10, .width = 30, .height = 30, .level = 1});
         client.send("show");
         for (int i = 0; i < 100; i++) {
-            client.send("set_scale", {0, 0, 30, 30, 10, 10, 16000, 16000});
+            client.send("set_scale", {0, 0, 30, 30, 10, 10, 5000, 5000});
             stage.done()++;
         }
         EXPECT_TRUE(client.is_connected());
     });
-    EXPECT_EQ(count_of(stage.out(), "fs_set_scale: invalid size: source 30 x 30 destination 16000 x 16000\n"), 100u);
+    EXPECT_EQ(count_of(stage.out(), "fs_set_scale: invalid size: source 30 x 30 destination 5000 x 5000\n"), 100u);
     stage.bystander().expect_progress(3);
 }
 

@@ -2,6 +2,9 @@
 // One pass: collect the damage, share it out from the top of the stack down, clear, draw from the bottom up, present.
 #include "model.h"
 
+#include <cstdio>
+#include <cstring>
+
 namespace model {
 
 namespace {
@@ -254,6 +257,19 @@ void render_image(Model &m, const Image &src, Image &dst, const Region &region, 
 
 namespace {
 
+// A client's name as the log may have it.
+std::string harmless(const std::string &name)
+{
+    std::string text;
+    for (const char c : name) {
+        const bool bad = c < ' ' || c > '~' || strchr("\"\\", c) != nullptr;
+        char hex[5];
+        snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+        text += bad ? std::string(hex) : std::string(1, c);
+    }
+    return text;
+}
+
 void tell_of_short_memory(Model &m)
 {
     for (const Surface &s : m.surfaces) {
@@ -261,7 +277,7 @@ void tell_of_short_memory(Model &m)
         if (memory->state != ClientMemory::FOUND_SHORT)
             continue;
         memory->state = ClientMemory::TOLD;
-        m.err += "shared memory of " + s.name + " is too short: what is missing shows as zero\n";
+        m.err += "shared memory of " + harmless(s.name) + " is too short: what is missing shows as zero\n";
     }
 }
 
