@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <sstream>
 
 namespace {
@@ -29,23 +30,34 @@ long median(const std::vector<Sample> &samples, long Sample::*value, size_t begi
 struct Watched {
     const char *name;
     long Sample::*value;
+    long Bounds::*bound; // of growth
 };
 
-constexpr Watched RESIDENT{"resident KiB", &Sample::resident_kb};
-constexpr Watched ANONYMOUS{"anonymous KiB", &Sample::anonymous_kb};
-constexpr Watched MAPPINGS{"mappings", &Sample::mappings};
-constexpr Watched DESCRIPTORS{"descriptors", &Sample::descriptors};
-constexpr Watched THREADS{"threads", &Sample::threads};
-constexpr Watched RUNTIME_NAMES{"names in the runtime folder", &Sample::runtime_names};
-constexpr Watched MEMORY_NAMES{"names in /dev/shm", &Sample::memory_names};
+constexpr Watched WATCHED[] = {
+    {"resident KiB", &Sample::resident_kb, &Bounds::resident_kb},
+    {"anonymous KiB", &Sample::anonymous_kb, &Bounds::anonymous_kb},
+    {"mappings", &Sample::mappings, &Bounds::mappings},
+    {"descriptors", &Sample::descriptors, &Bounds::descriptors},
+    {"threads", &Sample::threads, &Bounds::threads},
+    {"names in the runtime folder", &Sample::runtime_names, &Bounds::runtime_names},
+    {"names in /dev/shm", &Sample::memory_names, &Bounds::memory_names},
+};
 
-std::string compare(const Watched &watched, long before, long after, long bound)
+// What may be there at rest in addition, of each of them; -1: that much memory at one moment says little.
+constexpr long LEFT[] = {-1, -1, MAPPINGS_LEFT, 0, 0, 0, 0};
+
+std::string change(const Watched &watched, long before, long after, long bound)
 {
-    if (after <= before + bound)
-        return "";
     std::ostringstream text;
-    text << watched.name << ": " << before << " before, " << after << " after, more than " << bound << " in addition\n";
+    text << watched.name << ": " << before << " before, " << after << " after; at most " << bound << " may be added\n";
     return text.str();
+}
+
+// Of the second and of the last quarter.
+std::pair<long, long> medians(const std::vector<Sample> &samples, const Watched &watched)
+{
+    const size_t n = samples.size();
+    return {median(samples, watched.value, n / 4, n / 2), median(samples, watched.value, n - n / 4, n)};
 }
 
 } // namespace
@@ -76,30 +88,34 @@ std::string sample_text(const Sample &sample)
     return line;
 }
 
+std::string medians_text(const std::vector<Sample> &samples, const Bounds &bounds)
+{
+    std::string text;
+    for (const Watched &watched : WATCHED) {
+        const auto [before, after] = medians(samples, watched);
+        text += change(watched, before, after, bounds.*watched.bound);
+    }
+    return text;
+}
+
 std::string verdict_growth(const std::vector<Sample> &samples, const Bounds &bounds)
 {
-    const size_t n = samples.size();
-    if (n < MIN_SAMPLES)
-        return "";
-    const std::pair<Watched, long> watched[] = {{RESIDENT, bounds.resident_kb},
-                                                {ANONYMOUS, bounds.anonymous_kb},
-                                                {MAPPINGS, bounds.mappings},
-                                                {DESCRIPTORS, bounds.descriptors},
-                                                {THREADS, 0},
-                                                {RUNTIME_NAMES, 0},
-                                                {MEMORY_NAMES, bounds.descriptors}};
     std::string grown;
-    for (const auto &[what, bound] : watched)
-        grown +=
-            compare(what, median(samples, what.value, n / 4, n / 2), median(samples, what.value, n - n / 4, n), bound);
+    for (const Watched &watched : WATCHED) {
+        const auto [before, after] = medians(samples, watched);
+        if (after > before + bounds.*watched.bound)
+            grown += change(watched, before, after, bounds.*watched.bound);
+    }
     return grown;
 }
 
 std::string verdict_left(const Sample &before, const Sample &after)
 {
-    return compare(DESCRIPTORS, before.descriptors, after.descriptors, 0) +
-           compare(MAPPINGS, before.mappings, after.mappings, MAPPINGS_LEFT) +
-           compare(THREADS, before.threads, after.threads, 0) +
-           compare(RUNTIME_NAMES, before.runtime_names, after.runtime_names, 0) +
-           compare(MEMORY_NAMES, before.memory_names, after.memory_names, 0);
+    std::string left;
+    for (size_t i = 0; i < std::size(WATCHED); i++) {
+        const long was = before.*WATCHED[i].value, is = after.*WATCHED[i].value;
+        if (LEFT[i] >= 0 && is > was + LEFT[i])
+            left += change(WATCHED[i], was, is, LEFT[i]);
+    }
+    return left;
 }

@@ -48,7 +48,7 @@ const std::string NONSENSE[] = {
 
 bool is_dropped(int fd)
 {
-    return wait_until([&] {
+    return wait_long([&] {
         char byte;
         const ssize_t n = recv(fd, &byte, 1, MSG_DONTWAIT);
         return n == 0 || (n < 0 && errno == ECONNRESET);

@@ -66,7 +66,7 @@ void client_leaving(Plan &plan, Shared *shared)
     if (chance(plan.random, 50)) {
         plan.depth = 24;
         c.wire.create(planned_surface(plan));
-        wait_until([&] { return c.wire.memory_is_taken(); }); // its name must stay until then
+        wait_long([&] { return c.wire.memory_is_taken(); }); // its name must stay until then
         c.shared->requests++;
         return;
     }

@@ -13,7 +13,7 @@
 namespace {
 
 // No plan takes so long.
-constexpr int LONGEST_LIFE_SECONDS = 2 * WAIT_SECONDS;
+constexpr int LONGEST_LIFE_SECONDS = 2 * LONG_WAIT_SECONDS;
 
 [[noreturn]] void run_child(Plan &plan, const Population &population, pid_t parent)
 {

@@ -20,3 +20,12 @@ void shared_fault(Shared *shared, const std::string &text)
     if (shared->n_faults.fetch_add(1) == 0)
         snprintf(shared->fault, sizeof shared->fault, "%s", text.c_str());
 }
+
+bool wait_long(const std::function<bool()> &predicate)
+{
+    for (int i = 0; i < LONG_WAIT_SECONDS / WAIT_SECONDS; i++) {
+        if (wait_until(predicate))
+            return true;
+    }
+    return false;
+}

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -39,6 +40,9 @@ struct Shared {
 Shared *shared_new();
 void shared_delete(Shared *shared);
 void shared_fault(Shared *shared, const std::string &text);
+// As wait_until, for ten times as long: a soak may run beside much else, and without any claim to the processor.
+bool wait_long(const std::function<bool()> &predicate);
+inline constexpr int LONG_WAIT_SECONDS = 10 * WAIT_SECONDS;
 
 // ---- clients (plan.cpp, library_client.cpp, word_client.cpp, odd_clients.cpp, nonsense_client.cpp) ----
 
@@ -129,10 +133,16 @@ struct Bounds {
     long resident_kb = 4096; // clients' own pages among them, of which there are now more, now fewer
     long anonymous_kb = 1024;
     long mappings = 16;
-    long descriptors = 4;
+    long descriptors = 4; // as many connections more may just be there
+    long threads = 0;
+    long runtime_names = 0;
+    long memory_names = 4;
 };
-// What has grown, in words, or "". Fewer than MIN_SAMPLES tell nothing.
-inline constexpr size_t MIN_SAMPLES = 40;
+// Earlier the allocators' stores still fill: what grows in a shorter run says nothing.
+inline constexpr double GROWTH_SECONDS = 600;
+// The medians in words, for each of what is watched.
+std::string medians_text(const std::vector<Sample> &samples, const Bounds &bounds);
+// What has grown, in words, or "".
 std::string verdict_growth(const std::vector<Sample> &samples, const Bounds &bounds);
 // What has been added between two moments in which nobody but the keeper was there, or "": no descriptor may be, and no
 // name; of mappings some, the edges of ranges that are kept for later clients and the allocators' stores.

@@ -71,7 +71,7 @@ void bystander_run(Shared *shared, const PanelView &panel)
             appear(b, shared->rotation);
         draw_frame(b);
         // While somebody holds the lock it waits, and nobody holds it for long.
-        if (!wait_until([&] { return is_on_panel(b) || shared->rotation != shared->bystanders; }))
+        if (!wait_long([&] { return is_on_panel(b) || shared->rotation != shared->bystanders; }))
             return shared_fault(shared, "the bystander's frame " + std::to_string(b.frame) + " is not on the panel");
         shared->frames += is_on_panel(b);
         usleep(PAUSE_US);
