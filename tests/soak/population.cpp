@@ -20,7 +20,7 @@ constexpr int LONGEST_LIFE_SECONDS = 2 * LONG_WAIT_SECONDS;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent)
         _exit(1);
-    close_range(3, ~0U, 0); // connections of those who stay would not end while this process has them
+    population.in_child();
     const std::string who = "client " + std::to_string(plan.number) + " (" + kind_name(plan.kind) + ")";
     try {
         client_run(plan, population.shared, population.socket_path);

@@ -17,6 +17,7 @@ struct Population {
     uint32_t seed;
     Shared *shared;
     std::string socket_path;
+    std::function<void()> in_child; // what each client's process does first
     uint32_t next_number = 0;
     uint64_t served = 0; // have gone
     std::vector<RunningClient> running;

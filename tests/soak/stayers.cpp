@@ -103,6 +103,12 @@ void Keeper::make(int32_t rotation)
     }
 }
 
+void Keeper::let_go()
+{
+    for (const auto &surface : surfaces_)
+        surface->hang_up();
+}
+
 void Keeper::settle_turn(int32_t rotation)
 {
     TestClient client("x.turn");

@@ -15,6 +15,8 @@ public:
     explicit Keeper(int32_t rotation) { make(rotation); }
     // Makes all surfaces again for another turn of the display.
     void make(int32_t rotation);
+    // In a forked process: its copies of the connections must not outlive those of the process that has made them.
+    void let_go();
     // Everything that clients sent before has been handled.
     void settle() { surfaces_.front()->settle(); }
     // A surface of the present turn comes and goes: turns that clients have left behind end with it.

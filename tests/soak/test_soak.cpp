@@ -91,7 +91,7 @@ void start_bystander(Soak &soak)
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent)
         _exit(1);
-    close_range(3, ~0U, 0);
+    soak.keeper.let_go();
     try {
         bystander_run(soak.shared, soak.server.panel());
     } catch (const std::exception &error) {
@@ -233,6 +233,7 @@ TEST(Soak, ClientsThatComeAndGo)
     soak.population.seed = seed;
     soak.population.shared = soak.shared;
     soak.population.socket_path = soak.server.socket_path();
+    soak.population.in_child = [&soak] { soak.keeper.let_go(); };
     open_outputs(soak);
     say(sample_heading());
     run(soak, {0, FIRST_CLIENTS});
