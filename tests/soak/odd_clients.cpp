@@ -66,7 +66,8 @@ void client_leaving(Plan &plan, Shared *shared)
     if (chance(plan.random, 50)) {
         plan.depth = 24;
         c.wire.create(planned_surface(plan));
-        wait_long([&] { return c.wire.memory_is_taken(); }); // its name must stay until then
+        if (!wait_until([&] { return c.wire.memory_is_taken(); })) // its name must stay until then
+            shared_fault(shared, "the name of a client's memory stays");
         c.shared->requests++;
         return;
     }

@@ -54,7 +54,7 @@ void bury(Population &population, const RunningClient &client, int status)
     if (WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL)
         shared_fault(population.shared, "client " + std::to_string(client.plan.number) + " died of signal " +
                                             std::to_string(WTERMSIG(status)));
-    population.dead.push_back(client.pid);
+    population.dead.push_back({client.pid, WIFSIGNALED(status)});
     population.served++;
 }
 
@@ -69,9 +69,13 @@ pid_t owner_of(const std::string &name)
     return 0;
 }
 
-bool is_dead(const Population &population, pid_t pid)
+const DeadClient *find_dead(const Population &population, pid_t pid)
 {
-    return std::find(population.dead.begin(), population.dead.end(), pid) != population.dead.end();
+    for (const DeadClient &client : population.dead) {
+        if (client.pid == pid)
+            return &client;
+    }
+    return nullptr;
 }
 
 bool is_running(const Population &population, pid_t pid)
@@ -130,7 +134,7 @@ void population_kill(Population &population)
     for (const RunningClient &client : population.running) {
         kill(client.pid, SIGKILL);
         waitpid(client.pid, nullptr, 0);
-        population.dead.push_back(client.pid);
+        population.dead.push_back({client.pid, true});
     }
     population.running.clear();
 }
@@ -140,7 +144,7 @@ std::vector<std::string> population_memory_names(const Population &population)
     std::vector<std::string> names;
     for (const std::string &name : folder_entries("/dev/shm")) {
         const pid_t owner = owner_of(name);
-        if (owner > 0 && (is_dead(population, owner) || is_running(population, owner)))
+        if (owner > 0 && (find_dead(population, owner) != nullptr || is_running(population, owner)))
             names.push_back(name);
     }
     return names;
@@ -149,8 +153,12 @@ std::vector<std::string> population_memory_names(const Population &population)
 void population_clean(Population &population)
 {
     for (const std::string &name : population_memory_names(population)) {
-        if (!is_running(population, owner_of(name)))
-            shm_unlink(("/" + name).c_str());
+        const DeadClient *owner = find_dead(population, owner_of(name));
+        if (owner == nullptr || is_running(population, owner->pid))
+            continue;
+        if (!owner->killed)
+            shared_fault(population.shared, name + " is still there");
+        shm_unlink(("/" + name).c_str());
     }
     population.dead.clear();
 }

@@ -13,6 +13,11 @@ struct RunningClient {
     std::chrono::steady_clock::time_point started;
 };
 
+struct DeadClient {
+    pid_t pid;
+    bool killed;
+};
+
 struct Population {
     uint32_t seed;
     Shared *shared;
@@ -21,7 +26,7 @@ struct Population {
     uint32_t next_number = 0;
     uint64_t served = 0; // have gone
     std::vector<RunningClient> running;
-    std::vector<pid_t> dead; // names of memory that they left may still be there
+    std::vector<DeadClient> dead; // names of memory that they left may still be there
 };
 
 void population_start_next(Population &population);
@@ -33,6 +38,6 @@ void population_end(Population &population);
 void population_kill(Population &population);
 // Names of memory that clients of this population have, or have left, in /dev/shm.
 std::vector<std::string> population_memory_names(const Population &population);
-// Removes the names that the dead have left. Everything that they sent must have been handled: the server ends over a
-// name that is not there any more.
+// Removes the names that the killed have left; any other client's is a fault: the server takes the name of what it
+// opens. Everything that they sent must have been handled: the server ends over a name that is not there any more.
 void population_clean(Population &population);

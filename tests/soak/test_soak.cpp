@@ -105,6 +105,7 @@ void stop_bystander(Soak &soak)
     soak.shared->bystander_ends = true;
     EXPECT_EQ(shell_status(program_wait(soak.bystander)), 0);
     soak.shared->bystander_ends = false;
+    soak.bystander = -1;
 }
 
 // Outputs open a descriptor with their first surface and keep it: from then on none may be added.
@@ -189,9 +190,9 @@ Sample come_to_rest(Soak &soak)
     soak.shared->rotation = 0;
     soak.keeper.make(0);
     soak.keeper.settle_turn(0);
-    EXPECT_TRUE(wait_long([&] { return soak.shared->bystanders == 0 || soak.shared->n_faults > 0; }));
+    EXPECT_TRUE(wait_long([&] { return soak.shared->bystanders == 0 || !all_is_well(soak); }));
     const uint64_t frames = soak.shared->frames;
-    EXPECT_TRUE(wait_long([&] { return soak.shared->frames > frames || soak.shared->n_faults > 0; }))
+    EXPECT_TRUE(wait_long([&] { return soak.shared->frames > frames || !all_is_well(soak); }))
         << "the picture stands still";
     stop_bystander(soak);
     clean(soak);
@@ -203,8 +204,10 @@ void give_up(Soak &soak)
 {
     EXPECT_TRUE(process_exists(soak.server.pid())) << "the server has ended";
     population_kill(soak.population);
-    kill(soak.bystander, SIGKILL);
-    program_wait(soak.bystander);
+    if (soak.bystander > 0) {
+        kill(soak.bystander, SIGKILL);
+        program_wait(soak.bystander);
+    }
     population_clean(soak.population);
 }
 
