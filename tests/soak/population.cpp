@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <csignal>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,23 +13,6 @@ namespace {
 
 // No plan takes so long.
 constexpr int LONGEST_LIFE_SECONDS = 2 * LONG_WAIT_SECONDS;
-
-[[noreturn]] void run_child(Plan &plan, const Population &population, pid_t parent)
-{
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent)
-        _exit(1);
-    population.in_child();
-    const std::string who = "client " + std::to_string(plan.number) + " (" + kind_name(plan.kind) + ")";
-    try {
-        client_run(plan, population.shared, population.socket_path);
-        if (testing::Test::HasFailure())
-            shared_fault(population.shared, who + ": an expectation failed");
-    } catch (const std::exception &error) {
-        shared_fault(population.shared, who + ": " + error.what());
-    }
-    _exit(0);
-}
 
 bool may_be_killed(const RunningClient &client)
 {
@@ -89,11 +71,11 @@ bool is_running(const Population &population, pid_t pid)
 void population_start_next(Population &population)
 {
     RunningClient client{-1, plan_client(population.seed, population.next_number++), std::chrono::steady_clock::now()};
-    const pid_t parent = getpid();
-    fflush(nullptr);
-    client.pid = fork();
-    if (client.pid == 0)
-        run_child(client.plan, population, parent);
+    const std::string who = "client " + std::to_string(client.plan.number) + " (" + kind_name(client.plan.kind) + ")";
+    client.pid = process_fork(population.shared, who, [&] {
+        population.in_child();
+        client_run(client.plan, population.shared, population.socket_path);
+    });
     ASSERT_GT(client.pid, 0) << strerror(errno);
     population.running.push_back(client);
 }

@@ -40,6 +40,9 @@ struct Shared {
 Shared *shared_new();
 void shared_delete(Shared *shared);
 void shared_fault(Shared *shared, const std::string &text);
+// Runs `body` in a process of its own, which is killed when this one ends, and whose first failure is a fault. Returns
+// its id, or -1.
+pid_t process_fork(Shared *shared, const std::string &who, const std::function<void()> &body);
 // As wait_until, for ten times as long: a soak may run beside much else, and without any claim to the processor.
 bool wait_long(const std::function<bool()> &predicate);
 inline constexpr int LONG_WAIT_SECONDS = 10 * WAIT_SECONDS;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "stayers.h"
 
+#include <gtest/gtest.h>
+
 #include <unistd.h>
 
 namespace {
@@ -17,8 +19,34 @@ struct Bystander {
     Shared *shared;
     const PanelView &panel;
     std::unique_ptr<TestClient> wire;
+    // A connection and a surface that never end; never shown, so that it holds no turn.
+    std::unique_ptr<TestClient> veteran = nullptr;
+    Random random = Random(1);
     uint32_t frame = 0;
 };
+
+void veteran_appears(Bystander &b)
+{
+    b.veteran = std::make_unique<TestClient>("fb.veteran");
+    b.veteran->create({.width = 100, .height = 80, .alpha = 1, .level = INT32_MAX - 1, .rotation = b.shared->rotation});
+    b.veteran->native_depth();
+}
+
+// Everything that the server keeps a note of.
+void veteran_works(Bystander &b)
+{
+    Random &random = b.random;
+    const int32_t x = between(random, -20, 120), y = between(random, -20, 100), width = between(random, 0, 60);
+    b.veteran->send("set_scale", {0, 0, between(random, 1, 90), 80, x, y, between(random, 1, 200), 50});
+    for (int i = 0; i < 5; i++)
+        b.veteran->send("dirty", {between(random, 0, 99), between(random, 0, 79), 3, 2});
+    b.veteran->send("opaque_area", {x, y, width, width});
+    b.veteran->send("set_clip", {x, y, width, width});
+    b.veteran->send("set_sync", {between(random, 0, 1)});
+    b.veteran->send("set_layer", {INT32_MAX - 1});
+    b.veteran->lock(x, y, width, width);
+    b.veteran->send("unlock");
+}
 
 void appear(Bystander &b, int32_t rotation)
 {
@@ -65,10 +93,12 @@ void draw_frame(Bystander &b)
 void bystander_run(Shared *shared, const PanelView &panel)
 {
     Bystander b{shared, panel, nullptr};
+    veteran_appears(b);
     appear(b, shared->rotation);
-    while (!shared->bystander_ends) {
+    while (!shared->bystander_ends && !testing::Test::HasFailure()) {
         if (shared->bystanders != shared->rotation)
             appear(b, shared->rotation);
+        veteran_works(b);
         draw_frame(b);
         // While somebody holds the lock it waits, and nobody holds it for long.
         if (!wait_long([&] { return is_on_panel(b) || shared->rotation != shared->bystanders; }))

@@ -10,10 +10,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
+#include <cstring>
 #include <unistd.h>
 
 #include "../support/running_server.h"
@@ -83,21 +82,11 @@ void empty_its_output(const Soak &soak)
 
 void start_bystander(Soak &soak)
 {
-    const pid_t parent = getpid();
-    fflush(nullptr);
-    soak.bystander = fork();
-    if (soak.bystander != 0)
-        return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent)
-        _exit(1);
-    soak.keeper.let_go();
-    try {
+    soak.bystander = process_fork(soak.shared, "the bystander", [&] {
+        soak.keeper.let_go();
         bystander_run(soak.shared, soak.server.panel());
-    } catch (const std::exception &error) {
-        shared_fault(soak.shared, std::string("the bystander: ") + error.what());
-    }
-    _exit(0);
+    });
+    ASSERT_GT(soak.bystander, 0) << strerror(errno);
 }
 
 void stop_bystander(Soak &soak)
@@ -167,7 +156,7 @@ void run(Soak &soak, const Length &length)
     double next_sample = step;
     Clock::time_point cleaned = Clock::now();
     start_bystander(soak);
-    while (progress.done(soak) < 1 && all_is_well(soak)) {
+    while (progress.done(soak) < 1 && all_is_well(soak) && !testing::Test::HasFatalFailure()) {
         start_clients(soak, at_a_time);
         population_tend(soak.population);
         if (seconds_since(cleaned) >= CLEANING_INTERVAL) {
