@@ -19,7 +19,8 @@ help:
 	@echo 'make build-clang     everything that is installed, by clang, in build/clang-product'
 	@echo 'make test-clang      the tests as well: all builds with clang, and all tests in each'
 	@echo 'make sanitize        the tests under the address and undefined-behaviour sanitizers alone'
-	@echo 'make soak            random histories against the model, under the sanitizers (TIME=SECONDS per panel)'
+	@echo 'make soak            clients that come and go on the real server, and beside them random histories against the'
+	@echo '                     model, both under the sanitizers (TIME=SECONDS in all; an hour says what grows)'
 	@echo 'make fuzz            fuzzes each target in fuzz/ by clang and libFuzzer (TIME=SECONDS per target)'
 	@echo 'make hostile         programs that misbehave, on the release build: writes the table of docs/robustness.md'
 	@echo 'make bench           processor time, latency, memory, start and growth, beside Xvfb, Weston and a bare loop;'
@@ -66,8 +67,7 @@ sanitize:
 
 soak:
 	@scripts/deps build demo test
-	@scripts/build sanitized
-	@PFB_HISTORY_SECONDS=$(TIME) build/sanitized/tests/server/test_histories
+	@scripts/soak $(TIME)
 
 fuzz:
 	@scripts/deps build demo clang

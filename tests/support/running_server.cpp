@@ -76,6 +76,7 @@ ProgramStart panel_start(const std::string &folder, const ServerOptions &options
     start.words.insert(start.words.end(), {"--", program});
     start.words.insert(start.words.end(), options.server.begin(), options.server.end());
     start.environment = server_environment(folder);
+    start.environment.insert(start.environment.end(), options.environment.begin(), options.environment.end());
     start.closed = options.closed;
     return start;
 }

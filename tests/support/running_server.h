@@ -16,7 +16,8 @@ struct ServerOptions {
     std::vector<std::string> server = {}; // the server's arguments
     int out_fd = -1;                      // its streams; -1: collected in files
     int err_fd = -1;
-    std::vector<int> closed = {}; // streams that it starts without
+    std::vector<int> closed = {};                                      // streams that it starts without
+    std::vector<std::pair<std::string, std::string>> environment = {}; // goes before server_environment's
 };
 
 class RunningServer {

@@ -62,7 +62,10 @@ void TestClient::drop_memory()
         munmap(memory_, size_);
     if (!memory_name_.empty())
         shm_unlink(memory_name_.c_str()); // gone already when the server has taken it
+    if (memory_fd_ >= 0)
+        close(memory_fd_);
     memory_ = nullptr;
+    memory_fd_ = -1;
 }
 
 void TestClient::send_packet(mc_packet *packet)
@@ -94,11 +97,10 @@ void TestClient::create(const SurfaceRequest &request)
     const int64_t needed = int64_t{stride} * request.height;
     size_ = request.bytes != 0 ? request.bytes : static_cast<size_t>(needed > 0 ? needed : 1);
     memory_name_ = unused_shared_memory_name();
-    const int fd = shm_open(memory_name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-    ASSERT_GE(fd, 0) << strerror(errno);
-    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size_)), 0) << strerror(errno);
-    memory_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
+    memory_fd_ = shm_open(memory_name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(memory_fd_, 0) << strerror(errno);
+    cut_memory(size_);
+    memory_ = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, memory_fd_, 0);
     ASSERT_NE(memory_, MAP_FAILED) << strerror(errno);
     mc_packet *packet = mc_packet_new_command("create");
     EXPECT_EQ(mc_packet_build_args(packet, "iiiiiiiiis", request.alpha, request.depth, request.x, request.y,
@@ -128,6 +130,16 @@ void TestClient::draw(const Pixels &pixels)
 {
     ASSERT_LE(pixels.bytes.size(), size_);
     memcpy(memory_, pixels.bytes.data(), pixels.bytes.size());
+}
+
+void TestClient::cut_memory(size_t bytes)
+{
+    EXPECT_EQ(ftruncate(memory_fd_, static_cast<off_t>(bytes)), 0) << strerror(errno);
+}
+
+bool TestClient::memory_is_taken() const
+{
+    return !file_exists("/dev/shm" + memory_name_);
 }
 
 mc_packet *TestClient::call(mc_packet *packet)

@@ -44,6 +44,10 @@ public:
     void draw(const Pixels &pixels);
     void *memory() const { return memory_; }
     size_t memory_size() const { return size_; }
+    // Gives the shared memory another size. What is missing must not be touched here.
+    void cut_memory(size_t bytes);
+    // True once the server has opened it.
+    bool memory_is_taken() const;
 
     // Sends "lock_area" and waits for its answer.
     void lock(int x, int y, int width, int height);
@@ -63,6 +67,7 @@ private:
 
     mc_connection *connection_ = nullptr;
     std::string memory_name_;
+    int memory_fd_ = -1;
     void *memory_ = nullptr;
     size_t size_ = 0;
 };
