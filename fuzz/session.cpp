@@ -16,13 +16,13 @@ namespace {
 bool troubled; // something has failed that the server cannot undo
 
 // As main() does, from the command line to the server object.
-bool start_server(const std::vector<std::string> &words)
+bool start_server(const Decoder &d)
 {
     console_device = fb_device = remote_addr = nullptr;
     use_input = send_event_remote = use_x = 0;
     output_scale = 1;
     std::vector<char *> argv = {const_cast<char *>("fbserver")};
-    for (const std::string &word : words)
+    for (const std::string &word : d.words)
         argv.push_back(const_cast<char *>(word.c_str()));
     argv.push_back(nullptr);
     Options options;
@@ -31,8 +31,10 @@ bool start_server(const std::vector<std::string> &words)
     options_print(&options);
     if (output_scale < 1)
         return false;
+    system_trouble(d.other_trouble);
     fs = fs_new(options.w, options.h);
-    return true;
+    system_settle();
+    return fs != nullptr;
 }
 
 void print_surroundings(const Decoder &d)
@@ -52,7 +54,7 @@ bool start(const Decoder &d)
     if (fuzz_prints())
         print_surroundings(d);
     panel_open(d.forms, d.other_names);
-    return start_server(d.words);
+    return start_server(d);
 }
 
 void end(bool whole)

@@ -51,7 +51,7 @@ Action next_of_burst(Decoder &d)
 {
     auto &burst = d.burst;
     burst.left--;
-    if (burst.is_troubled && burst.left % 32 == 3)
+    if (burst.is_troubled)
         d.trouble.kind = Trouble::NO_MEMORY;
     Action a;
     a.kind = Action::REQUEST;

@@ -38,13 +38,13 @@ struct Decoder {
     struct {
         int client, left; // reports of damage that are still to come
         int32_t w, h;     // all over this surface
-        bool is_troubled; // for some of them there is no memory
+        bool is_troubled; // there is no memory for them
         Random random;
     } burst;
     // Beside the last action: what goes wrong during it, who reads the log from now on, and which device (-1: none) is
     // another one from now on.
     Trouble trouble;
-    Trouble last_trouble; // of each hang-up at the end
+    Trouble other_trouble; // at the server's start, and of each hang-up at the end
     Readers readers;
     int described;
 };

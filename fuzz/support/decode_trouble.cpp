@@ -145,7 +145,7 @@ void decode_surroundings(Decoder &d, uint8_t kinds)
     d.other_names = (kinds & 8) != 0;
     if (kinds & 16) {
         decode_trouble(d);
-        d.last_trouble = d.trouble;
+        d.other_trouble = d.trouble;
     }
     if (kinds & 4) {
         for (int i = d.in.below(6); i > 0; i--)

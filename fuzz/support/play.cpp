@@ -246,7 +246,7 @@ Ending play_once(const uint8_t *data, size_t size, const Stage &stage)
     bool whole = true;
     try {
         if (stage.start(d))
-            whole = play_actions(d, stage) && hang_up_all(d.last_trouble, stage);
+            whole = play_actions(d, stage) && hang_up_all(d.other_trouble, stage);
     } catch (const FailedAssertion &failed) {
         fuzz_finding("%s: %s: assertion `%s' failed outside a request", failed.file.c_str(), failed.function.c_str(),
                      failed.expression.c_str());

@@ -123,6 +123,9 @@ void refuse_calls(FuzzInput &in)
         service->clock_ahead = kind % 2 ? -5 * G_USEC_PER_SEC : service->clock_ahead + 5 * G_USEC_PER_SEC;
         return;
     }
+    // Those that run out together are refused together.
+    if (kind >= 96 && kind < 128)
+        service->opening = {1, 1 + in.below(3), EMFILE};
     Refusal &refusal = kind < 128 ? service->accepting : kind < 192 ? service->receiving : service->sending;
     refusal = {1 + in.below(6), 1 + in.below(3), errors[kind % 9]};
 }
@@ -229,7 +232,7 @@ void close_service()
 {
     for (Client *&slot : service->slots)
         hang_up(slot);
-    service->accepting = service->receiving = service->sending = {};
+    service->accepting = service->receiving = service->sending = service->opening = {};
     service_turn();
     service_check();
     mc_factory_close(service->factory);

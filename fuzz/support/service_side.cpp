@@ -20,6 +20,10 @@ int fuzz_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *ti
 int real_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *timeout) asm("__real_recvmmsg");
 ssize_t fuzz_sendmsg(int fd, const msghdr *message, int flags) asm("__wrap_sendmsg");
 ssize_t real_sendmsg(int fd, const msghdr *message, int flags) asm("__real_sendmsg");
+// Which of the two names a program calls depends on how it was compiled.
+int fuzz_open(const char *path, int flags, ...) asm("__wrap_open");
+int fuzz_open64(const char *path, int flags, ...) asm("__wrap_open64");
+int real_open64(const char *path, int flags, ...) asm("__real_open64");
 gint64 fuzz_get_monotonic_time() asm("__wrap_g_get_monotonic_time");
 gint64 real_get_monotonic_time() asm("__real_g_get_monotonic_time");
 
@@ -219,6 +223,17 @@ int fuzz_recvmmsg(int fd, mmsghdr *messages, unsigned n, int flags, timespec *ti
 ssize_t fuzz_sendmsg(int fd, const msghdr *message, int flags)
 {
     return is_refused(&Service::sending) ? -1 : real_sendmsg(fd, message, flags);
+}
+
+// Nothing that is opened here is made by that.
+int fuzz_open64(const char *path, int flags, ...)
+{
+    return is_refused(&Service::opening) ? -1 : real_open64(path, flags, 0);
+}
+
+int fuzz_open(const char *path, int flags, ...)
+{
+    return fuzz_open64(path, flags);
 }
 
 gint64 fuzz_get_monotonic_time()

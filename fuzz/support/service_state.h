@@ -31,7 +31,7 @@ struct Service {
     socklen_t address_size = 0;
     std::vector<std::unique_ptr<Client>> clients; // all that have ever connected
     Client *slots[SLOTS] = {};                    // those that are connected now
-    Refusal accepting{}, receiving{}, sending{};
+    Refusal accepting{}, receiving{}, sending{}, opening{};
     gint64 clock_ahead = 0; // microseconds that the service's clock differs from the main loop's
     bool in_handler = false;
 };
