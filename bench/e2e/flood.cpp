@@ -83,15 +83,6 @@ bool move(Flooder *flooder)
     return alive && ask(flooder, "move", {0, 0});
 }
 
-// Draws under the lock without a pause: asks for the lock again as soon as it has given it back.
-bool lock(Flooder *flooder)
-{
-    bool alive = make_surface(flooder);
-    for (int i = 0; alive && i < STRETCH; i += 2)
-        alive = ask_and_wait(flooder, "lock_area", {0, 0, flooder->width, flooder->height}) && ask(flooder, "unlock");
-    return alive;
-}
-
 // Words that nobody knows, wrong arguments, and at the end a packet that is none: the server closes the connection.
 bool garbage(Flooder *flooder)
 {
@@ -144,11 +135,10 @@ bool mixture(Flooder *flooder)
 
 } // namespace
 
-// Several that draw under the lock hold it by turns without a gap: only one is set on a server.
 const Flood floods[] = {
     {"dirty", 3, dirty},     {"show-hide", 3, show_and_hide}, {"move", 3, move},
     {"garbage", 3, garbage}, {"visits", 3, visits},           {"deaf", 3, deaf},
-    {"lock", 1, lock},       {"mixture", 3, mixture},         {nullptr, 0, nullptr},
+    {"mixture", 3, mixture}, {nullptr, 0, nullptr},
 };
 
 const Flood *flood_find(const char *name)

@@ -18,7 +18,7 @@ NAMES = {'pfb': 'fbserver', 'floor1': 'floor, 1 copy', 'floor2': 'floor, 2 copie
 MIB = 1024 * 1024
 FLOODS = {'none': 'no flood', 'dirty': 'reports of the whole screen', 'show-hide': 'hiding and showing',
           'move': 'moving', 'garbage': 'garbage', 'visits': 'coming and going', 'deaf': 'questions, answers unread',
-          'lock': 'one that draws under the lock', 'mixture': 'a mixture'}
+          'mixture': 'a mixture'}
 FAIRNESS_BOUND_MS = 33  # docs/robustness.md says why
 RECOVERY_GOAL_MS = 100
 

@@ -23,7 +23,7 @@ SURFACES = [0, 10, 100, 300, 1000]
 CLIENTS = [0, 8, 32, 100, 200]
 REPORTS = [100, 1000, 10000, 100000]
 SCREENS = [(480, 272), (800, 480)]
-FLOODS = ['none', 'dirty', 'show-hide', 'move', 'garbage', 'visits', 'deaf', 'lock', 'mixture']
+FLOODS = ['none', 'dirty', 'show-hide', 'move', 'garbage', 'visits', 'deaf', 'mixture']
 FLOOD_SECONDS = 6
 PAUSES_MS = [0, 50]  # before the server is started again; the second one is that of packaging/fbserver.service
 

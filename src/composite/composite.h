@@ -89,8 +89,6 @@ void fs_dump_status(FbServer *fs);
 
 // One pass; a GLib idle callback (data is the FbServer). Always returns 0, which drops the idle source.
 int fs_render(void *data);
-// The pass that is due runs now, not when the loop has time for it; nothing when none is due.
-void fs_render_due(FbServer *fs);
 
 // Moves the region (screen) of `src`, whose pixel (0, 0) lies at (x, y) on the screen, into `dst`.
 void image_render(FbServer *fs, Backend *backend, xc_image *src, xc_image *dst, const Region *region, int32_t x,

@@ -11,6 +11,7 @@
 #include <sys/time.h>
 
 #include "../base/assert.h"
+#include "../base/escape.h"
 #include "../base/output.h"
 #include "../base/wrap.h"
 #include "client_limits.h"
@@ -83,8 +84,9 @@ void bound_reports(const FbServer *fs, ImageSurface *surface)
     if (!region_bound(&surface->dirty_region, most) || surface_has(surface, SURFACE_MANY))
         return;
     surface->flags |= SURFACE_MANY;
+    char name[1024]; // the longest name that libmc lets in, with every byte escaped
     out_printf("%s: reports of %s are more than %d rectangles: drawn as one\n", "fs_add_dirty",
-               surface->name != nullptr ? surface->name : "(null)", most);
+               escape_text(surface->name != nullptr ? surface->name : "(null)", name, sizeof name), most);
 }
 
 // So many boxes more make the region no larger, for a moment, than twice what it is and a million rectangles: lines may
@@ -141,6 +143,7 @@ void fs_damage_surface(FbServer *fs, ImageSurface *surface)
     fs_crop_area(fs, area);
     if (area->x2 >= area->x1 && area->y1 < area->y2 && surface->backend != nullptr &&
         surface->backend->damage_region != nullptr) {
+        fs_schedule_render(fs);
         region_union_rect(surface->backend->damage_region, surface->backend->damage_region, area);
         region_bound(surface->backend->damage_region, SINGLE_RECTS);
     }

@@ -106,7 +106,6 @@ struct FbServer {
     int32_t rotation_lock; // render-lock counts held for a rotation
     int32_t lock_count;    // render lock: 0 is unlocked
     uint32_t idle_source;  // the pending idle render, 0: none
-    uint32_t passes;       // renders so far; wraps
     int32_t n_backend;
     Backend **backends; // the array is owned, the records are static; order of first use
 };

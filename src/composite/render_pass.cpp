@@ -260,7 +260,6 @@ void report_short_memory(const FbServer *fs)
 {
     auto *fs = static_cast<FbServer *>(data);
     fs->idle_source = 0;
-    fs->passes++;
     if (collect(fs)) {
         const Drawers drawers = assign(fs);
         const bool cleared = clear_outputs(fs);
@@ -271,12 +270,4 @@ void report_short_memory(const FbServer *fs)
     report_short_memory(fs);
     out_flush();
     return G_SOURCE_REMOVE;
-}
-
-void fs_render_due(FbServer *fs)
-{
-    if (fs->idle_source == 0)
-        return;
-    g_source_remove(fs->idle_source);
-    fs_render(fs);
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "../kernels/kernels.h"
+#include "client_limits.h"
 #include "extent.h"
 
 namespace {
@@ -233,6 +234,7 @@ void scale_refresh(ImageSurface *surface)
     for (int i = 0; i < n; i++) {
         const Rect to = map_to_scaled(surface, rects[i]);
         region_union_rect(&refreshed, &refreshed, &to);
+        region_bound(&refreshed, SINGLE_RECTS); // what is drawn beyond that is as it was
         if (to.x1 >= to.x2 || to.y1 >= to.y2)
             continue;
         if (surface->scale_state->orig_img->depth == 32)

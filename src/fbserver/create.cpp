@@ -86,6 +86,7 @@ int open_object(const char *name)
     const int fd = shm_open(name, O_RDWR | O_NONBLOCK, 0);
     if (fd == -1 && errno == EWOULDBLOCK) {
         out_printf("%s: refused: the shared memory is held by a lease\n", "create");
+        shm_unlink(name);
     } else if (fd == -1) {
         err_perror("shm_open");
         fs_assert_in("create", 0);

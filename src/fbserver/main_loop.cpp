@@ -48,7 +48,7 @@ void let_signals_in()
     // A poll that need not wait lets no signal in: clients that flood would keep them out for ever. Now and then is
     // enough, and saves two system calls a turn.
     static unsigned turns_since;
-    if (ready <= 0) {
+    if (ready < 0 || (ready == 0 && timeout_ms != 0)) {
         turns_since = 0;
     } else if (++turns_since >= TURNS_WITHOUT_SIGNALS) {
         turns_since = 0;
