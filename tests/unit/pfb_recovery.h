@@ -66,7 +66,7 @@ protected:
             if (poll(&entry, 1, PATIENCE_MS) <= 0)
                 return false;
             wakeups++;
-            EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+            EXPECT_EQ(turn(), PFB_OK);
         }
         return true;
     }
@@ -104,6 +104,8 @@ protected:
 
     PfbService service;
     pfb_client *client = nullptr;
+    // What the application calls when there is something to do.
+    std::function<int()> turn = [this] { return pfb_dispatch(client); };
     std::vector<pfb_event> events;
     int wakeups = 0;
 };
