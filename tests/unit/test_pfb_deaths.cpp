@@ -382,6 +382,27 @@ TEST_F(PfbRecovery, OneLockIsNotUnlockedByTheCallbackAndTheRequestAroundIt)
     EXPECT_THAT(service.take(5), ElementsAre(StartsWith("create "), "lock_area iiii 0 0 0 0", DEPTH, "unlock ", DEPTH));
 }
 
+TEST_F(PfbRecovery, TheCallbackMaySwitchItOffInsideARequestThatWaits)
+{
+    create();
+    pfb_set_event_func(
+        client, [](pfb_client *c, pfb_event, void *) { EXPECT_EQ(pfb_set_reconnect(c, 0), PFB_OK); }, nullptr);
+    service.close();
+    pfb_set_timeout(client, 500); // it must not come to that
+    int depth;
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_ERROR_GONE) << pfb_error_text();
+    EXPECT_EQ(pfb_status(client), PFB_ERROR_GONE);
+}
+
+TEST_F(PfbRecovery, TheCallbackMaySwitchItOffInsideARequestThatIsRemembered)
+{
+    create();
+    pfb_set_event_func(
+        client, [](pfb_client *c, pfb_event, void *) { EXPECT_EQ(pfb_set_reconnect(c, 0), PFB_OK); }, nullptr);
+    service.close();
+    EXPECT_EQ(pfb_show(client), PFB_ERROR_GONE) << "nobody will ever send it";
+}
+
 TEST(PfbRecoveryNull, NothingIsDoneWithNull)
 {
     EXPECT_EQ(pfb_dispatch(nullptr), PFB_ERROR_ARGUMENT);
