@@ -46,7 +46,7 @@ int fail_connect()
 
 int connect_first(pfb_client *client)
 {
-    client->connection = mc_connect(SERVICE, client->name);
+    client->connection = mc_connect_in_time(SERVICE, client->name, client->timeout_ms);
     return client->connection != nullptr ? recovery_start(client) : fail_connect();
 }
 

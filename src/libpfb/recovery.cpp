@@ -164,7 +164,7 @@ void restore(pfb_client *client)
 
 void attempt(pfb_client *client)
 {
-    client->connection = mc_connect(SERVICE, client->name);
+    client->connection = mc_connect_in_time(SERVICE, client->name, 0);
     if (client->connection == nullptr) {
         attempt_later(client);
         return;

@@ -403,6 +403,36 @@ TEST_F(PfbRecovery, TheCallbackMaySwitchItOffInsideARequestThatIsRemembered)
     EXPECT_EQ(pfb_show(client), PFB_ERROR_GONE) << "nobody will ever send it";
 }
 
+// A server that is stopped, or one that is yet to be started by whoever holds its socket.
+TEST_F(PfbRecovery, ASocketThatTakesNoMoreConnectionsHoldsNobodyUp)
+{
+    create();
+    service.close();
+    service.take(0);
+    {
+        const FullSocket full(service.socket_path());
+        const int before = wakeups;
+        EXPECT_TRUE(dispatch_until([&] { return wakeups >= before + 5; }));
+        EXPECT_EQ(pfb_is_connected(client), 0);
+        EXPECT_EQ(pfb_move(client, 1, 2), PFB_OK);
+        pfb_set_timeout(client, 20);
+        EXPECT_EQ(pfb_status(client), PFB_ERROR_TIMEOUT);
+        pfb_set_timeout(client, PATIENCE_MS);
+    }
+    service.open();
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create iiiiiiiiis 0 32 1 2 "), DEPTH));
+}
+
+TEST_F(PfbRecovery, ConnectingToASocketThatTakesNoMoreEndsByItsTimeOut)
+{
+    service.close();
+    const FullSocket full(service.socket_path());
+    EXPECT_EQ(pfb_connect("fb.second"), nullptr);
+    EXPECT_EQ(pfb_error(), PFB_ERROR_TIMEOUT);
+    EXPECT_STREQ(pfb_error_text(), "pfb_connect: connecting: the server has not answered in time");
+}
+
 TEST(PfbRecoveryNull, NothingIsDoneWithNull)
 {
     EXPECT_EQ(pfb_dispatch(nullptr), PFB_ERROR_ARGUMENT);
