@@ -125,6 +125,9 @@ void mc_set_log(mc_log_func log);
 /* Connects to a service under a name. NULL with errno set: ENOENT or ECONNREFUSED (no server listens),
  * EACCES (not allowed), ENAMETOOLONG, EMFILE, ... Close with mc_close. */
 mc_connection *mc_connect(const char *service_name, const char *client_name);
+/* mc_connect blocks while the server has too many connections to take. The same, blocking for at most timeout_ms
+ * milliseconds (-1: for ever, 0: not at all); NULL with ETIMEDOUT then. */
+mc_connection *mc_connect_in_time(const char *service_name, const char *client_name, int timeout_ms);
 
 /* Sends a request and does not wait for an answer; blocks while the server is behind. The packet stays the caller's.
  * Answers that have arrived are thrown away: nobody waits for them any more.

@@ -4,13 +4,16 @@
 #include "names.h"
 #include "wire.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 using namespace libmc;
@@ -59,16 +62,38 @@ bool wait_until(int fd, short events, int64_t deadline)
     }
 }
 
-int connect_socket(const sockaddr_un &address)
+// How long connect may block: until the deadline, or 0, without limit.
+int limit_connect(int fd, int64_t deadline)
 {
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    timeval limit = {};
+    if (deadline != FOR_EVER) {
+        const int64_t left = std::max<int64_t>(deadline - now_ms(), 1);
+        limit.tv_sec = static_cast<time_t>(left / 1000);
+        limit.tv_usec = static_cast<suseconds_t>(left % 1000 * 1000);
+    }
+    return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+int connect_until(int fd, const sockaddr_un &address, int64_t deadline)
+{
+    do {
+        if (limit_connect(fd, deadline) < 0)
+            return -1;
+        if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+            return limit_connect(fd, FOR_EVER);
+    } while (errno == EINTR);
+    if (errno == EAGAIN) // the server's queue was full all the time
+        errno = ETIMEDOUT;
+    return -1;
+}
+
+// A blocking socket in any case.
+int connect_socket(const sockaddr_un &address, int timeout_ms)
+{
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (timeout_ms == 0 ? SOCK_NONBLOCK : 0), 0);
     if (fd < 0)
         return -1;
-    int result;
-    do {
-        result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    } while (result < 0 && errno == EINTR);
-    if (result == 0)
+    if (connect_until(fd, address, deadline_in(timeout_ms)) == 0 && fcntl(fd, F_SETFL, 0) == 0)
         return fd;
     const int error = errno;
     close(fd);
@@ -195,6 +220,11 @@ mc_packet *answer_until(mc_connection *connection, int64_t deadline)
 
 mc_connection *mc_connect(const char *service_name, const char *client_name)
 {
+    return mc_connect_in_time(service_name, client_name, -1);
+}
+
+mc_connection *mc_connect_in_time(const char *service_name, const char *client_name, int timeout_ms)
+{
     sockaddr_un address;
     if (service_address(service_name, &address) < 0)
         return nullptr;
@@ -202,7 +232,7 @@ mc_connection *mc_connect(const char *service_name, const char *client_name)
         errno = client_name ? ENAMETOOLONG : EINVAL;
         return nullptr;
     }
-    const int fd = connect_socket(address);
+    const int fd = connect_socket(address, timeout_ms);
     if (fd < 0)
         return nullptr;
     mc_connection *connection = connection_new(Side::client, fd, client_name);

@@ -46,7 +46,7 @@ int fail_connect()
 
 int connect_first(pfb_client *client)
 {
-    client->connection = mc_connect(SERVICE, client->name);
+    client->connection = mc_connect_in_time(SERVICE, client->name, client->timeout_ms);
     return client->connection != nullptr ? recovery_start(client) : fail_connect();
 }
 
@@ -131,6 +131,27 @@ int check_surface(const pfb_client *client, const char *function)
     if (checked == PFB_OK && client->pixels == nullptr)
         return fail(PFB_ERROR_STATE, function, "%s has no surface", client->name);
     return checked;
+}
+
+int check_position(const char *function, int32_t x, int32_t y)
+{
+    if (x < -PFB_COORDINATE_MAX || x > PFB_COORDINATE_MAX || y < -PFB_COORDINATE_MAX || y > PFB_COORDINATE_MAX)
+        return fail(PFB_ERROR_ARGUMENT, function, "position %d, %d is not within +-%d", x, y, PFB_COORDINATE_MAX);
+    return PFB_OK;
+}
+
+int check_size(const char *function, int32_t width, int32_t height, int32_t least)
+{
+    if (width < least || height < least || width > PFB_COORDINATE_MAX || height > PFB_COORDINATE_MAX)
+        return fail(PFB_ERROR_ARGUMENT, function, "size %d x %d is not within %d to %d", width, height, least,
+                    PFB_COORDINATE_MAX);
+    return PFB_OK;
+}
+
+int check_area(const char *function, const Area &area)
+{
+    const int positioned = check_position(function, area.x, area.y);
+    return positioned == PFB_OK ? check_size(function, area.width, area.height, 0) : positioned;
 }
 
 int send_now(pfb_client *client, const Request &request)

@@ -164,7 +164,7 @@ void restore(pfb_client *client)
 
 void attempt(pfb_client *client)
 {
-    client->connection = mc_connect(SERVICE, client->name);
+    client->connection = mc_connect_in_time(SERVICE, client->name, 0);
     if (client->connection == nullptr) {
         attempt_later(client);
         return;
@@ -216,22 +216,6 @@ void tell_events(pfb_client *client)
     }
 }
 
-// Steps and waits until the phase is ready or, where that will do, lost.
-int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, bool lost_will_do)
-{
-    for (;;) {
-        recovery_step(client);
-        if (client->phase == Phase::ready || (lost_will_do && client->phase == Phase::lost))
-            return PFB_OK;
-        pollfd entry = {client->epoll_fd, POLLIN, 0};
-        const int n = poll(&entry, 1, left(deadline));
-        if (n == 0)
-            return fail(PFB_ERROR_TIMEOUT, function, "the server has ended, and none has taken its place in time");
-        if (n < 0 && errno != EINTR)
-            return fail_errno(function, "poll");
-    }
-}
-
 // A restoration that has begun is brought to its end even when recovery has been switched off meanwhile.
 bool recovers(const pfb_client *client)
 {
@@ -245,6 +229,24 @@ int check_connection(const pfb_client *client, const char *function)
         return PFB_OK;
     errno = EPIPE;
     return fail_errno(function, "sending");
+}
+
+// Steps and waits until the phase is ready or, where that will do, lost.
+int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, bool lost_will_do)
+{
+    for (;;) {
+        recovery_step(client);
+        if (!recovers(client)) // or not any more: the application was called
+            return check_connection(client, function);
+        if (client->phase == Phase::ready || (lost_will_do && client->phase == Phase::lost))
+            return PFB_OK;
+        pollfd entry = {client->epoll_fd, POLLIN, 0};
+        const int n = poll(&entry, 1, left(deadline));
+        if (n == 0)
+            return fail(PFB_ERROR_TIMEOUT, function, "the server has ended, and none has taken its place in time");
+        if (n < 0 && errno != EINTR)
+            return fail_errno(function, "poll");
+    }
 }
 
 } // namespace
@@ -299,12 +301,12 @@ void recovery_step(pfb_client *client)
 
 int recovery_settle(pfb_client *client, const char *function, int64_t deadline)
 {
-    return recovers(client) ? wait_for_phase(client, function, deadline, true) : check_connection(client, function);
+    return wait_for_phase(client, function, deadline, true);
 }
 
 int recovery_wait(pfb_client *client, const char *function, int64_t deadline)
 {
-    return recovers(client) ? wait_for_phase(client, function, deadline, false) : check_connection(client, function);
+    return wait_for_phase(client, function, deadline, false);
 }
 
 int recovery_start(pfb_client *client)

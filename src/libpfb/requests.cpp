@@ -6,31 +6,6 @@
 
 using namespace libpfb;
 
-namespace libpfb {
-
-int check_position(const char *function, int32_t x, int32_t y)
-{
-    if (x < -PFB_COORDINATE_MAX || x > PFB_COORDINATE_MAX || y < -PFB_COORDINATE_MAX || y > PFB_COORDINATE_MAX)
-        return fail(PFB_ERROR_ARGUMENT, function, "position %d, %d is not within +-%d", x, y, PFB_COORDINATE_MAX);
-    return PFB_OK;
-}
-
-int check_size(const char *function, int32_t width, int32_t height, int32_t least)
-{
-    if (width < least || height < least || width > PFB_COORDINATE_MAX || height > PFB_COORDINATE_MAX)
-        return fail(PFB_ERROR_ARGUMENT, function, "size %d x %d is not within %d to %d", width, height, least,
-                    PFB_COORDINATE_MAX);
-    return PFB_OK;
-}
-
-int check_area(const char *function, const Area &area)
-{
-    const int positioned = check_position(function, area.x, area.y);
-    return positioned == PFB_OK ? check_size(function, area.width, area.height, 0) : positioned;
-}
-
-} // namespace libpfb
-
 namespace {
 
 // The connection was found ended in a request that is not sent again. With recovery the client is on its way back
@@ -54,13 +29,21 @@ int pass(pfb_client *client, const Request &request)
     return result == PFB_OK ? ended(client, send(client, request, deadline)) : result;
 }
 
-// For a request after which the client's surface has the state `next`. While there is no server it has it here; the
-// next one gets it with the surface.
-int change(pfb_client *client, const Request &request, const SurfaceState &next)
+// For a request that changes the client's surface as `apply` does with a state, or fails to. While there is no server
+// the change is made here; the next one gets it with the surface. Settling may leave out earlier changes and may call
+// the application, which may make others: so the change is made to what is there afterwards, and checked again.
+template <typename Apply> int change(pfb_client *client, const Request &request, const Apply &apply)
 {
+    SurfaceState next = client->state;
+    int result = apply(next);
+    if (result != PFB_OK)
+        return result;
     const LastError error = error_save();
     const int64_t deadline = deadline_of(client);
-    int result = recovery_settle(client, request.function, deadline);
+    result = recovery_settle(client, request.function, deadline);
+    next = client->state;
+    if (result == PFB_OK)
+        result = apply(next);
     if (result == PFB_OK && client->phase == Phase::ready)
         result = send_into_queue(client, request, deadline);
     const bool lost = result == PFB_ERROR_GONE && client->reconnect;
@@ -79,12 +62,12 @@ int change(pfb_client *client, const Request &request, const SurfaceState &next)
 
 // Sends when the client can and `checked` says that the arguments are good. Without a surface of its own a client acts
 // on the selected one.
-int send_checked(pfb_client *client, int checked, const Request &request, const SurfaceState &next)
+template <typename Apply> int send_checked(pfb_client *client, int checked, const Request &request, const Apply &apply)
 {
     const int usable = check_client(client, request.function);
     if (usable != PFB_OK || checked != PFB_OK)
         return usable != PFB_OK ? usable : checked;
-    return client->pixels != nullptr ? change(client, request, next) : pass(client, request);
+    return client->pixels != nullptr ? change(client, request, apply) : pass(client, request);
 }
 
 int pass_checked(pfb_client *client, int checked, const Request &request)
@@ -93,12 +76,6 @@ int pass_checked(pfb_client *client, int checked, const Request &request)
     if (usable != PFB_OK || checked != PFB_OK)
         return usable != PFB_OK ? usable : checked;
     return pass(client, request);
-}
-
-// The present state, to be changed; anything for a null client.
-SurfaceState state_of(const pfb_client *client)
-{
-    return client != nullptr ? client->state : SurfaceState{};
 }
 
 // What a resize may reach.
@@ -140,6 +117,15 @@ int check_scale(const pfb_client *client, const char *function, const Area &from
         return fail(PFB_ERROR_ARGUMENT, function, "source ends at column %d, beyond the present destination's %d",
                     from.x + from.width, reach);
     return check_position(function, to.x, to.y);
+}
+
+int check_resize(const pfb_client *client, const char *function, int32_t width, int32_t height)
+{
+    const Area limit = limit_of(client);
+    if (width <= limit.width && height <= limit.height)
+        return PFB_OK;
+    return fail(PFB_ERROR_ARGUMENT, function, "size %d x %d is beyond the surface's %d x %d", width, height,
+                limit.width, limit.height);
 }
 
 // Scaling, and its end, make a surface without alpha opaque as a whole.
@@ -226,63 +212,68 @@ int depth_from(const mc_packet *answer, const char *function, int32_t *depth)
 
 int pfb_show(pfb_client *client)
 {
-    SurfaceState next = state_of(client);
-    next.shown = true;
-    return send_checked(client, PFB_OK, {__func__, "show"}, next);
+    return send_checked(client, PFB_OK, {__func__, "show"}, [](SurfaceState &state) {
+        state.shown = true;
+        return PFB_OK;
+    });
 }
 
 int pfb_hide(pfb_client *client)
 {
-    SurfaceState next = state_of(client);
-    next.shown = false;
-    return send_checked(client, PFB_OK, {__func__, "hide"}, next);
+    return send_checked(client, PFB_OK, {__func__, "hide"}, [](SurfaceState &state) {
+        state.shown = false;
+        return PFB_OK;
+    });
 }
 
 int pfb_move(pfb_client *client, int32_t x, int32_t y)
 {
-    SurfaceState next = state_of(client);
-    next.area.x = x;
-    next.area.y = y;
-    return send_checked(client, check_position(__func__, x, y), {__func__, "move", {x, y}}, next);
+    return send_checked(client, check_position(__func__, x, y), {__func__, "move", {x, y}}, [=](SurfaceState &state) {
+        state.area.x = x;
+        state.area.y = y;
+        return PFB_OK;
+    });
 }
 
 int pfb_resize(pfb_client *client, int32_t width, int32_t height)
 {
-    int checked = check_size(__func__, width, height, 1);
-    if (checked == PFB_OK && pfb_pixels(client) != nullptr) {
-        const Area limit = limit_of(client);
-        if (width > limit.width || height > limit.height)
-            checked = fail(PFB_ERROR_ARGUMENT, __func__, "size %d x %d is beyond the surface's %d x %d", width, height,
-                           limit.width, limit.height);
-    }
-    SurfaceState next = state_of(client);
-    next.area.width = width;
-    next.area.height = height;
-    return send_checked(client, checked, {__func__, "resize", {width, height}}, next);
+    const char *function = __func__;
+    return send_checked(client, check_size(function, width, height, 1), {function, "resize", {width, height}},
+                        [=](SurfaceState &state) {
+                            state.area.width = width;
+                            state.area.height = height;
+                            return check_resize(client, function, width, height);
+                        });
 }
 
 int pfb_set_layer(pfb_client *client, int32_t level)
 {
-    SurfaceState next = state_of(client);
-    next.level = level;
-    return send_checked(client, PFB_OK, {__func__, "set_layer", {level}}, next);
+    return send_checked(client, PFB_OK, {__func__, "set_layer", {level}}, [=](SurfaceState &state) {
+        state.level = level;
+        return PFB_OK;
+    });
 }
 
 int pfb_set_clip(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
-    SurfaceState next = state_of(client);
-    next.clipped = true;
-    next.clip = {x, y, width, height};
-    return send_checked(client, check_area(__func__, next.clip), {__func__, "set_clip", {x, y, width, height}}, next);
+    const Area area{x, y, width, height};
+    return send_checked(client, check_area(__func__, area), {__func__, "set_clip", {x, y, width, height}},
+                        [=](SurfaceState &state) {
+                            state.clipped = true;
+                            state.clip = area;
+                            return PFB_OK;
+                        });
 }
 
 int pfb_set_opaque_area(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
-    SurfaceState next = state_of(client);
-    next.opaque_given = true;
-    next.opaque = {x, y, width, height};
-    return send_checked(client, check_area(__func__, next.opaque), {__func__, "opaque_area", {x, y, width, height}},
-                        next);
+    const Area area{x, y, width, height};
+    return send_checked(client, check_area(__func__, area), {__func__, "opaque_area", {x, y, width, height}},
+                        [=](SurfaceState &state) {
+                            state.opaque_given = true;
+                            state.opaque = area;
+                            return PFB_OK;
+                        });
 }
 
 int pfb_set_color_plane(pfb_client *client, uint32_t plane)
@@ -290,30 +281,33 @@ int pfb_set_color_plane(pfb_client *client, uint32_t plane)
     const int checked = shows_something(plane)
                             ? int{PFB_OK}
                             : fail(PFB_ERROR_ARGUMENT, __func__, "plane %08x is neither a colour nor a veil", plane);
-    SurfaceState next = state_of(client);
-    next.plane = plane;
-    return send_checked(client, checked, {__func__, "color_plane", {static_cast<int32_t>(plane)}}, next);
+    return send_checked(client, checked, {__func__, "color_plane", {static_cast<int32_t>(plane)}},
+                        [=](SurfaceState &state) {
+                            state.plane = plane;
+                            return PFB_OK;
+                        });
 }
 
 int pfb_set_scale(pfb_client *client, int32_t source_x, int32_t source_y, int32_t source_width, int32_t source_height,
                   int32_t x, int32_t y, int32_t width, int32_t height)
 {
-    int result = check_surface(client, __func__);
-    if (result != PFB_OK)
-        return result;
+    const char *function = __func__;
+    const int usable = check_surface(client, function);
+    if (usable != PFB_OK)
+        return usable;
     const Area from{source_x, source_y, source_width, source_height}, to{x, y, width, height};
-    result = check_scale(client, __func__, from, to);
-    if (result != PFB_OK)
-        return result;
     return change(client,
-                  {__func__, "set_scale", {source_x, source_y, source_width, source_height, x, y, width, height}},
-                  scaled_state(client, from, to));
+                  {function, "set_scale", {source_x, source_y, source_width, source_height, x, y, width, height}},
+                  [=](SurfaceState &state) {
+                      state = scaled_state(client, from, to);
+                      return check_scale(client, function, from, to);
+                  });
 }
 
 int pfb_dirty(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
     return send_checked(client, check_area(__func__, {x, y, width, height}), {__func__, "dirty", {x, y, width, height}},
-                        state_of(client));
+                        [](SurfaceState &) { return PFB_OK; });
 }
 
 int pfb_lock(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
@@ -337,15 +331,17 @@ int pfb_lock(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t he
 
 int pfb_unlock(pfb_client *client)
 {
-    const int usable = check_surface(client, __func__);
+    const char *function = __func__;
+    const int usable = check_surface(client, function);
     if (usable != PFB_OK)
         return usable;
-    if (client->state.locks == 0)
-        return fail(PFB_ERROR_STATE, __func__, "%s holds no lock", client->name);
-    SurfaceState next = client->state;
-    next.locks--;
-    next.blocked = false;
-    return change(client, {__func__, "unlock"}, next);
+    return change(client, {function, "unlock"}, [=](SurfaceState &state) {
+        if (state.locks == 0)
+            return fail(PFB_ERROR_STATE, function, "%s holds no lock", client->name);
+        state.locks--;
+        state.blocked = false;
+        return int{PFB_OK};
+    });
 }
 
 int pfb_block_until_unlock(pfb_client *client)
@@ -353,16 +349,18 @@ int pfb_block_until_unlock(pfb_client *client)
     const int usable = check_surface(client, __func__);
     if (usable != PFB_OK)
         return usable;
-    SurfaceState next = client->state;
-    next.blocked = true;
-    return change(client, {__func__, "block_until_unlock"}, next);
+    return change(client, {__func__, "block_until_unlock"}, [](SurfaceState &state) {
+        state.blocked = true;
+        return PFB_OK;
+    });
 }
 
 int pfb_set_sync(pfb_client *client, int on)
 {
-    SurfaceState next = state_of(client);
-    next.sync = on != 0;
-    return send_checked(client, PFB_OK, {__func__, "set_sync", {on != 0}}, next);
+    return send_checked(client, PFB_OK, {__func__, "set_sync", {on != 0}}, [=](SurfaceState &state) {
+        state.sync = on != 0;
+        return PFB_OK;
+    });
 }
 
 int pfb_get_color_depth(pfb_client *client, int *depth)

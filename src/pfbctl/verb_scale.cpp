@@ -46,7 +46,7 @@ bool send_scale(mc_connection *connection, const int *n)
 // surface the request goes over the channel itself; the selection counts for all connections.
 int scale(pfb_client *, const int *n)
 {
-    mc_connection *connection = mc_connect("pfb", "pfbctl");
+    mc_connection *connection = mc_connect_in_time("pfb", "pfbctl", ANSWER_MS);
     if (connection == nullptr || !send_scale(connection, n)) {
         complain_errno("set_scale");
         mc_close(connection);

@@ -5,10 +5,13 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <fcntl.h>
 #include <memory>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -63,6 +66,37 @@ TEST_F(McClient, GreetsWithExactlyTheseBytes)
     EXPECT_EQ(next_request(), greeting("me"));
     EXPECT_STREQ(mc_connection_name(client), "me");
     EXPECT_GE(mc_fd(client), 0);
+}
+
+// With room again it is connected, and its socket is as one of mc_connect.
+TEST_F(McClient, ConnectsInTimeOrNotAtAll)
+{
+    ASSERT_EQ(listen(listening.get(), 0), 0);
+    std::vector<mc_connection *> all;
+    while (mc_connection *one = mc_connect_in_time("svc", "one", 0)) {
+        all.push_back(one);
+        ASSERT_LE(all.size(), 10u);
+    }
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(mc_connect_in_time("svc", "one", 30), nullptr);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    std::thread taker([&] {
+        for (size_t i = 0; i <= all.size(); i++)
+            Fd(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    });
+    mc_connection *late = mc_connect_in_time("svc", "late", 30000);
+    EXPECT_NE(late, nullptr) << strerror(errno);
+    if (late != nullptr) {
+        EXPECT_EQ(fcntl(mc_fd(late), F_GETFL) & O_NONBLOCK, 0);
+        timeval limit = {1, 1};
+        socklen_t size = sizeof limit;
+        EXPECT_EQ(getsockopt(mc_fd(late), SOL_SOCKET, SO_SNDTIMEO, &limit, &size), 0);
+        EXPECT_EQ(limit.tv_sec + limit.tv_usec, 0);
+    }
+    taker.join();
+    all.push_back(late);
+    for (mc_connection *one : all)
+        mc_close(one);
 }
 
 TEST_F(McClient, SendsUnderRisingSerials)

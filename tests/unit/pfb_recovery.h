@@ -4,12 +4,16 @@
 
 #include "pfb.h"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <vector>
 
@@ -32,6 +36,38 @@ inline size_t shared_objects()
 {
     return entries("/dev/shm", "pfb." + std::to_string(getpid()) + ".");
 }
+
+// A socket in the service's place that nobody takes connections from, with no room for one more.
+class FullSocket {
+public:
+    explicit FullSocket(const std::string &path) : path_(path)
+    {
+        address_.sun_family = AF_UNIX;
+        strncpy(address_.sun_path, path.c_str(), sizeof address_.sun_path - 1);
+        fds_.push_back(new_socket());
+        EXPECT_EQ(bind(fds_[0], reinterpret_cast<sockaddr *>(&address_), sizeof address_), 0) << strerror(errno);
+        EXPECT_EQ(listen(fds_[0], 0), 0);
+        do
+            fds_.push_back(new_socket());
+        while (connect(fds_.back(), reinterpret_cast<sockaddr *>(&address_), sizeof address_) == 0);
+        EXPECT_EQ(errno, EAGAIN) << strerror(errno);
+    }
+    ~FullSocket()
+    {
+        for (const int fd : fds_)
+            ::close(fd);
+        unlink(path_.c_str());
+    }
+    FullSocket(const FullSocket &) = delete;
+    FullSocket &operator=(const FullSocket &) = delete;
+
+private:
+    static int new_socket() { return socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); }
+
+    std::string path_;
+    sockaddr_un address_ = {};
+    std::vector<int> fds_;
+};
 
 class PfbRecovery : public testing::Test {
 protected:
@@ -66,7 +102,7 @@ protected:
             if (poll(&entry, 1, PATIENCE_MS) <= 0)
                 return false;
             wakeups++;
-            EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+            EXPECT_EQ(turn(), PFB_OK);
         }
         return true;
     }
@@ -104,6 +140,8 @@ protected:
 
     PfbService service;
     pfb_client *client = nullptr;
+    // What the application calls when there is something to do.
+    std::function<int()> turn = [this] { return pfb_dispatch(client); };
     std::vector<pfb_event> events;
     int wakeups = 0;
 };

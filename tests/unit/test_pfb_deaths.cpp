@@ -85,6 +85,49 @@ TEST_F(PfbRecovery, ADeadlyChangeIsLeftOutInTheEnd)
     EXPECT_EQ(pfb_resize(client, 100, 50), PFB_OK);
 }
 
+// The same for a program that only ever draws: what it calls changes nothing, and brings nothing back.
+TEST_F(PfbRecovery, DrawingDoesNotBringADeadlyChangeBack)
+{
+    create();
+    turn = [this] { return pfb_dirty(client, 0, 0, 1, 1); };
+    const std::string deadly = "resize ii 66 6";
+    service.die_of(deadly);
+    EXPECT_EQ(pfb_resize(client, 66, 6), PFB_OK);
+    EXPECT_EQ(service.take(1).back(), deadly);
+    for (int i = 0; i < 2; i++)
+        die_on_return(deadly);
+    service.close();
+    service.open();
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(3),
+                ElementsAre("create iiiiiiiiis 0 32 10 20 100 50 448 3 0 NAME", DEPTH, "dirty iiii 0 0 1 1"));
+    EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_REDUCED, PFB_EVENT_RESTORED));
+}
+
+// The part that was left out held more pixels than there are without it.
+TEST_F(PfbRecovery, AResizeIsCheckedAgainstWhatIsLeft)
+{
+    create();
+    const std::string deadly = "set_scale iiiiiiii 0 0 100 50 0 0 200 100";
+    service.die_of(deadly);
+    EXPECT_EQ(pfb_set_scale(client, 0, 0, 100, 50, 0, 0, 200, 100), PFB_OK);
+    service.take(1);
+    die_on_return(deadly);
+    service.close();
+    service.die_of("set_scale ");
+    service.open();
+    int result = PFB_OK;
+    turn = [&] { return result = pfb_resize(client, 150, 80), PFB_OK; };
+    EXPECT_TRUE(dispatch_until([&] { return result != PFB_OK; }));
+    EXPECT_EQ(result, PFB_ERROR_ARGUMENT);
+    service.close();
+    service.take(0);
+    service.open();
+    turn = [this] { return pfb_dispatch(client); };
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH));
+}
+
 // A client that only draws is never answered. That a server has gone on is as good: others may end the next two.
 TEST_F(PfbRecovery, WhatAServerHasLivedWithIsNotLeftOut)
 {
@@ -301,6 +344,93 @@ TEST_F(PfbRecovery, TheCallbackMayAskForMore)
         ASSERT_EQ(pfb_move(client, 5, 6), PFB_OK);
     EXPECT_EQ(wakeups, 1);
     EXPECT_THAT(service.take(3), testing::Contains("show "));
+}
+
+void unlock_when_restored(pfb_client *client, pfb_event event, void *)
+{
+    if (event == PFB_EVENT_RESTORED) {
+        EXPECT_EQ(pfb_unlock(client), PFB_OK) << pfb_error_text();
+    }
+}
+
+// What a function that is told does inside a request is not undone by the request.
+TEST_F(PfbRecovery, TheCallbackMayUnlockInsideARequest)
+{
+    create();
+    ASSERT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
+    pfb_set_event_func(client, unlock_when_restored, nullptr);
+    service.close();
+    service.take(0);
+    service.open();
+    EXPECT_EQ(pfb_dirty(client, 0, 0, 1, 1), PFB_OK);
+    EXPECT_THAT(service.take(5),
+                ElementsAre(StartsWith("create "), "lock_area iiii 0 0 0 0", DEPTH, "unlock ", "dirty iiii 0 0 1 1"));
+    EXPECT_EQ(pfb_unlock(client), PFB_ERROR_STATE);
+}
+
+TEST_F(PfbRecovery, OneLockIsNotUnlockedByTheCallbackAndTheRequestAroundIt)
+{
+    create();
+    ASSERT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
+    pfb_set_event_func(client, unlock_when_restored, nullptr);
+    service.close();
+    service.take(0);
+    service.open();
+    EXPECT_EQ(pfb_unlock(client), PFB_ERROR_STATE) << "the callback was first";
+    int depth;
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
+    EXPECT_THAT(service.take(5), ElementsAre(StartsWith("create "), "lock_area iiii 0 0 0 0", DEPTH, "unlock ", DEPTH));
+}
+
+TEST_F(PfbRecovery, TheCallbackMaySwitchItOffInsideARequestThatWaits)
+{
+    create();
+    pfb_set_event_func(
+        client, [](pfb_client *c, pfb_event, void *) { EXPECT_EQ(pfb_set_reconnect(c, 0), PFB_OK); }, nullptr);
+    service.close();
+    pfb_set_timeout(client, 500); // it must not come to that
+    int depth;
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_ERROR_GONE) << pfb_error_text();
+    EXPECT_EQ(pfb_status(client), PFB_ERROR_GONE);
+}
+
+TEST_F(PfbRecovery, TheCallbackMaySwitchItOffInsideARequestThatIsRemembered)
+{
+    create();
+    pfb_set_event_func(
+        client, [](pfb_client *c, pfb_event, void *) { EXPECT_EQ(pfb_set_reconnect(c, 0), PFB_OK); }, nullptr);
+    service.close();
+    EXPECT_EQ(pfb_show(client), PFB_ERROR_GONE) << "nobody will ever send it";
+}
+
+// A server that is stopped, or one that is yet to be started by whoever holds its socket.
+TEST_F(PfbRecovery, ASocketThatTakesNoMoreConnectionsHoldsNobodyUp)
+{
+    create();
+    service.close();
+    service.take(0);
+    {
+        const FullSocket full(service.socket_path());
+        const int before = wakeups;
+        EXPECT_TRUE(dispatch_until([&] { return wakeups >= before + 5; }));
+        EXPECT_EQ(pfb_is_connected(client), 0);
+        EXPECT_EQ(pfb_move(client, 1, 2), PFB_OK);
+        pfb_set_timeout(client, 20);
+        EXPECT_EQ(pfb_status(client), PFB_ERROR_TIMEOUT);
+        pfb_set_timeout(client, PATIENCE_MS);
+    }
+    service.open();
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create iiiiiiiiis 0 32 1 2 "), DEPTH));
+}
+
+TEST_F(PfbRecovery, ConnectingToASocketThatTakesNoMoreEndsByItsTimeOut)
+{
+    service.close();
+    const FullSocket full(service.socket_path());
+    EXPECT_EQ(pfb_connect("fb.second"), nullptr);
+    EXPECT_EQ(pfb_error(), PFB_ERROR_TIMEOUT);
+    EXPECT_STREQ(pfb_error_text(), "pfb_connect: connecting: the server has not answered in time");
 }
 
 TEST(PfbRecoveryNull, NothingIsDoneWithNull)
