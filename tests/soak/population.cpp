@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <csignal>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,7 +37,7 @@ void bury(Population &population, const RunningClient &client, int status)
     if (WIFSIGNALED(status) && WTERMSIG(status) != SIGKILL)
         shared_fault(population.shared, "client " + std::to_string(client.plan.number) + " died of signal " +
                                             std::to_string(WTERMSIG(status)));
-    population.dead.push_back({client.pid, WIFSIGNALED(status)});
+    population.dead.push_back({client.pid, client.born, WIFSIGNALED(status)});
     population.served++;
 }
 
@@ -51,26 +52,34 @@ pid_t owner_of(const std::string &name)
     return 0;
 }
 
-const DeadClient *find_dead(const Population &population, pid_t pid)
+// Process ids come again: an older file of that name was left by somebody else, in another soak or test.
+bool is_of(const std::string &name, pid_t pid, time_t born)
+{
+    struct stat file {};
+    return owner_of(name) == pid && stat(("/dev/shm/" + name).c_str(), &file) == 0 && file.st_ctime >= born;
+}
+
+const DeadClient *find_dead(const Population &population, const std::string &name)
 {
     for (const DeadClient &client : population.dead) {
-        if (client.pid == pid)
+        if (is_of(name, client.pid, client.born))
             return &client;
     }
     return nullptr;
 }
 
-bool is_running(const Population &population, pid_t pid)
+bool is_of_a_running_one(const Population &population, const std::string &name)
 {
-    const auto is_it = [pid](const RunningClient &client) { return client.pid == pid; };
-    return std::any_of(population.running.begin(), population.running.end(), is_it);
+    const auto is_its = [&name](const RunningClient &client) { return is_of(name, client.pid, client.born); };
+    return std::any_of(population.running.begin(), population.running.end(), is_its);
 }
 
 } // namespace
 
 void population_start_next(Population &population)
 {
-    RunningClient client{-1, plan_client(population.seed, population.next_number++), std::chrono::steady_clock::now()};
+    RunningClient client{-1, time(nullptr), plan_client(population.seed, population.next_number++),
+                         std::chrono::steady_clock::now()};
     const std::string who = "client " + std::to_string(client.plan.number) + " (" + kind_name(client.plan.kind) + ")";
     client.pid = process_fork(population.shared, who, [&] {
         population.in_child();
@@ -116,7 +125,7 @@ void population_kill(Population &population)
     for (const RunningClient &client : population.running) {
         kill(client.pid, SIGKILL);
         waitpid(client.pid, nullptr, 0);
-        population.dead.push_back({client.pid, true});
+        population.dead.push_back({client.pid, client.born, true});
     }
     population.running.clear();
 }
@@ -125,8 +134,7 @@ std::vector<std::string> population_memory_names(const Population &population)
 {
     std::vector<std::string> names;
     for (const std::string &name : folder_entries("/dev/shm")) {
-        const pid_t owner = owner_of(name);
-        if (owner > 0 && (find_dead(population, owner) != nullptr || is_running(population, owner)))
+        if (find_dead(population, name) != nullptr || is_of_a_running_one(population, name))
             names.push_back(name);
     }
     return names;
@@ -135,8 +143,8 @@ std::vector<std::string> population_memory_names(const Population &population)
 void population_clean(Population &population)
 {
     for (const std::string &name : population_memory_names(population)) {
-        const DeadClient *owner = find_dead(population, owner_of(name));
-        if (owner == nullptr || is_running(population, owner->pid))
+        const DeadClient *owner = find_dead(population, name);
+        if (owner == nullptr || is_of_a_running_one(population, name))
             continue;
         if (!owner->killed)
             shared_fault(population.shared, name + " is still there");

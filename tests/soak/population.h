@@ -3,18 +3,21 @@
 #pragma once
 
 #include <chrono>
+#include <ctime>
 #include <vector>
 
 #include "soak.h"
 
 struct RunningClient {
     pid_t pid;
+    time_t born;
     Plan plan;
     std::chrono::steady_clock::time_point started;
 };
 
 struct DeadClient {
     pid_t pid;
+    time_t born;
     bool killed;
 };
 
