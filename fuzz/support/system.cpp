@@ -39,7 +39,7 @@ void real_scale_refresh(ImageSurface *surface) asm("__real__Z13scale_refreshP12I
 
 namespace {
 
-constexpr int MOST_DESCRIPTORS = 40; // more are never open between sessions unless they leak
+constexpr int MORE_DESCRIPTORS = 30; // than after the first session are never open between two unless they leak
 constexpr int ALL_DESCRIPTORS = 300; // of which those are looked for
 
 // Shared memory, or a device's, as the server has it mapped.
@@ -148,6 +148,14 @@ void give_back(const Mapping &mapping)
     const size_t guard = mapping.has_guards ? page_size() : 0;
     real_munmap(mapping.start - guard, whole_pages(mapping.bytes) + 2 * guard);
     forget(left);
+}
+
+int count_descriptors()
+{
+    int open = 0;
+    for (int fd = 0; fd < ALL_DESCRIPTORS; fd++)
+        open += fcntl(fd, F_GETFD) >= 0;
+    return open;
 }
 
 void strike_object()
@@ -299,9 +307,8 @@ void system_clean_up()
         close(object.fd);
     }
     fuzz_system = {};
-    int open = 0;
-    for (int fd = 0; fd < ALL_DESCRIPTORS; fd++)
-        open += fcntl(fd, F_GETFD) >= 0;
-    if (open > MOST_DESCRIPTORS)
+    static const int open_at_first = count_descriptors();
+    const int open = count_descriptors();
+    if (open > open_at_first + MORE_DESCRIPTORS)
         fuzz_finding("%d descriptors are left open", open);
 }
