@@ -40,7 +40,8 @@ template <typename Pixel> void fill(xc_image *work, const Region *region, Pixel 
         const Box &box = rects[i];
         if (is_whole(grid, box)) {
             auto *start = static_cast<uint8_t *>(work->pixels) + grid.offset(box.x1, box.y1);
-            kernel(reinterpret_cast<Pixel *>(start), grid.pitch / grid.size, value, box.x2 - box.x1, box.y2 - box.y1);
+            kernel(reinterpret_cast<Pixel *>(start), static_cast<ptrdiff_t>(grid.pitch / grid.size), value,
+                   box.x2 - box.x1, box.y2 - box.y1);
         } else {
             for_each_row<Pixel>(work, box, [=](Pixel *row, int32_t count) { kernel(row, count, value, count, 1); });
         }
