@@ -186,9 +186,9 @@ TEST_F(Limits, AnObjectThatIsHeldByALease)
     EXPECT_EQ(surface_of(client), nullptr);
     ASSERT_EQ(fcntl(fd, F_SETLEASE, F_UNLCK), 0);
     close(fd);
-    create(client, {}, name.c_str());
+    EXPECT_EQ(shm_unlink(name.c_str()), -1) << "the name is gone, as after every refusal";
+    create(client, {});
     EXPECT_NE(surface_of(client), nullptr);
-    shm_unlink(name.c_str()); // where the "create" has not
 }
 
 // ---- scaled images ----
