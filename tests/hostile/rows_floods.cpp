@@ -12,18 +12,21 @@ constexpr unsigned UPDATES = 15;
 
 using Request = void (*)(TestClient &client, int i);
 
-// From a client with a surface that lies partly below the bystander's window.
+// From a client with a surface that lies partly below the bystander's window; without end.
+void send_on_and_on(Request request, std::atomic<unsigned long> &done)
+{
+    TestClient client("fb.flood");
+    client.create(pixels_random(PixelFormat::ARGB, 90, 70, 1), 40, 10, 1);
+    client.send("show");
+    for (int i = 0;; i++) {
+        request(client, i);
+        done++;
+    }
+}
+
 template <Request request> void flood(Stage &stage)
 {
-    stage.until_updates(UPDATES, [](std::atomic<unsigned long> &done) {
-        TestClient client("fb.flood");
-        client.create(pixels_random(PixelFormat::ARGB, 90, 70, 1), 40, 10, 1);
-        client.send("show");
-        for (int i = 0;; i++) {
-            request(client, i);
-            done++;
-        }
-    });
+    stage.until_updates(UPDATES, [](std::atomic<unsigned long> &done) { send_on_and_on(request, done); });
 }
 
 void dirty(TestClient &client, int i)
@@ -101,18 +104,9 @@ void others(Stage &stage)
 // Several of them, of several kinds, at once.
 void all_together(Stage &stage)
 {
-    const auto run = [](Request request, std::atomic<unsigned long> &done) {
-        TestClient client("fb.flood");
-        client.create(pixels_random(PixelFormat::ARGB, 90, 70, 1), 40, 10, 1);
-        client.send("show");
-        for (int i = 0;; i++) {
-            request(client, i);
-            done++;
-        }
-    };
-    ClientProcess one([&](ClientSteps &) { run(dirty, stage.done()); });
-    ClientProcess two([&](ClientSteps &) { run(move, stage.done()); });
-    ClientProcess three([&](ClientSteps &) { run(show_and_hide, stage.done()); });
+    ClientProcess one([&](ClientSteps &) { send_on_and_on(dirty, stage.done()); });
+    ClientProcess two([&](ClientSteps &) { send_on_and_on(move, stage.done()); });
+    ClientProcess three([&](ClientSteps &) { send_on_and_on(show_and_hide, stage.done()); });
     stage.bystander().expect_progress(UPDATES);
     for (ClientProcess *process : {&one, &two, &three}) {
         process->kill(SIGKILL);

@@ -47,16 +47,6 @@ std::pair<std::string, std::string> sanitizer_options()
     return {"ASAN_OPTIONS", "detect_leaks=0:quarantine_size_mb=1:allocator_may_return_null=1"};
 }
 
-std::string left_shared_memory()
-{
-    std::string left;
-    for (const std::string &name : folder_entries("/dev/shm")) {
-        if (("/" + name).rfind(shared_memory_prefix(), 0) == 0)
-            left += " " + name;
-    }
-    return left;
-}
-
 // Enough of a log that may be long.
 std::string end_of(const std::string &log)
 {

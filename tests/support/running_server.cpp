@@ -26,6 +26,8 @@ std::string find_panel_folder(const std::string &folder)
     return "";
 }
 
+} // namespace
+
 std::string left_shared_memory()
 {
     std::string left;
@@ -35,8 +37,6 @@ std::string left_shared_memory()
     }
     return left;
 }
-
-} // namespace
 
 // The kernel's table of sockets has the flag SO_ACCEPTCON from listen on; a connection would disturb the server.
 bool is_listened_at(const std::string &socket_path)

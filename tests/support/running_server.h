@@ -65,3 +65,6 @@ std::vector<std::pair<std::string, std::string>> server_environment(const std::s
 
 // A line that a sanitizer wrote, or "".
 std::string sanitizer_report(const std::string &text);
+
+// Names of shared memory that the tests' clients have left, each after a blank.
+std::string left_shared_memory();

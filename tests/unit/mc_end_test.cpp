@@ -10,22 +10,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-mc_factory *factory; // what the handlers below close
-
-class McEnd : public McTest {
+class McEnd : public McServiceTest {
 protected:
-    void SetUp() override
-    {
-        McTest::SetUp();
-        factory = open_noting("svc");
-        ASSERT_NE(factory, nullptr);
-    }
-    void TearDown() override
-    {
-        mc_factory_close(factory);
-        factory = nullptr;
-        McTest::TearDown();
-    }
     // A greeted client whose requests `handler` serves.
     Fd client(const char *name, mc_handler_func handler = note_request)
     {

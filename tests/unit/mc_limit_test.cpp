@@ -12,21 +12,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class McLimit : public McTest {
-protected:
-    void SetUp() override
-    {
-        McTest::SetUp();
-        factory = open_noting("svc");
-        ASSERT_NE(factory, nullptr);
-    }
-    void TearDown() override
-    {
-        mc_factory_close(factory);
-        McTest::TearDown();
-    }
-    mc_factory *factory = nullptr;
-};
+class McLimit : public McServiceTest {};
 
 // As long as it lives this process has no free descriptor.
 class NoDescriptors {

@@ -13,21 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class McServer : public McTest {
-protected:
-    void SetUp() override
-    {
-        McTest::SetUp();
-        factory = open_noting("svc");
-        ASSERT_NE(factory, nullptr);
-    }
-    void TearDown() override
-    {
-        mc_factory_close(factory);
-        McTest::TearDown();
-    }
-    mc_factory *factory = nullptr;
-};
+class McServer : public McServiceTest {};
 
 TEST_F(McServer, TellsNameAndCredentialsOfAForkedClient)
 {

@@ -97,6 +97,22 @@ void McTest::TearDown()
     std::filesystem::remove_all(folder);
 }
 
+mc_factory *factory;
+
+void McServiceTest::SetUp()
+{
+    McTest::SetUp();
+    factory = open_noting("svc");
+    ASSERT_NE(factory, nullptr);
+}
+
+void McServiceTest::TearDown()
+{
+    mc_factory_close(factory);
+    factory = nullptr;
+    McTest::TearDown();
+}
+
 bool turn()
 {
     return g_main_context_iteration(nullptr, FALSE);

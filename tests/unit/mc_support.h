@@ -50,6 +50,14 @@ private:
     size_t open_at_start = 0;
 };
 
+// With the service "svc", which notes what happens to it.
+class McServiceTest : public McTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+extern mc_factory *factory; // the service; a test may close it and set it null
+
 // Dispatches what is ready, once. Returns whether anything was.
 bool turn();
 // Turns until nothing is ready.

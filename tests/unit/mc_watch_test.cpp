@@ -23,19 +23,8 @@ using testing::SizeIs;
 
 constexpr int MANY = 200;
 
-class McWatch : public McTest {
+class McWatch : public McServiceTest {
 protected:
-    void SetUp() override
-    {
-        McTest::SetUp();
-        factory = open_noting("svc");
-        ASSERT_NE(factory, nullptr);
-    }
-    void TearDown() override
-    {
-        mc_factory_close(factory);
-        McTest::TearDown();
-    }
     std::vector<Fd> greeted(int n)
     {
         std::vector<Fd> clients;
@@ -47,7 +36,6 @@ protected:
         events.clear();
         return clients;
     }
-    mc_factory *factory = nullptr;
 };
 
 // With the waiting of a server's main loop, instead of GLib's own.
