@@ -301,6 +301,42 @@ TEST_F(Limits, ReportsOfTooManyRectangles)
 }
 
 // As many rectangles as their product, if it were not for the limit.
+TEST_F(Limits, TheLineAboutReportsHasAHarmlessName)
+{
+    mc_connection *forger = connect("fb.a\nfs_b");
+    for (int32_t i = 0; i < 255; i++) // of 256 surfaces 256 rectangles are kept
+        create(connect("fb.more"), {});
+    create(forger, {.place = {0, 0, 300, 200}, .stride = 1200});
+    ask(forger, "show");
+    settle();
+    EXPECT_EQ(printed([&] {
+                  for (int32_t i = 0; i < 257; i++)
+                      ask(forger, "dirty", {i % 100 * 3, i / 100 * 3, 1, 1});
+                  fs_fold_reports(fs, surface_of(forger));
+              }),
+              "fs_add_dirty: reports of fb.a\\x0afs_b are more than 256 rectangles: drawn as one\n");
+    settle();
+}
+
+// Each of them would be united with all before it.
+TEST_F(Limits, ScatteredReportsOfAScaledSurfaceAreFewRectangles)
+{
+    ImageSurface *surface = create(client, {.place = {0, 0, 160, 120}, .stride = 640});
+    ask(client, "show");
+    ask(client, "set_scale", {0, 0, 160, 120, 0, 0, 320, 240});
+    settle();
+    const auto scatter = [&](int32_t rows) {
+        paint(surface, 0x00ABCDEF);
+        for (int32_t i = 0; i < 40 * rows; i++)
+            ask(client, "dirty", {i % 40 * 4, i / 40 * 4, 1, 1});
+        primary_output.calls.clear();
+        settle();
+        return primary_output.updates().at(0).size();
+    };
+    EXPECT_EQ(scatter(25), 1000u);
+    EXPECT_LE(scatter(30), 1024u);
+}
+
 TEST_F(Limits, LinesAcrossLines)
 {
     ImageSurface *surface = create(client, {});
