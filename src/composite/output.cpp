@@ -63,12 +63,12 @@ void make_images(const FbServer *fs, Backend *backend, const ScreenInfo &info, v
 
 // False where there is no memory now. An image that is too large, or has no size, is never had: the output works
 // without.
-bool found_memory(const FbServer *fs, const Backend *backend)
+bool found_memory(const FbServer *fs, const Backend *backend, const ScreenInfo &info)
 {
     const int32_t stride = wrap_mul(fs->w, 4);
-    const int64_t bytes = int64_t{stride} * fs->h;
-    const bool can_be = fs->w > 0 && fs->h > 0 && stride > 0 && bytes <= INT32_MAX;
-    return backend->frame_img != nullptr && (backend->work_img != nullptr || !can_be);
+    const bool has_work = fs->w > 0 && fs->h > 0 && stride > 0 && int64_t{stride} * fs->h <= INT32_MAX;
+    const bool has_frame = info.width > 0 && info.height > 0;
+    return (backend->work_img != nullptr || !has_work) && (backend->frame_img != nullptr || !has_frame);
 }
 
 void drop_images(Backend *backend)
@@ -119,7 +119,7 @@ bool initialise(FbServer *fs, Backend *backend)
     print_screen_info(info);
     take_over_size(fs, info);
     make_images(fs, backend, info, pixels);
-    if (!found_memory(fs, backend)) {
+    if (!found_memory(fs, backend, info)) {
         err_printf("init failed\n");
         give_up(fs, backend);
         return false;
