@@ -181,25 +181,23 @@ void attempt(pfb_client *client)
     }
 }
 
-// A client that only ever draws asks nothing: that the server goes on is an answer too.
-void look_for_survival(pfb_client *client)
+void look_at_connection(pfb_client *client)
 {
-    int unread = 0; // bytes
-    if (!(client->state == client->confirmed) && now_ms() - client->changed_ms >= SURVIVED_MS &&
-        ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0)
+    const bool survived = recovery_has_survived(client);
+    if (has_ended(client))
+        recovery_lose(client);
+    else if (survived)
         recovery_confirm(client);
 }
 
 // Has the server answered the question at the end of the restoration?
 void look_for_answer(pfb_client *client)
 {
-    mc_packet *answer = mc_answer(client->connection, 0);
-    if (answer != nullptr) {
-        depth_from(answer, "pfb_dispatch", &client->depth);
-        mc_packet_free(answer);
+    if (mc_take_answer(client->connection, client->packet, 0) == 0) {
+        depth_from(client, "pfb_dispatch", &client->depth);
         drop_memory_name(client);
         become_ready(client);
-    } else if (errno != ETIMEDOUT && errno != ENOMEM) {
+    } else if (errno != ETIMEDOUT) {
         recovery_lose(client);
     }
 }
@@ -232,7 +230,7 @@ int check_connection(const pfb_client *client, const char *function)
 }
 
 // Steps and waits until the phase is ready or, where that will do, lost.
-int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, bool lost_will_do)
+int wait_for_phase(pfb_client *client, const char *function, Deadline &deadline, bool lost_will_do)
 {
     for (;;) {
         recovery_step(client);
@@ -241,7 +239,7 @@ int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, b
         if (client->phase == Phase::ready || (lost_will_do && client->phase == Phase::lost))
             return PFB_OK;
         pollfd entry = {client->epoll_fd, POLLIN, 0};
-        const int n = poll(&entry, 1, left(deadline));
+        const int n = poll(&entry, 1, deadline.left());
         if (n == 0)
             return fail(PFB_ERROR_TIMEOUT, function, "the server has ended, and none has taken its place in time");
         if (n < 0 && errno != EINTR)
@@ -278,6 +276,30 @@ void recovery_lose(pfb_client *client)
 void recovery_confirm(pfb_client *client)
 {
     client->confirmed = client->state;
+    client->unconfirmed = false;
+}
+
+void recovery_change(pfb_client *client, const SurfaceState &state)
+{
+    if (client->state == state)
+        return;
+    client->state = state;
+    client->unconfirmed = true;
+    client->changed_ms = now_ms();
+}
+
+bool recovery_is_quiet(const pfb_client *client)
+{
+    return client->phase == Phase::ready && client->events == 0;
+}
+
+// A client that only ever draws asks nothing: that the server goes on is an answer too. The clock is read only while
+// there is something to confirm.
+bool recovery_has_survived(const pfb_client *client)
+{
+    int unread = 0; // bytes
+    return client->unconfirmed && now_ms() - client->changed_ms >= SURVIVED_MS &&
+           ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0;
 }
 
 void recovery_step(pfb_client *client)
@@ -286,10 +308,8 @@ void recovery_step(pfb_client *client)
         return;
     const LastError error = error_save();
     client->recovering = true;
-    if (client->phase == Phase::ready && has_ended(client))
-        recovery_lose(client);
-    else if (client->phase == Phase::ready && client->pixels != nullptr)
-        look_for_survival(client);
+    if (client->phase == Phase::ready)
+        look_at_connection(client);
     if (client->phase == Phase::lost && now_ms() >= client->next_attempt_ms)
         attempt(client);
     if (client->phase == Phase::restoring)
@@ -299,12 +319,12 @@ void recovery_step(pfb_client *client)
     tell_events(client);
 }
 
-int recovery_settle(pfb_client *client, const char *function, int64_t deadline)
+int recovery_settle(pfb_client *client, const char *function, Deadline &deadline)
 {
     return wait_for_phase(client, function, deadline, true);
 }
 
-int recovery_wait(pfb_client *client, const char *function, int64_t deadline)
+int recovery_wait(pfb_client *client, const char *function, Deadline &deadline)
 {
     return wait_for_phase(client, function, deadline, false);
 }
