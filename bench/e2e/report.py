@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""report.py RESULTS PAGE.md - writes the page of figures, and its plots into a folder beside it that is named as the page.
+"""report.py RESULTS PAGE.md - writes the page of figures, and its plots into a folder beside it that is named like it.
 
 RESULTS is a folder: results.json is what run.py has measured, kernels.json what the pixel loops have reached, and
 kernels.txt their table, as bench/kernels.py prints it. Fails when a part is missing, when a client's updates were late
@@ -229,10 +229,11 @@ def missed_part(goals):
     return '\n'.join(lines + ([''] + [f'- {one}' for one in goals.missed] if goals.missed else [])) + '\n'
 
 
-def page(found, results):
+def page(found, results, folder):
     goals = Goals()
     host = found['machine']
     fields = {
+        'plots': os.path.basename(folder),
         'machine': f"{host['model']}, processors: {host['processors']}, Linux {host['linux']}, "
                    f"load {host['load']:.1f} when it began",
         'shortened': shortened(found),
@@ -256,10 +257,11 @@ def main():
     missing = [part for part in run.ROUNDS if not found.get(part)]
     if missing:
         sys.exit(f'report.py: not measured: {", ".join(missing)}')
-    text, goals = page(found, results)
+    folder = os.path.splitext(path)[0]
+    text, goals = page(found, results, folder)
     memory = {what: {name: [one / MIB for one in values] for name, values in each.items()}
               for what, each in zip(('anonymous', 'all resident'), memory_beyond_pixels(found['memory']))}
-    plots.draw_all(found, os.path.join(results, 'kernels.json'), os.path.splitext(path)[0], memory, WHERE)
+    plots.draw_all(found, os.path.join(results, 'kernels.json'), folder, memory, WHERE)
     with open(path, 'w', encoding='utf-8') as file:
         file.write(text)
     print(missed_part(goals))
