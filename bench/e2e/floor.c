@@ -82,13 +82,18 @@ static void update(const Connection *connection, const int32_t *r)
     }
 }
 
+static size_t surface_bytes(const FloorSurface *surface)
+{
+    return (size_t)surface->width * (size_t)surface->height * sizeof(uint32_t);
+}
+
 static void take_surface(Connection *connection, const FloorSurface *surface)
 {
     connection->surface = *surface;
     const int fd = shm_open(surface->name, O_RDWR, 0);
     check(fd >= 0, "floor: shm_open");
     shm_unlink(surface->name);
-    connection->pixels = map_file(fd, (size_t)surface->width * (size_t)surface->height * sizeof(uint32_t));
+    connection->pixels = map_file(fd, surface_bytes(surface));
 }
 
 static void handle(Connection *connection, const Request *request)
@@ -122,6 +127,8 @@ static gboolean serve(GSource *source, GSourceFunc callback, gpointer data)
     if (n > 0)
         return G_SOURCE_CONTINUE;
     close(connection->fd);
+    if (connection->pixels)
+        munmap(connection->pixels, surface_bytes(&connection->surface));
     return G_SOURCE_REMOVE;
 }
 

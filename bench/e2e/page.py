@@ -67,8 +67,8 @@ of these.
 {latency}
 ## Memory
 
-While one client shows a full screen. The pixels of the client, of the panel and of the image that a server composes are
-not counted.
+While one client shows a full screen: the first one of a new server, and the fifth of five that come one after the
+other. The pixels of the client, of the panel and of the image that a server composes are not counted.
 
 ![Memory]({plots}/memory.svg)
 

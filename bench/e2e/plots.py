@@ -12,7 +12,7 @@ NAMES = {'pfb': 'fbserver', 'floor1': 'floor, 1 copy', 'floor2': 'floor, 2 copie
 STYLES = {'pfb': ('#c00000', 'disc'), 'floor1': ('#b0b0b0', 'up'), 'floor2': ('#808080', 'square'),
           'floor2tuned': ('#606060', 'diamond'), 'floor2draining': ('#000000', 'cross'), 'xvfb': ('#e08000', 'down'),
           'weston': ('#0060c0', 'up')}
-MORE_STYLES = [('#c00000', 'disc'), ('#0060c0', 'square'), ('#008040', 'up')]
+MORE_STYLES = [('#c00000', 'disc'), ('#0060c0', 'square'), ('#008040', 'up'), ('#a060c0', 'down')]
 KERNEL_STYLES = {'plain': ('#909090', 'plus'), 'sse2': ('#e0a0a0', 'disc'), 'neon': ('#c00000', 'disc'),
                  'avx2': ('#c00000', 'disc'), 'pixman': ('#0060c0', 'up'), 'libyuv': ('#008040', 'square')}
 KERNEL_SIZES = ['480x272', '1920x1080']

@@ -99,26 +99,29 @@ def weston_ms(found):
 
 def memory_beyond_pixels(found):
     """{what: {server: bytes}}. The client's and the panel's pixels are shared; those that a server composes are not."""
-    anonymous, resident = {}, {}
+    beyond = {}
     for name, measures in found.items():
         composed = servers.SCREEN_BYTES * (name not in ('floor1', 'xvfb'))
-        anonymous[name] = [use['RssAnon'] - composed for use in measures]
-        resident[name] = [use['VmRSS'] - composed - 2 * servers.SCREEN_BYTES for use in measures]
-    return anonymous, resident
+        for what, field, pixels in (('anonymous', 'Anonymous', composed),
+                                    ('all resident', 'Rss', composed + 2 * servers.SCREEN_BYTES)):
+            for client in ('first', 'fifth'):
+                beyond.setdefault(f'{what}, {client} client', {})[name] = [
+                    use[field] - pixels for use in column(measures, client)]
+    return beyond
 
 
 def memory_part(found, program, goals):
-    anonymous, resident = memory_beyond_pixels(found)
+    beyond = memory_beyond_pixels(found)
+    limits = [ANONYMOUS_GOAL_MIB if what.startswith('anonymous') else RESIDENT_GOAL_MIB for what in beyond]
     rows = []
     for name in found:
-        marks = ['', '']
-        if name == 'pfb':
-            marks = [goals.mark('anonymous memory', anonymous[name], ANONYMOUS_GOAL_MIB, MIB, unit=' MiB'),
-                     goals.mark('resident memory', resident[name], RESIDENT_GOAL_MIB, MIB, unit=' MiB')]
-        rows.append([NAMES[name], cell(anonymous[name], MIB, 2, marks[0]), cell(resident[name], MIB, 2, marks[1])])
+        row = [NAMES[name]]
+        for (what, each), limit in zip(beyond.items(), limits):
+            mark = goals.mark(f'memory, {what}', each[name], limit, MIB, unit=' MiB') if name == 'pfb' else ''
+            row.append(cell(each[name], MIB, 2, mark))
+        rows.append(row)
     mark = goals.mark('the stripped program', [program], PROGRAM_GOAL_KIB, 1024, 0, ' KiB')
-    return (table(['MiB', f'anonymous, beyond pixels (goal {ANONYMOUS_GOAL_MIB})',
-                   f'all resident, beyond pixels (goal {RESIDENT_GOAL_MIB})'], rows) +
+    return (table(['MiB', *(f'{what} (goal {limit:g})' for what, limit in zip(beyond, limits))], rows) +
             f'\nThe stripped program has {program / 1024:.0f} KiB{mark} (goal: under {PROGRAM_GOAL_KIB}).\n')
 
 
@@ -260,7 +263,7 @@ def main():
     folder = os.path.splitext(path)[0]
     text, goals = page(found, results, folder)
     memory = {what: {name: [one / MIB for one in values] for name, values in each.items()}
-              for what, each in zip(('anonymous', 'all resident'), memory_beyond_pixels(found['memory']))}
+              for what, each in memory_beyond_pixels(found['memory']).items()}
     plots.draw_all(found, os.path.join(results, 'kernels.json'), folder, memory, WHERE)
     with open(path, 'w', encoding='utf-8') as file:
         file.write(text)

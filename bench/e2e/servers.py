@@ -73,10 +73,10 @@ class Server:
             self.process.wait()
         self.log.close()
 
-    def use(self):
-        """What /proc tells of its memory, in bytes."""
-        with open(f'/proc/{self.pid}/status', encoding='ascii') as status:
-            return {key: int(value) * 1024 for key, value in re.findall(r'(\w+):\s+(\d+) kB', status.read())}
+    def memory(self):
+        """Bytes by the names of /proc/PID/smaps_rollup, which counts pages; what /proc/PID/status says lags behind."""
+        with open(f'/proc/{self.pid}/smaps_rollup', encoding='ascii') as lines:
+            return {key: int(value) * 1024 for key, value in re.findall(r'^(\w+):\s+(\d+) kB', lines.read(), re.M)}
 
 
 def accepts(path):

@@ -2,6 +2,7 @@
 #include "updates.h"
 
 #include <sched.h>
+#include <unistd.h>
 
 #include "floor.h"
 #include "observe.h"
@@ -10,10 +11,11 @@ const Target *target;
 
 namespace {
 
-// Never twice the same in a row on one place, and no colour that was there before.
+// Never twice the same in a row on one place, and neither what was there before nor what an earlier client has left.
 uint32_t colour(int i)
 {
-    return (static_cast<uint32_t>(i) * 2654435761u >> 8 & 0xfffffe) | 0xff000001;
+    static const uint32_t first = static_cast<uint32_t>(getpid()) << 16;
+    return ((first + static_cast<uint32_t>(i)) * 2654435761u >> 8 & 0xfffffe) | 0xff000001;
 }
 
 } // namespace

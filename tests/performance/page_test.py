@@ -174,9 +174,13 @@ class Page(unittest.TestCase):
 
     def test_memory_beyond_pixels(self):
         screen, mib = 480 * 272 * 4, 1024 * 1024
-        self.found['memory']['pfb'] = [{'round': 0, 'RssAnon': screen + mib, 'VmRSS': 3 * screen + 5 * mib}]
+        first, fifth = ({'Anonymous': screen + anonymous * mib, 'Rss': 3 * screen + resident * mib}
+                        for anonymous, resident in ((.5, 2), (1, 7)))
+        self.found['memory']['pfb'] = [{'round': 0, 'first': first, 'fifth': fifth}]
         text = self.write()
-        self.assertEqual(self.row(text, '## Memory', 'fbserver'), ['1.00! (1.00 – 1.00)', '5.00 (5.00 – 5.00)'])
+        self.assertEqual(self.row(text, '## Memory', 'fbserver'), [
+            '0.50 (0.50 – 0.50)', '1.00! (1.00 – 1.00)', '2.00 (2.00 – 2.00)', '7.00! (7.00 – 7.00)'])
+        self.assertIn('memory, all resident, fifth client: 7.00 MiB, the goal is 6 MiB', self.missed(text))
 
 
 if __name__ == '__main__':
