@@ -136,9 +136,9 @@ Scattered reports of one pixel each that wait for one pass, µs a report (receiv
 {reports}
 ## Pixel loops
 
-Speeds (bytes read and written per second) as fractions of memcpy's over the same buffers, medians and how far their
-middle half spreads. The goals are for the fastest instruction set, those in brackets for SSE2; beside pixman and libyuv
-they are how many times as fast the fastest set is. An exclamation mark: missed.
+Speeds (bytes read and written per second) as fractions of memcpy's over the same buffers: medians of {repetitions}
+repetitions, and how far their middle half spreads. The goals are for the fastest instruction set, those in brackets for
+SSE2; beside pixman and libyuv they are how many times as fast the fastest set is. An exclamation mark: missed.
 
 ![Pixel loops]({plots}/kernels.svg)
 

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """The plots of the page of figures."""
+import collections
 import json
 import os
 import statistics
@@ -75,14 +76,22 @@ def draw_servers(path, title, y, found):
     svg.draw(path, [svg.Panel(title, '', y, series, ticks=[NAMES[server] for server in servers])])
 
 
+def kernel_runs(path):
+    """Without the summaries that the benchmark makes itself."""
+    with open(path, encoding='utf-8') as file:
+        return [one for one in json.load(file)['benchmarks'] if one.get('run_type', 'iteration') == 'iteration']
+
+
+def kernel_repetitions(path):
+    return max(collections.Counter(one['run_name'] for one in kernel_runs(path)).values())
+
+
 def kernel_speeds(path):
     """{size: {case: {who: [fractions of memcpy]}}}"""
-    with open(path, encoding='utf-8') as file:
-        measured = json.load(file)['benchmarks']
     speeds = {size: {} for size in KERNEL_SIZES}
-    for one in measured:
+    for one in kernel_runs(path):
         case, size, who = one['run_name'].split('/')[:3]
-        if size in speeds and one.get('run_type', 'iteration') == 'iteration':
+        if size in speeds:
             speeds[size].setdefault(case, {}).setdefault(who, []).append(one['bytes_per_second'])
     for cases in speeds.values():
         for case, row in cases.items():

@@ -248,6 +248,7 @@ def page(found, results, folder):
         'fairness': fairness_part(found['fairness'], goals), 'surfaces': surfaces_part(found['surfaces'], goals),
         'clients': side_part(found['clients'], 'clients'), 'size': side_part(found['size'], 'pixels'),
         'reports': reports_part(found['reports']),
+        'repetitions': plots.kernel_repetitions(os.path.join(results, 'kernels.json')),
         'kernels': kernels_part(os.path.join(results, 'kernels.txt'), goals),
     }
     return PAGE.format(**fields, missed=missed_part(goals)), goals

@@ -132,6 +132,7 @@ class Page(unittest.TestCase):
         self.assertIn('32_to_32_90 1920x1080: avx2 is', loops[0])
         table = text[text.index('## Pixel loops'):text.index('## Instructions')]
         self.assertIn('over_random', table)
+        self.assertIn('medians of 2\nrepetitions', table)
         self.assertNotIn('goals reached', table)
 
     def test_a_table_that_does_not_say_what_it_reached(self):
