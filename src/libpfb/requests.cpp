@@ -49,11 +49,11 @@ template <typename Apply> int change(pfb_client *client, const Request &request,
     const bool lost = result == PFB_ERROR_GONE && client->reconnect;
     if (result != PFB_OK && !lost)
         return result;
-    if (!(client->state == next))
-        client->changed_ms = now_ms();
     client->state = next;
-    if (!lost)
+    if (!lost) {
+        recovery_try(client);
         return PFB_OK;
+    }
     recovery_lose(client);
     recovery_step(client);
     error_restore(error);
