@@ -262,8 +262,8 @@ not seen.
 {kernels}
 ## Instructions
 
-`bench/instructions.txt` has the instructions and system calls of one update. They do not depend on how busy a machine is,
-and a test of the release build compares them.
+`bench/instructions.txt` has the instructions and system calls of one update, `bench/instructions-client.txt` those of a
+request in the client. They do not depend on how busy a machine is, and tests of the release build compare them.
 '''
 
 

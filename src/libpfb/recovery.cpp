@@ -135,6 +135,16 @@ void set_trial(pfb_client *client, int64_t ends_ms)
     set_timer(client, ends_ms);
 }
 
+// What is changed all the time is tried by what it was when the trial began.
+void begin_trial(pfb_client *client)
+{
+    if (client->trial_ends_ms != 0 || !client->reconnect || client->phase != Phase::ready ||
+        client->state == client->confirmed)
+        return;
+    client->on_trial = client->state;
+    set_trial(client, now_ms() + SURVIVED_MS);
+}
+
 void become_ready(pfb_client *client)
 {
     client->phase = Phase::ready;
@@ -185,31 +195,23 @@ void attempt(pfb_client *client)
     }
 }
 
-// A client that asks nothing: that the server goes on is an answer too. One whose look changes all the time is tried by
-// what it was a while ago.
-void look_for_survival(pfb_client *client)
+void look_at_connection(pfb_client *client)
 {
-    const int64_t now = client->trial_ends_ms != 0 ? now_ms() : 0;
-    if (now == 0 || now < client->trial_ends_ms)
-        return;
-    int unread = 0; // bytes
-    if (ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0) {
-        client->confirmed = client->on_trial;
-        client->on_trial = client->state;
-    }
-    set_trial(client, client->confirmed == client->state ? 0 : now + SURVIVED_MS);
+    const bool survived = recovery_has_survived(client);
+    if (has_ended(client))
+        recovery_lose(client);
+    else if (survived)
+        recovery_confirm_trial(client);
 }
 
 // Has the server answered the question at the end of the restoration?
 void look_for_answer(pfb_client *client)
 {
-    mc_packet *answer = mc_answer(client->connection, 0);
-    if (answer != nullptr) {
-        depth_from(answer, "pfb_dispatch", &client->depth);
-        mc_packet_free(answer);
+    if (mc_take_answer(client->connection, client->packet, 0) == 0) {
+        depth_from(client, "pfb_dispatch", &client->depth);
         client->takes_names = drop_memory_name(client);
         become_ready(client);
-    } else if (errno != ETIMEDOUT && errno != ENOMEM) {
+    } else if (errno != ETIMEDOUT) {
         recovery_lose(client);
     }
 }
@@ -242,7 +244,7 @@ int check_connection(const pfb_client *client, const char *function)
 }
 
 // Steps and waits until the phase is ready or, where that will do, lost.
-int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, bool lost_will_do)
+int wait_for_phase(pfb_client *client, const char *function, Deadline &deadline, bool lost_will_do)
 {
     for (;;) {
         recovery_step(client);
@@ -251,7 +253,7 @@ int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, b
         if (client->phase == Phase::ready || (lost_will_do && client->phase == Phase::lost))
             return PFB_OK;
         pollfd entry = {client->epoll_fd, POLLIN, 0};
-        const int n = poll(&entry, 1, left(deadline));
+        const int n = poll(&entry, 1, deadline.left());
         if (n == 0)
             return fail(PFB_ERROR_TIMEOUT, function, "the server has ended, and none has taken its place in time");
         if (n < 0 && errno != EINTR)
@@ -291,13 +293,36 @@ void recovery_confirm(pfb_client *client)
     client->confirmed = client->on_trial = client->state;
 }
 
-void recovery_try(pfb_client *client)
+void recovery_change(pfb_client *client, const SurfaceState &state)
 {
-    const Look &look = client->state;
-    if (!client->reconnect || client->phase != Phase::ready || client->trial_ends_ms != 0 || look == client->confirmed)
-        return;
-    client->on_trial = look;
-    set_trial(client, now_ms() + SURVIVED_MS);
+    client->state = state;
+    begin_trial(client);
+}
+
+bool recovery_is_quiet(const pfb_client *client)
+{
+    return client->phase == Phase::ready && client->events == 0;
+}
+
+// A client that asks nothing: that the server goes on is an answer too. The clock is read only while something is on
+// trial.
+bool recovery_has_survived(pfb_client *client)
+{
+    const int64_t now = client->trial_ends_ms != 0 ? now_ms() : 0;
+    if (now == 0 || now < client->trial_ends_ms)
+        return false;
+    int unread = 0; // bytes
+    if (ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0)
+        return true;
+    set_trial(client, now + SURVIVED_MS); // it is busy
+    return false;
+}
+
+void recovery_confirm_trial(pfb_client *client)
+{
+    client->confirmed = client->on_trial;
+    set_trial(client, 0);
+    begin_trial(client); // of what has been changed meanwhile
 }
 
 void recovery_step(pfb_client *client)
@@ -306,10 +331,8 @@ void recovery_step(pfb_client *client)
         return;
     const LastError error = error_save();
     client->recovering = true;
-    if (client->phase == Phase::ready && has_ended(client))
-        recovery_lose(client);
-    else if (client->phase == Phase::ready && client->pixels != nullptr)
-        look_for_survival(client);
+    if (client->phase == Phase::ready)
+        look_at_connection(client);
     if (client->phase == Phase::lost && now_ms() >= client->next_attempt_ms)
         attempt(client);
     if (client->phase == Phase::restoring)
@@ -319,12 +342,12 @@ void recovery_step(pfb_client *client)
     tell_events(client);
 }
 
-int recovery_settle(pfb_client *client, const char *function, int64_t deadline)
+int recovery_settle(pfb_client *client, const char *function, Deadline &deadline)
 {
     return wait_for_phase(client, function, deadline, true);
 }
 
-int recovery_wait(pfb_client *client, const char *function, int64_t deadline)
+int recovery_wait(pfb_client *client, const char *function, Deadline &deadline)
 {
     return wait_for_phase(client, function, deadline, false);
 }
@@ -382,7 +405,7 @@ int pfb_set_reconnect(pfb_client *client, int on)
     if (on == 0 && client->trial_ends_ms != 0)
         set_trial(client, 0); // nobody looks any more
     else
-        recovery_try(client);
+        begin_trial(client);
     return PFB_OK;
 }
 
