@@ -70,7 +70,7 @@ template <typename Send> bool at_once(pfb_client *client, const Request &request
     if (!write_packet(client, request) || send(client->connection, client->packet, 0) < 0)
         return false;
     if (survived)
-        recovery_confirm(client);
+        recovery_confirm_trial(client);
     return true;
 }
 

@@ -27,7 +27,7 @@ struct Shape {
 
 // What requests change of it: followed here so that nothing is sent that the server would stop for, and so that it can
 // be made again on another server.
-struct SurfaceState {
+struct Look {
     Area area; // screen
     int32_t level;
     uint32_t plane;
@@ -40,10 +40,14 @@ struct SurfaceState {
     bool scaled;
     Area source;      // surface
     Area destination; // screen
-    int32_t locks;    // pfb_lock without its pfb_unlock
-    bool blocked;     // pfb_block_until_unlock without its pfb_unlock
 
-    bool operator==(const SurfaceState &) const = default;
+    bool operator==(const Look &) const = default;
+};
+
+// With what the application counts on its own.
+struct SurfaceState : Look {
+    int32_t locks; // pfb_lock without its pfb_unlock
+    bool blocked;  // pfb_block_until_unlock without its pfb_unlock
 };
 
 enum class Phase {
@@ -62,26 +66,27 @@ struct pfb_client {
     mc_packet *packet;         // owned: each request is written into it, and each answer taken into it
     void *pixels;              // owned mapping of stride x height bytes; null without a surface
     libpfb::Phase phase;
-    unsigned events;  // to be told, bits 1 << PFB_EVENT_...
-    bool unusable;    // a "create" that was not answered in time: nobody knows what the server has
-    bool unconfirmed; // the state has become another since `confirmed`
+    unsigned events; // to be told, bits 1 << PFB_EVENT_...
+    bool unusable;   // a "create" that was not answered in time: nobody knows what the server has
     bool reconnect;
-    int timeout_ms; // -1: for ever
+    int timeout_ms;        // -1: for ever
+    int64_t trial_ends_ms; // 0: nothing is on trial
 
     char name[256];
     libpfb::Shape shape;
     libpfb::SurfaceState state;
-    libpfb::SurfaceState confirmed; // the last one that the server has answered after, or lived with for long enough
-    int64_t changed_ms;             // when the state last became another
+    libpfb::Look confirmed;  // the last one that a server has answered after, or lived with for long enough
+    libpfb::Look on_trial;   // as it was when the trial began: lived with, if the server is there at the end of it
+    bool pixels_are_private; // on the way back: in no shared memory, for which there was no room
 
     // Recovery.
     int epoll_fd; // what pfb_poll_fd gives: watches the connection and the timer
     int timer_fd;
-    bool recovering;         // a step is under way: callbacks may come back here
-    pid_t ended;             // the process that the last connection but this one was to; -1: not known
-    int deaths;              // of servers, each soon after the surface was there again
-    int failed_restorations; // in a row: the server went before it had answered
-    int64_t lost_ms;         // moments of the monotonic clock
+    bool recovering;  // a step is under way: callbacks may come back here
+    pid_t ended;      // the process that the last connection but this one was to; -1: not known
+    int deaths;       // of servers, each soon after the surface was there again
+    bool takes_names; // the last server that took the surface's memory removed its name
+    int64_t lost_ms;  // moments of the monotonic clock
     int64_t restored_ms;
     int64_t next_attempt_ms;
     int32_t depth;                              // what the restoration's question was answered with
@@ -94,6 +99,8 @@ namespace libpfb {
 
 constexpr char SERVICE[] = "pfb";
 constexpr int32_t SIZE_MAX_PIXELS = 32767; // what the server's regions can hold
+// As the peer of a connection: a service manager, which listens for servers that come and go.
+constexpr pid_t MANAGER = 1;
 
 // Notes the failure for pfb_error and pfb_error_text, "FUNCTION: ..."; returns `code`.
 [[gnu::format(printf, 3, 4)]] int fail(int code, const char *function, const char *format, ...);
@@ -163,9 +170,10 @@ int take_answer(pfb_client *client, const char *function, Deadline &deadline);
 
 // Nothing is to be done or told unless the connection has ended.
 bool recovery_is_quiet(const pfb_client *client);
-// Whether the server has read all requests, long after the last change. What it has not read is gone when it ends, so
-// this says something only when the connection is found alive afterwards: confirm then.
-bool recovery_has_survived(const pfb_client *client);
+// Whether a trial is over and the server has read all requests. What it has not read is gone when it ends, so this says
+// something only when the connection is found alive afterwards: confirm what was on trial then.
+bool recovery_has_survived(pfb_client *client);
+void recovery_confirm_trial(pfb_client *client);
 // Gets as far as it can without waiting, and tells the application what has happened.
 void recovery_step(pfb_client *client);
 // Before a request: takes a step, and waits for the answer to a restoration that is under way. Afterwards the phase is

@@ -169,10 +169,11 @@ SurfaceState scaled_state(const pfb_client *client, const Area &from, const Area
 // The last lock_area was not answered in time, so it is still before the server: an unlock behind it undoes it.
 int take_lock_back(pfb_client *client, const char *function)
 {
-    const int sent = ended(client, send_now(client, {function, "unlock"}));
+    const int sent = send_now(client, {function, "unlock"});
     if (sent != PFB_OK && !(sent == PFB_ERROR_GONE && client->reconnect))
         return sent;
-    client->state.blocked = false; // the unlock has ended that as well
+    client->state.blocked = false; // the unlock ends that as well; the next server has neither
+    ended(client, sent);
     return fail(PFB_ERROR_TIMEOUT, function, "the server has not locked in time; the lock is taken back");
 }
 
@@ -186,7 +187,7 @@ bool is_clear(pfb_client *client)
     if (poll(&entry, 1, 0) != 1 || entry.revents != POLLOUT)
         return false;
     if (survived)
-        recovery_confirm(client);
+        recovery_confirm_trial(client);
     return true;
 }
 

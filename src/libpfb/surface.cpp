@@ -59,7 +59,7 @@ int create_on_server(pfb_client *client, const char *function, const char *name,
         client->unusable = result != PFB_OK && result != PFB_ERROR_GONE;
     }
     if (!client->unusable)
-        shm_unlink(name); // the server has done so too, unless the name is another user's
+        client->takes_names = shm_unlink(name) != 0; // the server has done so, unless the name is another user's
     return result;
 }
 

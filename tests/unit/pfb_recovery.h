@@ -5,6 +5,7 @@
 #include "pfb.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "pfb_service.h"
+#include "pfb_system.h"
 
 using Strings = std::vector<std::string>;
 
@@ -87,6 +89,7 @@ protected:
     {
         pfb_disconnect(client);
         EXPECT_EQ(shared_objects(), 0u);
+        pfb_system = {};
     }
 
     void create(pfb_format format = PFB_FORMAT_XRGB32)
@@ -98,8 +101,9 @@ protected:
     bool dispatch_until(const std::function<bool()> &done)
     {
         pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(PATIENCE_MS);
         while (!done()) {
-            if (poll(&entry, 1, PATIENCE_MS) <= 0)
+            if (std::chrono::steady_clock::now() > end || poll(&entry, 1, PATIENCE_MS) <= 0)
                 return false;
             wakeups++;
             EXPECT_EQ(turn(), PFB_OK);
