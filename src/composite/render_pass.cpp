@@ -52,8 +52,9 @@ void collect_parts(ImageSurface *surface, Region *damage)
     region_translate(dirty, surface->area.x1, surface->area.y1);
     region_intersect_rect(dirty, dirty, &surface->drawing_area);
     if (damage != nullptr)
-        region_add_i(damage, dirty);
-    region_make_empty(dirty);
+        region_move_into(damage, dirty);
+    else
+        region_make_empty(dirty);
 }
 
 // Nothing was reported since the last pass: true of most surfaces in most passes.
