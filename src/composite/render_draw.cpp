@@ -80,8 +80,7 @@ void draw_alone(FbServer *fs, ImageSurface *surface)
         set_alpha(surface->img, true);
         set_alpha(backend->work_img, true);
     }
-    region_add_i(backend->clear_region, &surface->aux_region);
-    region_make_empty(&surface->aux_region);
+    region_make_empty(&surface->aux_region); // all of it has been in clear_region since it was assigned
 }
 
 bool is_same_rectangle(const Region *a, const Region *b)
@@ -168,8 +167,7 @@ void draw_surface(FbServer *fs, int32_t index, int32_t highest)
         color_plane_paint(backend->work_img, &surface->aux_region, surface->color_plane);
     if (copied)
         set_alpha(surface->img, true);
-    region_add_i(backend->clear_region, &surface->aux_region);
-    region_make_empty(&surface->aux_region);
+    region_make_empty(&surface->aux_region); // all of it has been in clear_region since it was assigned
 }
 
 bool any_alpha_output(const FbServer *fs)
