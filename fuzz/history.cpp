@@ -60,6 +60,7 @@ bool start(const Decoder &d)
         memory_output_set(which, m->outputs[which].device, m->outputs[which].frame.bytes.data());
     hide_surroundings();
     fs = fs_new(d.config.requested_w, d.config.requested_h);
+    image_band_bytes = 600; // a few rows, since the screens are small
     return true;
 }
 

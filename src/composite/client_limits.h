@@ -13,12 +13,13 @@ constexpr uint64_t MIB = 1024 * 1024;
 // lines are as many rectangles as their product.) The same holds for the damage of an output. Since each of its
 // rectangles meets each surface in a pass, and each direct one all others, it is kept as fewer where surfaces are many.
 constexpr int DAMAGE_RECTS = 1 << 17;
+constexpr int DAMAGE_RECTS_LEAST = 64;
 constexpr int64_t DAMAGE_MEETINGS = int64_t{1} << 24;
 
 constexpr int damage_rects(int n_surface)
 {
     const int64_t n = std::max(n_surface, 1);
-    return static_cast<int>(std::clamp<int64_t>(DAMAGE_MEETINGS / (n * n), 64, DAMAGE_RECTS));
+    return static_cast<int>(std::clamp<int64_t>(DAMAGE_MEETINGS / (n * n), DAMAGE_RECTS_LEAST, DAMAGE_RECTS));
 }
 
 // Damage that does not come from reports is added one rectangle after the other, and each costs time for all before it.

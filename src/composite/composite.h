@@ -93,5 +93,11 @@ int fs_render(void *data);
 // Moves the region (screen) of `src`, whose pixel (0, 0) lies at (x, y) on the screen, into `dst`.
 void image_render(FbServer *fs, Backend *backend, xc_image *src, xc_image *dst, const Region *region, int32_t x,
                   int32_t y, int32_t rotation);
+// image_render from `src` to `work` and, at (0, 0), from there to `frame`, band by band: what is read again is then
+// still in the nearest cache. False, with nothing done, where that pays nothing or could leave other pixels in either.
+bool image_render_through(FbServer *fs, xc_image *src, xc_image *work, xc_image *frame, const Region *region, int32_t x,
+                          int32_t y, int32_t rotation);
+// The most that a band has, counted as words. Tests set their own.
+extern int32_t image_band_bytes;
 // Paints colour c over the region (screen) of `work`.
 void color_plane_paint(xc_image *work, const Region *region, int32_t c);

@@ -2,13 +2,20 @@
 // Where pixels move from one image into another: choose a converter, then call it for every rectangle.
 #include "composite.h"
 
+#include <algorithm>
+
 #include "../base/assert.h"
 #include "../base/output.h"
 #include "../base/wrap.h"
 #include "../render/render.h"
 #include "extent.h"
 
+int32_t image_band_bytes = 8192;
+
 namespace {
+
+// The C library writes a copy of this many bytes or more past the caches, which saves more than bands do.
+constexpr int64_t LONG_COPY = 4 << 20;
 
 // One rectangle on its way: the eleven arguments of a converter, and what exists of both buffers.
 struct Transfer {
@@ -84,7 +91,86 @@ void render_rectangle(const Transfer &t)
         convert_existing(t);
 }
 
+Transfer make_transfer(const FbServer *fs, const ConverterChoice *choice, const xc_image *src, xc_image *dst)
+{
+    return Transfer{
+        fs, choice, src, dst, converter_grid(src, choice->src_size), converter_grid(dst, choice->dst_size), 0, 0,
+        0,  0,      0,   0};
+}
+
+void place(Transfer *t, const Box &box, int32_t x, int32_t y)
+{
+    t->sx = wrap_sub(box.x1, x);
+    t->sy = wrap_sub(box.y1, y);
+    t->dx = box.x1;
+    t->dy = box.y1;
+    t->w = box.x2 - box.x1;
+    t->h = box.y2 - box.y1;
+}
+
+// ---- two steps at once ----
+
+// Leaves a rectangle the way it stands, and tells nobody.
+bool is_plain(const ConverterChoice *choice)
+{
+    return choice != nullptr && choice->announce == nullptr && !choice->turned;
+}
+
+// All of what image_render asserts.
+bool is_on_screen(const Transfer &t)
+{
+    return t.w > 0 && t.h > 0 && t.sx >= 0 && t.sy >= 0 && t.dx >= 0 && t.dy >= 0 && t.dx + t.w <= t.fs->w &&
+           t.dy + t.h <= t.fs->h;
+}
+
+// Every pixel of the destination belongs to one row alone, so that it does not matter when the others are written.
+bool rows_are_apart(const Transfer &t)
+{
+    return t.w * t.dst_grid.size <= t.dst_grid.pitch;
+}
+
+bool is_long_copy(const Transfer &t)
+{
+    return t.w * t.dst_grid.size == t.dst_grid.pitch && t.h * t.dst_grid.pitch >= LONG_COPY;
+}
+
+int32_t band_rows(const Transfer &t)
+{
+    const int32_t row = t.w * static_cast<int32_t>(sizeof(uint32_t));
+    return t.h * int64_t{row} <= image_band_bytes ? t.h : std::max(1, image_band_bytes / row);
+}
+
+bool can_go_by_bands(const Transfer &in, const Transfer &out)
+{
+    return is_on_screen(in) && is_whole(in) && is_whole(out) && rows_are_apart(in) && rows_are_apart(out) &&
+           !is_long_copy(out);
+}
+
 } // namespace
+
+[[gnu::hot]] bool image_render_through(FbServer *fs, xc_image *src, xc_image *work, xc_image *frame,
+                                       const Region *region, int32_t x, int32_t y, int32_t rotation)
+{
+    if (region->data != nullptr || src == nullptr || work == nullptr || frame == nullptr)
+        return false;
+    const ConverterChoice *first = find_converter(src, work, rotation);
+    const ConverterChoice *second = find_converter(work, frame, rotation);
+    if (!is_plain(first) || !is_plain(second))
+        return false;
+    Transfer in = make_transfer(fs, first, src, work);
+    Transfer out = make_transfer(fs, second, work, frame);
+    place(&in, region->extents, x, y);
+    place(&out, region->extents, 0, 0);
+    if (!can_go_by_bands(in, out))
+        return false;
+    const int32_t rows = band_rows(in);
+    for (int32_t j = 0; j < in.h; j += rows) {
+        const int32_t n = std::min(rows, in.h - j);
+        convert(in, 0, j, in.w, n);
+        convert(out, 0, j, in.w, n);
+    }
+    return true;
+}
 
 [[gnu::hot]] void image_render(FbServer *fs, [[maybe_unused]] Backend *backend, xc_image *src, xc_image *dst,
                                const Region *region, int32_t x, int32_t y, int32_t rotation)
@@ -101,25 +187,19 @@ void render_rectangle(const Transfer &t)
         err_printf("No render function: src depth: %d dst depth: %d\n", src->depth, dst->depth);
         fs_assert(0);
     }
-    Transfer t{fs, choice, src, dst, converter_grid(src, choice->src_size), converter_grid(dst, choice->dst_size), 0, 0,
-               0,  0,      0,   0};
+    Transfer t = make_transfer(fs, choice, src, dst);
     const Box *rects = region_rects(region);
     for (int i = 0; i < n; i++) {
         const Box *box = &rects[i];
         fs_assert(box->x2 > box->x1);
         fs_assert(box->y2 > box->y1);
-        t.sx = wrap_sub(box->x1, x);
-        t.sy = wrap_sub(box->y1, y);
+        place(&t, *box, x, y);
         fs_assert_text(t.sx >= 0, "box->x1 - x >= 0");
         fs_assert_text(t.sy >= 0, "box->y1 - y >= 0");
         fs_assert(box->x1 >= 0);
         fs_assert(box->y1 >= 0);
         fs_assert(box->x2 <= fs->w);
         fs_assert(box->y2 <= fs->h);
-        t.dx = box->x1;
-        t.dy = box->y1;
-        t.w = box->x2 - box->x1;
-        t.h = box->y2 - box->y1;
         render_rectangle(t);
     }
 }

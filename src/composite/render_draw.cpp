@@ -31,6 +31,14 @@ void copy_to_frame(FbServer *fs, Backend *backend)
     region_make_empty(direct);
 }
 
+[[gnu::hot]] void finish(FbServer *fs, Backend *backend)
+{
+    backend->displayfunc->update(fs, backend->clear_region);
+    backend->displayfunc->flush(fs);
+    region_make_empty(backend->clear_region);
+    region_make_empty(backend->damage_region);
+}
+
 // The second layer copies words as they are, alpha included, and counts as having alpha from its first present on.
 [[gnu::hot]] void present(FbServer *fs, Backend *backend)
 {
@@ -43,10 +51,7 @@ void copy_to_frame(FbServer *fs, Backend *backend)
         set_alpha(backend->work_img, true);
         set_alpha(backend->frame_img, true);
     }
-    backend->displayfunc->update(fs, backend->clear_region);
-    backend->displayfunc->flush(fs);
-    region_make_empty(backend->clear_region);
-    region_make_empty(backend->damage_region);
+    finish(fs, backend);
 }
 
 void present_all(FbServer *fs)
@@ -75,8 +80,26 @@ void draw_alone(FbServer *fs, ImageSurface *surface)
         set_alpha(surface->img, true);
         set_alpha(backend->work_img, true);
     }
-    region_add_i(backend->clear_region, &surface->aux_region);
+    region_make_empty(&surface->aux_region); // all of it has been in clear_region since it was assigned
+}
+
+bool is_same_rectangle(const Region *a, const Region *b)
+{
+    return a->data == nullptr && b->data == nullptr && a->extents.x1 == b->extents.x1 &&
+           a->extents.y1 == b->extents.y1 && a->extents.x2 == b->extents.x2 && a->extents.y2 == b->extents.y2;
+}
+
+// draw_alone and present at once, where nothing but the surface's rectangle is to be presented.
+bool draw_through(FbServer *fs, ImageSurface *surface)
+{
+    Backend *backend = surface->backend;
+    if (backend->secondary != 0 || !is_same_rectangle(backend->clear_region, &surface->aux_region) ||
+        !image_render_through(fs, surface->img, backend->work_img, backend->frame_img, &surface->aux_region,
+                              surface->area.x1, surface->area.y1, fs->rotation))
+        return false;
     region_make_empty(&surface->aux_region);
+    finish(fs, backend);
+    return true;
 }
 
 // What shown surfaces above the one at `index`, up to `highest`, draw near to it on the same output.
@@ -144,8 +167,7 @@ void draw_surface(FbServer *fs, int32_t index, const Drawers &drawers)
         color_plane_paint(backend->work_img, &surface->aux_region, surface->color_plane);
     if (copied)
         set_alpha(surface->img, true);
-    region_add_i(backend->clear_region, &surface->aux_region);
-    region_make_empty(&surface->aux_region);
+    region_make_empty(&surface->aux_region); // all of it has been in clear_region since it was assigned
 }
 
 bool any_alpha_output(const FbServer *fs)
@@ -182,6 +204,8 @@ void draw_stack(FbServer *fs, const Drawers &drawers)
             present_all(fs);
     } else if (drawers.count == 1) {
         ImageSurface *surface = fs->surfaces[drawers.lowest];
+        if (!cleared && draw_through(fs, surface))
+            return;
         draw_alone(fs, surface);
         if (cleared)
             present_all(fs);

@@ -34,6 +34,13 @@ Region *damage_of(const ImageSurface *surface)
     return surface->backend != nullptr ? surface->backend->damage_region : nullptr;
 }
 
+// Few rectangles, as almost always, are not too many for any number of surfaces: that takes no division.
+void bound_damage(const FbServer *fs, Region *damage)
+{
+    if (region_num_rects(damage) > DAMAGE_RECTS_LEAST)
+        region_bound(damage, damage_rects(fs->n_surface));
+}
+
 // ---- collect ----
 
 void collect_whole(const FbServer *fs, ImageSurface *surface, Region *damage)
@@ -55,8 +62,9 @@ void collect_parts(ImageSurface *surface, Region *damage)
     region_translate(dirty, surface->area.x1, surface->area.y1);
     region_intersect_rect(dirty, dirty, &surface->drawing_area);
     if (damage != nullptr)
-        region_add_i(damage, dirty);
-    region_make_empty(dirty);
+        region_move_into(damage, dirty);
+    else
+        region_make_empty(dirty);
 }
 
 // Nothing was reported since the last pass: true of most surfaces in most passes.
@@ -82,7 +90,7 @@ void collect_surface(const FbServer *fs, ImageSurface *surface)
     else
         collect_parts(surface, damage);
     if (damage != nullptr)
-        region_bound(damage, damage_rects(fs->n_surface));
+        bound_damage(fs, damage);
 }
 
 bool any_damage(const FbServer *fs)
@@ -95,11 +103,11 @@ bool any_damage(const FbServer *fs)
     return false;
 }
 
-void bound_damage(const FbServer *fs)
+void bound_all_damage(const FbServer *fs)
 {
     for (int32_t i = 0; i < fs->n_backend; i++) {
         if (const Backend *backend = backend_at(fs, i))
-            region_bound(backend->damage_region, damage_rects(fs->n_surface));
+            bound_damage(fs, backend->damage_region);
     }
 }
 
@@ -110,7 +118,7 @@ bool collect(const FbServer *fs)
         if (!is_unchanged(surface) && takes_part(surface))
             collect_surface(fs, surface);
     }
-    bound_damage(fs); // what hidden and moved surfaces have left, too
+    bound_all_damage(fs); // what hidden and moved surfaces have left, too
     return any_damage(fs);
 }
 
@@ -131,8 +139,8 @@ bool hides_all(const ImageSurface *surface, const Region *damage)
            hidden.y2 <= opaque->y2 + y;
 }
 
-// Where more than `most` rectangles were left nothing is taken out: what is hidden is then drawn, and drawn over.
-void subtract_opaque(const ImageSurface *surface, Region *damage, int most)
+// Where too many rectangles were left nothing is taken out: what is hidden is then drawn, and drawn over.
+void subtract_opaque(const FbServer *fs, const ImageSurface *surface, Region *damage)
 {
     if (region_is_empty(&surface->opaque_area))
         return;
@@ -146,7 +154,7 @@ void subtract_opaque(const ImageSurface *surface, Region *damage, int most)
     region_translate(&opaque, surface->area.x1, surface->area.y1);
     region_intersect_rect(&opaque, &opaque, &surface->drawing_area);
     region_subtract(&opaque, damage, &opaque);
-    if (region_num_rects(&opaque) <= most)
+    if (region_num_rects(&opaque) <= damage_rects(fs->n_surface))
         region_copy(damage, &opaque);
     region_uninit(&opaque);
 }
@@ -166,7 +174,7 @@ bool assign_surface(const FbServer *fs, ImageSurface *surface, Region *damage)
     if (region_is_empty(&surface->aux_region))
         return false;
     region_add_i(surface->backend->clear_region, has_alpha_output(surface) ? damage : &surface->aux_region);
-    subtract_opaque(surface, damage, damage_rects(fs->n_surface));
+    subtract_opaque(fs, surface, damage);
     return true;
 }
 

@@ -146,16 +146,17 @@ int take_some(mc_connection *connection, Inbox *inbox, int wanted)
 }
 
 // Handles what has arrived, up to PACKETS_PER_TURN. The greeting comes alone: what follows it waits in the socket until
-// the connection is attached.
-[[gnu::hot]] void take_arrived(mc_connection *connection, Inbox *inbox)
+// the connection is attached. False when there may be more.
+[[gnu::hot]] bool take_arrived(mc_connection *connection, Inbox *inbox)
 {
     for (int left = PACKETS_PER_TURN; left > 0 && connection_is_live(connection);) {
         const int wanted = connection->greeted ? std::min(left, RECEIVE_MAX) : 1;
         const int n = take_some(connection, inbox, wanted);
         if (n < wanted)
-            break;
+            return true;
         left -= n;
     }
+    return false;
 }
 
 // A handler that runs the main loop finds this connection at rest: its next request comes when this one is done.
@@ -167,16 +168,19 @@ int take_some(mc_connection *connection, Inbox *inbox, int wanted)
         return;
     }
     Inbox *inbox = inbox_take();
-    if (!inbox)
+    if (!inbox) {
+        watch_again(&connection->watch);
         return;
+    }
     connection_ref(connection);
     connection->in_turn = true;
-    take_arrived(connection, inbox);
+    const bool all = take_arrived(connection, inbox);
     connection->in_turn = false;
     inbox_give(inbox);
     if (connection_is_live(connection) && late && !connection->greeted)
         connection_drop(connection, "no greeting in time");
-    if (connection_is_live(connection) && !watch_resume(&connection->watch))
+    if (connection_is_live(connection) &&
+        (!watch_resume(&connection->watch) || (!all && !watch_again(&connection->watch))))
         connection_drop(connection, "cannot be waited for: %s", strerror(errno));
     connection_unref(connection);
 }
@@ -185,6 +189,7 @@ bool connection_attach(mc_connection *connection)
 {
     connection->watch.turn = connection_turn;
     connection->watch.owner = connection;
+    connection->watch.drains = true;
     connection->leave = connection_leave;
     return watch_start(&connection->watch, connection->fd);
 }

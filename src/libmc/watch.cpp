@@ -22,29 +22,35 @@ struct WatchSet {
     epoll_event ready[READY_MAX];
     int at;
     int n;
+    bool due; // the loop is told that some of them are due: the kernel does not tell it again
 };
 
-WatchSet set = {-1, nullptr, 0, -1, nullptr, {}, 0, 0};
+WatchSet set = {-1, nullptr, 0, -1, nullptr, {}, 0, 0, false};
 
 Watch *watch_of(const epoll_event &event)
 {
     return static_cast<Watch *>(event.data.ptr);
 }
 
-bool set_add(int fd, Watch *watch)
+bool set_control(int operation, int fd, Watch *watch)
 {
     epoll_event event = {};
-    event.events = EPOLLIN;
+    event.events = watch && watch->drains ? EPOLLIN | EPOLLET : EPOLLIN;
     event.data.ptr = watch;
-    return epoll_ctl(set.epoll_fd, EPOLL_CTL_ADD, fd, &event) == 0;
+    return epoll_ctl(set.epoll_fd, operation, fd, &event) == 0;
+}
+
+bool set_add(int fd, Watch *watch)
+{
+    return set_control(EPOLL_CTL_ADD, fd, watch);
 }
 
 // ---- deadlines ----
 
-// The loop is told when the next one is over.
+// The loop is told when the next one is over, or that a turn is due.
 void set_timer()
 {
-    gint64 next = -1;
+    gint64 next = set.due ? 0 : -1;
     for (const Watch *watch = set.timed; watch; watch = watch->next)
         if (next < 0 || watch->deadline < next)
             next = watch->deadline;
@@ -75,12 +81,21 @@ Watch *take_late(gint64 now)
 
 // ---- turns ----
 
+void set_due(bool due)
+{
+    if (set.due == due)
+        return;
+    set.due = due;
+    set_timer();
+}
+
 void fetch_ready()
 {
     set.at = 0;
     set.n = epoll_wait(set.epoll_fd, set.ready, READY_MAX, 0);
     if (set.n < 0)
         set.n = 0;
+    set_due(set.n > 1);
 }
 
 // A turn may run the main loop, which then gives the others theirs, or close anything, the set included.
@@ -91,6 +106,7 @@ void fetch_ready()
     while (set.at < set.n)
         if (Watch *watch = watch_of(set.ready[set.at++]))
             watch->turn(watch->owner, false);
+    set_due(false);
     if (!set.timed)
         return G_SOURCE_CONTINUE;
     const gint64 now = g_source_get_time(set.source); // of now: a turn may have made it anew
@@ -127,6 +143,7 @@ void set_release()
     close(set.epoll_fd);
     set.epoll_fd = set.wakeup_fd = -1;
     set.at = set.n = 0;
+    set.due = false;
 }
 
 // The main context's own descriptor, when it is all that is to be waited for beside the set; it is then in the set as
@@ -198,6 +215,11 @@ void watch_rest(Watch *watch)
     if (watch->active && !watch->polled)
         watch->polled = set_add(watch->fd, watch);
     return watch->polled;
+}
+
+[[gnu::hot]] bool watch_again(Watch *watch)
+{
+    return !watch->polled || set_control(EPOLL_CTL_MOD, watch->fd, watch);
 }
 
 void watch_stop(Watch *watch)

@@ -14,10 +14,12 @@ namespace libmc {
 
 inline constexpr int READY_MAX = 64;
 
-// One descriptor, a part of what it belongs to. `turn` and `owner` are set once; the rest is zero before watch_start.
+// One descriptor, a part of what it belongs to. `turn`, `owner` and `drains` are set once; the rest is zero before
+// watch_start.
 struct Watch {
     void (*turn)(void *owner, bool late); // something has arrived, or (late) the deadline is over, or both
     void *owner;
+    bool drains; // a turn takes all that has arrived, or calls watch_again: the kernel need not look again each time
     int fd;
     bool active;      // between watch_start and watch_stop
     bool polled;      // in the set
@@ -34,6 +36,8 @@ void watch_stop(Watch *watch);
 // descriptor cannot be waited for any more.
 void watch_rest(Watch *watch);
 bool watch_resume(Watch *watch);
+// For one that drains: another turn when the descriptor is still ready. False as above.
+bool watch_again(Watch *watch);
 // Over once it has led to a turn.
 void watch_set_deadline(Watch *watch, int64_t deadline);
 // The epoll set; -1 while nothing is watched.

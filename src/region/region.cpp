@@ -59,6 +59,11 @@ bool adds_nothing(const Region *region, const Box &box)
     return region->data == empty_mark() || is_inside(region->extents, box);
 }
 
+Box box_around(const Box &a, const Box &b)
+{
+    return Box{std::min(a.x1, b.x1), std::min(a.y1, b.y1), std::max(a.x2, b.x2), std::max(a.y2, b.y2)};
+}
+
 // ---- without memory ----
 
 unsigned failures;
@@ -78,8 +83,7 @@ Box around_both(const Region *a, const Region *b)
         return b->extents;
     if (region_is_empty(b))
         return a->extents;
-    return Box{std::min(a->extents.x1, b->extents.x1), std::min(a->extents.y1, b->extents.y1),
-               std::max(a->extents.x2, b->extents.x2), std::max(a->extents.y2, b->extents.y2)};
+    return box_around(a->extents, b->extents);
 }
 
 Box around_all(const Region *region, const Box *boxes, int n)
@@ -114,14 +118,32 @@ int intersect(Region *result, const Region *a, const Region *b)
 
 // ---- one rectangle ----
 
-// The union, where it is one of the two and that is one rectangle: most of the time damage is. False for all others.
+// Two intervals that overlap or touch.
+bool meet(int16_t from, int16_t to, int16_t other_from, int16_t other_to)
+{
+    return from <= other_to && other_from <= to;
+}
+
+// True when two boxes make one: along a whole side of both, with nothing between them.
+bool are_neighbours(const Box &a, const Box &b)
+{
+    return (a.y1 == b.y1 && a.y2 == b.y2 && meet(a.x1, a.x2, b.x1, b.x2)) ||
+           (a.x1 == b.x1 && a.x2 == b.x2 && meet(a.y1, a.y2, b.y1, b.y2));
+}
+
+// The union, where it is one rectangle: most of the time damage is. False for most others.
 bool unite_single(Region *result, const Region *a, const Region *b)
 {
     if (a->data != nullptr || !adds_nothing(b, a->extents))
         std::swap(a, b);
-    if (a->data != nullptr || !adds_nothing(b, a->extents) || !has_no_memory(result))
+    if (a->data != nullptr || !has_no_memory(result))
         return false;
-    result->extents = a->extents;
+    if (adds_nothing(b, a->extents))
+        result->extents = a->extents;
+    else if (b->data == nullptr && are_neighbours(a->extents, b->extents))
+        result->extents = box_around(a->extents, b->extents);
+    else
+        return false;
     result->data = nullptr;
     return true;
 }
@@ -209,6 +231,15 @@ int region_copy(Region *dst, const Region *src)
 [[gnu::hot]] int region_add_i(Region *region, const Region *other)
 {
     return region_union(region, region, other);
+}
+
+[[gnu::hot]] void region_move_into(Region *region, Region *other)
+{
+    if (region->data == empty_mark())
+        std::swap(*region, *other);
+    else
+        region_add_i(region, other);
+    region_make_empty(other);
 }
 
 int region_add_boxes(Region *region, const Box *boxes, int n)

@@ -164,6 +164,44 @@ TEST_F(ClientFaults, EveryConverterWithEveryInstructionSet)
     });
 }
 
+// By bands: what is missing is zero in the frame as well, and what comes after it is there.
+TEST_F(ClientFaults, ThroughTheWorkImageIntoTheFrame)
+{
+    in_child([this] {
+        open_server(SCREEN, SCREEN);
+        image_band_bytes = 5 * W * 4;
+        const Rect rect{0, 0, W, H};
+        Region region;
+        region_init(&region, nullptr);
+        region_reset(&region, &rect);
+        for (const int32_t format : {ARGB32, XRGB32, RGB16, RGB18}) {
+            SCOPED_TRACE(format);
+            const auto size = static_cast<size_t>(W * H * pixel_size_of(format));
+            const std::vector<uint8_t> content = random_bytes(size, 3);
+            std::vector<uint8_t> whole = zero_from(content, PAGE + 1000);
+            ClientObject object(size);
+            object.write(content);
+            object.cut_to(PAGE + 1000);
+            const Images expected = make_images(format, XRGB32, whole.data());
+            const Images through = make_images(format, XRGB32, object.pixels);
+            xc_image *frame = xc_image_new_with_data(SCREEN, SCREEN, nullptr, XRGB32, 0, 0, SCREEN * 4);
+            image_render(server, nullptr, expected.src, expected.dst, &region, 0, 0, 0);
+            EXPECT_TRUE(image_render_through(server, through.src, through.dst, frame, &region, 0, 0, 0));
+            EXPECT_EQ(memcmp(through.dst->pixels, expected.dst->pixels, expected.dst->extent), 0);
+            for (size_t y = 0; y < size_t{H}; y++) {
+                EXPECT_EQ(memcmp(static_cast<uint8_t *>(frame->pixels) + y * SCREEN * 4,
+                                 static_cast<uint8_t *>(expected.dst->pixels) + y * SCREEN * 4, W * 4),
+                          0);
+            }
+            EXPECT_EQ(client_memory_take_short(), object.pixels);
+            xc_image_unref(frame);
+            drop(expected);
+            drop(through);
+        }
+        region_uninit(&region);
+    });
+}
+
 // Whole rows are picked at once, others pixel by pixel: of a source rectangle that begins before the image.
 TEST_F(ClientFaults, EveryScaledRefreshWithEveryInstructionSet)
 {

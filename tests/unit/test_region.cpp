@@ -236,6 +236,54 @@ TEST_F(Regions, UnionIntersectAndSubtractAreTheSetOperations)
     EXPECT_THAT(rects_of(result), ElementsAre(Rect{0, 0, 5, 10}));
 }
 
+// Apart, side by side, overlapping, one inside the other: one rectangle where the pixels are one, and else pixman's.
+TEST_F(Regions, TheUnionOfAnyTwoRectangles)
+{
+    constexpr int16_t SIDE = 5;
+    std::vector<Box> boxes;
+    for (int16_t y1 = 0; y1 < SIDE; y1++)
+        for (int16_t x1 = 0; x1 < SIDE; x1++)
+            for (int16_t y2 = y1; y2 < SIDE; y2++)
+                for (int16_t x2 = x1; x2 < SIDE; x2++)
+                    boxes.push_back({x1, y1, static_cast<int16_t>(x2 + 1), static_cast<int16_t>(y2 + 1)});
+    int joined = 0;
+    for (const Box &first : boxes) {
+        for (const Box &second : boxes) {
+            Region one{first, nullptr}, other{second, nullptr}, expected;
+            pixman_region_init(&expected);
+            pixman_region_union(&expected, &one, &other);
+            region_union(&result, &one, &other);
+            ASSERT_EQ(rects_of(result), rects_of(expected));
+            ASSERT_EQ(result.data == nullptr, expected.data == nullptr);
+            ASSERT_TRUE(pixman_region_equal(&result, &expected));
+            joined += result.data == nullptr ? 1 : 0;
+            region_union(&one, &other, &one);
+            ASSERT_TRUE(pixman_region_equal(&one, &expected)) << "into itself";
+            region_uninit(&one);
+            region_uninit(&expected);
+        }
+    }
+    EXPECT_GT(joined, 10000);
+}
+
+TEST_F(Regions, MovedIntoAnotherNothingIsLeft)
+{
+    for (const bool was_empty : {true, false}) {
+        region_make_empty(&a);
+        region_make_empty(&b);
+        add(a, {0, 0, 10, 10});
+        add(a, {20, 5, 30, 15});
+        if (!was_empty)
+            add(b, {5, 5, 12, 12});
+        region_union(&result, &a, &b);
+        region_move_into(&b, &a);
+        EXPECT_EQ(rects_of(b), rects_of(result));
+        EXPECT_EQ(region_is_empty(&a), 1);
+        add(a, {1, 1, 2, 2});
+        EXPECT_EQ(rects_of(b), rects_of(result)) << "they share nothing";
+    }
+}
+
 TEST_F(Regions, AddUnitesTheSecondIntoTheFirst)
 {
     add(a, {0, 0, 10, 10});

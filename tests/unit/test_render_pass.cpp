@@ -285,6 +285,19 @@ TEST_F(RenderPass, AloneASurfaceIsPresentedWithOneUpdateAndOneFlush)
     EXPECT_EQ(primary_output.calls[1].kind, OutputCall::FLUSH);
 }
 
+TEST_F(RenderPass, AloneASurfaceIsPresentedWithWhatElseWaits)
+{
+    ImageSurface *surface = add_shown("fb.a", {0, 0, 10, 10}, XRGB32);
+    settle_quietly();
+    const Rect waits{0, 0, 60, 60};
+    put(surface->backend->work_img, 50, 50, 0x123456);
+    region_union_rect(surface->backend->clear_region, surface->backend->clear_region, &waits);
+    fs_add_dirty(server, surface, 0, 0, 10, 10);
+    settle();
+    EXPECT_EQ(primary_output.pixel(50, 50), 0x123456u);
+    EXPECT_THAT(primary_output.updates(), ElementsAre(Rects{waits}));
+}
+
 TEST_F(RenderPass, AloneASurfaceIgnoresItsColourPlane)
 {
     ImageSurface *surface = add_shown("fb.a", {10, 10, 20, 20}, XRGB32);

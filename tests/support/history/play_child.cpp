@@ -228,6 +228,7 @@ void history_play_child(const Channel &channel, const Config &config, const Hist
     for (int which : {model::PRIMARY, model::SECOND})
         memory_output_set(which, p.m.outputs[which].device, p.m.outputs[which].frame.bytes.data());
     fs = fs_new(config.requested_w, config.requested_h);
+    image_band_bytes = 600; // a few rows, since the screens are small
     for (size_t i = 0; i < history.size(); i++)
         child_step(p, i, history[i]);
     if (fs->idle_source)
