@@ -70,9 +70,9 @@ void *fb_init([[maybe_unused]] FbServer *fs, ScreenInfo *info)
     return mapped;
 }
 
-void fb_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region) {}
+[[gnu::hot]] void fb_update([[maybe_unused]] FbServer *fs, [[maybe_unused]] const Region *region) {}
 
-void fb_flush([[maybe_unused]] FbServer *fs) {}
+[[gnu::hot]] void fb_flush([[maybe_unused]] FbServer *fs) {}
 
 void fb_release([[maybe_unused]] FbServer *fs)
 {

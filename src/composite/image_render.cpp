@@ -44,7 +44,7 @@ int64_t dst_offset(const Transfer &t, int64_t i, int64_t j)
     return t.dst_grid.offset(t.dx + i, t.dy + j);
 }
 
-bool is_whole(const Transfer &t)
+[[gnu::hot]] bool is_whole(const Transfer &t)
 {
     const int64_t right = t.w - 1;
     const int64_t bottom = t.h - 1;

@@ -263,9 +263,9 @@ bool shared_memory_is_full()
     return statvfs("/dev/shm", &space) == 0 && space.f_blocks > 0 && space.f_bavail == 0;
 }
 
-void report_short_memory(const FbServer *fs)
+void report_short_memory(const FbServer *fs, const void *first)
 {
-    while (const void *pixels = client_memory_take_short()) {
+    for (const void *pixels = first; pixels != nullptr; pixels = client_memory_take_short()) {
         const char *fault = shared_memory_is_full() ? "is not all there and /dev/shm is full" : "is too short";
         for (int32_t i = 0; i < fs->n_surface; i++) {
             const ImageSurface *surface = fs->surfaces[i];
@@ -297,7 +297,8 @@ void report_short_memory(const FbServer *fs)
         start_over(fs);
     else
         was_short_of_memory = false;
-    report_short_memory(fs);
+    if (const void *pixels = client_memory_take_short())
+        report_short_memory(fs, pixels);
     out_flush();
     return G_SOURCE_REMOVE;
 }

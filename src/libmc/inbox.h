@@ -12,12 +12,12 @@ namespace libmc {
 inline constexpr int RECEIVE_MAX = 16;
 
 struct Inbox {
-    mc_packet packets[RECEIVE_MAX];
+    bool laid_out;             // messages and parts say where the packets are
+    Inbox *next;               // of those that nobody holds
     size_t sizes[RECEIVE_MAX]; // as packet_receive returns them
-    mmsghdr messages[RECEIVE_MAX];
     iovec parts[RECEIVE_MAX];
-    bool laid_out; // messages and parts say where the packets are
-    Inbox *next;   // of those that nobody holds
+    mmsghdr messages[RECEIVE_MAX];
+    mc_packet packets[RECEIVE_MAX]; // last: of them the first is mostly the only one that is used
 };
 
 // Null without memory. To be given back.

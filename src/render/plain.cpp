@@ -14,7 +14,7 @@ RENDER_CONVERTER(render_rgb_to_18)
     return walk_rectangle<uint32_t, xc_convert_rgba_to_18>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }
 
-RENDER_CONVERTER(render_argb_to_32)
+[[gnu::hot]] RENDER_CONVERTER(render_argb_to_32)
 {
     return walk<uint32_t, uint32_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride}, kernels->over);
 }
@@ -24,7 +24,7 @@ RENDER_CONVERTER(render_argb_to_32a)
     return walk<uint32_t, uint32_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride}, kernels->over);
 }
 
-RENDER_CONVERTER(render_rgb_to_32)
+[[gnu::hot]] RENDER_CONVERTER(render_rgb_to_32)
 {
     return walk_copy<uint32_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }
@@ -39,7 +39,7 @@ RENDER_CONVERTER(render_32_to_32)
     return walk_copy<uint32_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }
 
-RENDER_CONVERTER(render_16_to_16)
+[[gnu::hot]] RENDER_CONVERTER(render_16_to_16)
 {
     return walk_copy<uint16_t>({fs, src, dst, sx, sy, dx, dy, w, h, sstride, dstride});
 }

@@ -84,7 +84,7 @@ template <typename Pixel, typename Copy> void walk_rows(const Call &call, int32_
 }
 
 // Words unchanged: a copy for each row, and one for all of them where nothing lies between.
-template <typename Pixel> int32_t walk_copy(const Call &call)
+template <typename Pixel> [[gnu::always_inline]] inline int32_t walk_copy(const Call &call)
 {
     if (call_is_empty(call))
         return 0;
