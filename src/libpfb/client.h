@@ -82,6 +82,7 @@ struct pfb_client {
     // Recovery.
     int epoll_fd; // what pfb_poll_fd gives: watches the connection and the timer
     int timer_fd;
+    int64_t timer_ms; // when it ends, or has ended; 0: it is off
     bool recovering;  // a step is under way: callbacks may come back here
     pid_t ended;      // the process that the last connection but this one was to; -1: not known
     int deaths;       // of servers, each soon after the surface was there again

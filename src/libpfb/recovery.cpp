@@ -34,8 +34,9 @@ bool watch(const pfb_client *client, int operation, int fd, uint32_t events)
     return epoll_ctl(client->epoll_fd, operation, fd, &event) == 0;
 }
 
-void set_timer(const pfb_client *client, int64_t at_ms) // 0: off
+void set_timer(pfb_client *client, int64_t at_ms) // 0: off
 {
+    client->timer_ms = at_ms;
     itimerspec time = {};
     time.it_value.tv_sec = static_cast<time_t>(at_ms / 1000);
     time.it_value.tv_nsec = static_cast<long>(at_ms % 1000 * 1000000);
@@ -129,27 +130,24 @@ void fall_back(pfb_client *client)
     note_event(client, PFB_EVENT_REDUCED);
 }
 
-void set_trial(pfb_client *client, int64_t ends_ms)
-{
-    client->trial_ends_ms = ends_ms;
-    set_timer(client, ends_ms);
-}
-
-// What is changed all the time is tried by what it was when the trial began.
+// What is changed all the time is tried by what it was when the trial began. A timer that is on already comes early,
+// and is put off then: setting it is a system call.
 void begin_trial(pfb_client *client)
 {
     if (client->trial_ends_ms != 0 || !client->reconnect || client->phase != Phase::ready ||
         client->state == client->confirmed)
         return;
     client->on_trial = client->state;
-    set_trial(client, now_ms() + SURVIVED_MS);
+    client->trial_ends_ms = now_ms() + SURVIVED_MS;
+    if (client->timer_ms == 0)
+        set_timer(client, client->trial_ends_ms);
 }
 
 void become_ready(pfb_client *client)
 {
     client->phase = Phase::ready;
     client->restored_ms = now_ms();
-    set_trial(client, 0);
+    set_timer(client, 0);
     watch(client, EPOLL_CTL_MOD, mc_fd(client->connection), 0);
     recovery_confirm(client);
     note_event(client, PFB_EVENT_RESTORED);
@@ -198,10 +196,14 @@ void attempt(pfb_client *client)
 void look_at_connection(pfb_client *client)
 {
     const bool survived = recovery_has_survived(client);
-    if (has_ended(client))
+    if (has_ended(client)) {
         recovery_lose(client);
-    else if (survived)
+        return;
+    }
+    if (survived)
         recovery_confirm_trial(client);
+    if (client->timer_ms != 0 && now_ms() >= client->timer_ms)
+        set_timer(client, client->trial_ends_ms);
 }
 
 // Has the server answered the question at the end of the restoration?
@@ -290,7 +292,8 @@ void recovery_lose(pfb_client *client)
 
 void recovery_confirm(pfb_client *client)
 {
-    client->confirmed = client->on_trial = client->state;
+    client->confirmed = client->state;
+    client->trial_ends_ms = 0;
 }
 
 void recovery_change(pfb_client *client, const SurfaceState &state)
@@ -314,14 +317,14 @@ bool recovery_has_survived(pfb_client *client)
     int unread = 0; // bytes
     if (ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0)
         return true;
-    set_trial(client, now + SURVIVED_MS); // it is busy
+    client->trial_ends_ms = now + SURVIVED_MS; // it is busy
     return false;
 }
 
 void recovery_confirm_trial(pfb_client *client)
 {
     client->confirmed = client->on_trial;
-    set_trial(client, 0);
+    client->trial_ends_ms = 0;
     begin_trial(client); // of what has been changed meanwhile
 }
 
@@ -402,10 +405,11 @@ int pfb_set_reconnect(pfb_client *client, int on)
     if (client == nullptr)
         return fail(PFB_ERROR_ARGUMENT, __func__, "the client is NULL");
     client->reconnect = on != 0;
-    if (on == 0 && client->trial_ends_ms != 0)
-        set_trial(client, 0); // nobody looks any more
-    else
+    if (client->phase == Phase::ready) {
+        client->trial_ends_ms = 0;
+        set_timer(client, 0); // without recovery nobody looks any more
         begin_trial(client);
+    }
     return PFB_OK;
 }
 

@@ -97,6 +97,19 @@ TEST_F(Others, AClientThatSaysNothingMoreStaysShown)
     EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_RESTORED));
 }
 
+// An answer settles what was still to be seen: it wakes once more, for nothing, and that is all.
+TEST_F(Others, AClientThatIsAnsweredIsLeftAlone)
+{
+    create();
+    EXPECT_EQ(pfb_show(client), PFB_OK);
+    int depth;
+    EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
+    pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
+    poll(&entry, 1, LONGER_THAN_A_TRIAL_MS);
+    EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+    EXPECT_EQ(poll(&entry, 1, LONGER_THAN_A_TRIAL_MS), 0);
+}
+
 // Its state is never old: what it once was has been lived with all the same.
 TEST_F(Others, AClientThatNeverRestsStaysShown)
 {
