@@ -34,10 +34,26 @@ inline size_t entries(const char *folder, const std::string &prefix = "")
     return n;
 }
 
+inline std::string object_prefix()
+{
+    return "pfb." + std::to_string(getpid()) + ".";
+}
+
 inline size_t shared_objects()
 {
-    return entries("/dev/shm", "pfb." + std::to_string(getpid()) + ".");
+    return entries("/dev/shm", object_prefix());
 }
+
+// A process that was killed may have left some, and its number may be this one's now.
+inline bool remove_left_objects()
+{
+    for (const auto &entry : std::filesystem::directory_iterator("/dev/shm")) {
+        if (entry.path().filename().string().starts_with(object_prefix()))
+            std::filesystem::remove(entry.path());
+    }
+    return true;
+}
+inline const bool left_objects_are_gone = remove_left_objects();
 
 // A socket in the service's place that nobody takes connections from, with no room for one more.
 class FullSocket {
