@@ -33,8 +33,9 @@ int32_t end_of(int32_t origin, int32_t size)
     return static_cast<int32_t>(std::clamp<int64_t>(end, INT32_MIN, INT32_MAX));
 }
 
-// A region of this many rectangles is united with one more at once; beyond it reports wait in a batch.
-constexpr int32_t DIRECT_RECTS = 64;
+// So many reports wait at least before they enter the region, and room for so many is kept from pass to pass.
+constexpr int32_t BATCH_LEAST = 64;
+constexpr int32_t BATCH_KEPT = 256;
 
 bool make_room(ReportBatch *batch, int32_t capacity)
 {
@@ -52,20 +53,18 @@ bool make_room(ReportBatch *batch, int32_t capacity)
 void batch_report(const FbServer *fs, ImageSurface *surface, const Rect &rect)
 {
     ReportBatch *batch = &surface->reports;
-    const int32_t rects = region_num_rects(&surface->dirty_region);
-    if (batch->n >= rects)
+    if (batch->n >= std::max(region_num_rects(&surface->dirty_region), BATCH_LEAST))
         fs_fold_reports(fs, surface);
-    if (make_room(batch, std::max(2 * batch->capacity, DIRECT_RECTS)))
+    if (make_room(batch, std::max(2 * batch->capacity, BATCH_LEAST)))
         batch->boxes[batch->n++] = region_box(rect);
     else
         region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
 }
 
+// As long as all reports are one rectangle, that takes no memory.
 void add_report(const FbServer *fs, ImageSurface *surface, const Rect &rect)
 {
-    if (region_num_rects(&surface->dirty_region) < DIRECT_RECTS)
-        region_union_rect(&surface->dirty_region, &surface->dirty_region, &rect);
-    else
+    if (surface->reports.n > 0 || !region_union_single(&surface->dirty_region, &rect))
         batch_report(fs, surface, rect);
 }
 
@@ -110,10 +109,14 @@ int boxes_at_once(const Region *region)
     fs_drop_reports(surface);
 }
 
-void fs_drop_reports(ImageSurface *surface)
+[[gnu::hot]] void fs_drop_reports(ImageSurface *surface)
 {
-    free(surface->reports.boxes);
-    surface->reports = ReportBatch{};
+    ReportBatch *batch = &surface->reports;
+    batch->n = 0;
+    if (batch->capacity <= BATCH_KEPT)
+        return;
+    free(batch->boxes);
+    *batch = ReportBatch{};
 }
 
 [[gnu::hot]] void fs_schedule_render(FbServer *fs)

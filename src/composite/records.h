@@ -66,9 +66,9 @@ struct ScaleState {
 
 // Damage reports that wait to enter a region all at once: one by one, n scattered rectangles cost n x n steps.
 struct ReportBatch {
-    Box *boxes; // owned
     int32_t n;
     int32_t capacity;
+    Box *boxes; // owned
 };
 
 // What every pass looks at of every surface stands first, together, and what only those need that are drawn next: with

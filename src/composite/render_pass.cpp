@@ -70,14 +70,14 @@ void collect_parts(ImageSurface *surface, Region *damage)
 // Nothing was reported since the last pass: true of most surfaces in most passes.
 bool is_unchanged(const ImageSurface *surface)
 {
-    return !surface_has(surface, SURFACE_DIRTY) && region_is_empty(&surface->dirty_region) &&
-           surface->reports.boxes == nullptr;
+    return !surface_has(surface, SURFACE_DIRTY) && region_is_empty(&surface->dirty_region) && surface->reports.n == 0;
 }
 
 // What opaque surfaces hide is not taken out here but when it is assigned: all visible damage reaches the outputs.
 void collect_surface(const FbServer *fs, ImageSurface *surface)
 {
-    fs_fold_reports(fs, surface);
+    if (surface->reports.n > 0)
+        fs_fold_reports(fs, surface);
     if (surface->scale_state != nullptr) {
         if (surface_has(surface, SURFACE_DIRTY))
             region_union_rect(&surface->dirty_region, &surface->dirty_region, &surface->scale_state->src_rect);

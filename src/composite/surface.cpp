@@ -29,7 +29,7 @@ xc_image *client_image(int32_t width, int32_t height, int32_t stride, int32_t fo
 
 void surface_free(ImageSurface *surface)
 {
-    fs_drop_reports(surface);
+    free(surface->reports.boxes);
     region_uninit(&surface->opaque_area);
     region_uninit(&surface->dirty_region); // aux_region is empty between passes and holds nothing
     if (surface->scale_state != nullptr)

@@ -228,18 +228,27 @@ int region_copy(Region *dst, const Region *src)
     return region_union(result, src, &one);
 }
 
+[[gnu::hot]] int region_union_single(Region *region, const Rect *rect)
+{
+    const Box box = region_box(*rect);
+    const Region one{box, nullptr};
+    return is_empty(box) || unite_single(region, region, &one);
+}
+
 [[gnu::hot]] int region_add_i(Region *region, const Region *other)
 {
     return region_union(region, region, other);
 }
 
-[[gnu::hot]] void region_move_into(Region *region, Region *other)
+[[gnu::hot]] int region_move_into(Region *region, Region *other)
 {
+    int done = 1;
     if (region->data == empty_mark())
         std::swap(*region, *other);
     else
-        region_add_i(region, other);
+        done = region_add_i(region, other);
     region_make_empty(other);
+    return done;
 }
 
 int region_add_boxes(Region *region, const Box *boxes, int n)
@@ -250,7 +259,7 @@ int region_add_boxes(Region *region, const Box *boxes, int n)
         region_uninit(region);
         return settle_for(region, around);
     }
-    const int done = region_union(region, region, &sum);
+    const int done = region_move_into(region, &sum);
     region_uninit(&sum);
     return done;
 }

@@ -38,9 +38,11 @@ int region_copy(Region *dst, const Region *src);
 int region_union(Region *result, const Region *a, const Region *b);
 // An empty rectangle returns 0 and leaves `result` untouched.
 int region_union_rect(Region *result, const Region *src, const Rect *rect);
+// Where the union is one rectangle or none. 0, and the region untouched, where it may be several.
+int region_union_single(Region *region, const Rect *rect);
 int region_add_i(Region *region, const Region *other); // unites other into region
 // The same; other is empty afterwards, and its memory may have gone over.
-void region_move_into(Region *region, Region *other);
+int region_move_into(Region *region, Region *other);
 // Unites n boxes into the region, in one go: they may overlap, be empty and be in any order.
 int region_add_boxes(Region *region, const Box *boxes, int n);
 int region_intersect(Region *result, const Region *a, const Region *b);

@@ -165,6 +165,38 @@ TEST_F(Damage, ManyScatteredReportsArePaintedAndNothingElse)
     EXPECT_EQ(renders(), 1);
 }
 
+// Reports that lie apart find the room that those before them have used, unless it is much.
+TEST_F(Damage, RoomForAFewReportsIsKept)
+{
+    const auto report = [this](int32_t n) {
+        for (int32_t i = 0; i < n; i++)
+            fs_add_dirty(server, surface, i % 50 * 2, i / 50 * 2, 1, 1);
+    };
+    report(5);
+    const Box *room = surface->reports.boxes;
+    EXPECT_NE(room, nullptr);
+    settle();
+    EXPECT_EQ(surface->reports.n, 0);
+    report(5);
+    EXPECT_EQ(surface->reports.boxes, room);
+    settle();
+    report(1250);
+    EXPECT_GT(surface->reports.capacity, 256);
+    settle();
+    EXPECT_EQ(surface->reports.capacity, 0);
+    EXPECT_EQ(surface->reports.boxes, nullptr);
+    EXPECT_EQ(renders(), 3);
+}
+
+TEST_F(Damage, ReportsThatAreOneRectangleNeedNoRoom)
+{
+    for (const Rect &rect : {Rect{10, 10, 5, 5}, Rect{15, 10, 5, 5}, Rect{10, 15, 10, 3}, Rect{11, 11, 2, 2},
+                             Rect{3, 3, 0, 5}, Rect{0, 0, 100, 50}})
+        fs_add_dirty(server, surface, rect.x1, rect.y1, rect.x2, rect.y2); // here width and height
+    EXPECT_EQ(surface->reports.boxes, nullptr);
+    EXPECT_THAT(rects_of(surface->dirty_region), ElementsAre(Rect{0, 0, 100, 50}));
+}
+
 TEST_F(Damage, ManyScatteredReportsWaitWhileTheSurfaceIsHidden)
 {
     for (int32_t x = 0; x < 100; x += 2) {

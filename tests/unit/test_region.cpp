@@ -266,6 +266,23 @@ TEST_F(Regions, TheUnionOfAnyTwoRectangles)
     EXPECT_GT(joined, 10000);
 }
 
+TEST_F(Regions, UnionSingleIsTheUnionWhereItIsOneRectangle)
+{
+    const Rect first{0, 0, 10, 10}, inside{2, 2, 4, 4}, beside{10, 0, 12, 10}, apart{20, 0, 22, 10}, none{5, 5, 5, 9};
+    EXPECT_EQ(region_union_single(&a, &none), 1);
+    EXPECT_THAT(rects_of(a), IsEmpty());
+    EXPECT_EQ(region_union_single(&a, &first), 1);
+    EXPECT_EQ(region_union_single(&a, &inside), 1);
+    EXPECT_EQ(region_union_single(&a, &none), 1);
+    EXPECT_THAT(rects_of(a), ElementsAre(first));
+    EXPECT_EQ(region_union_single(&a, &beside), 1);
+    EXPECT_EQ(region_union_single(&a, &apart), 0);
+    EXPECT_THAT(rects_of(a), ElementsAre(Rect{0, 0, 12, 10}));
+    add(a, apart);
+    EXPECT_EQ(region_union_single(&a, &inside), 0);
+    EXPECT_THAT(rects_of(a), ElementsAre(Rect{0, 0, 12, 10}, apart));
+}
+
 TEST_F(Regions, MovedIntoAnotherNothingIsLeft)
 {
     for (const bool was_empty : {true, false}) {

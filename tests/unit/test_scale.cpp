@@ -111,7 +111,7 @@ TEST_F(Scale, ASecondScaleReplacesTheScaledImageAndKeepsTheClients)
     xc_image_unref(first);
 }
 
-// Reports beyond the first 64 rectangles wait outside the dirty region.
+// Reports that lie apart wait outside the dirty region.
 TEST_F(Scale, ReportsThatWaitInABatchAreForgottenToo)
 {
     for (int32_t y = 0; y < 50; y += 2) {
