@@ -100,6 +100,14 @@ inline U32 unpack_pairs_high(U32 a, U32 b)
     return from_bits<U32>(_mm256_unpackhi_epi64(bits(a), bits(b)));
 }
 
+// The first lanes of both, and the second ones.
+inline void exchange_lanes(U32 &a, U32 &b)
+{
+    const __m256i first = _mm256_permute2x128_si256(bits(a), bits(b), 0x20);
+    b = from_bits<U32>(_mm256_permute2x128_si256(bits(a), bits(b), 0x31));
+    a = from_bits<U32>(first);
+}
+
 // 16 bytes into each lane, the lanes `step` bytes apart.
 template <typename V> V load_lanes(const uint8_t *p, ptrdiff_t step)
 {
