@@ -3,7 +3,7 @@
 // step is read once for several rows.
 #pragma once
 
-#include "vector_pick.h"
+#include "vector.h"
 
 namespace {
 
@@ -122,6 +122,22 @@ template <typename Picked, bool SAME, int ROWS, int STEPS>
     }
 }
 
+// Steps that are all alike, from i on; returns where the next one begins.
+template <typename Picked, bool SAME, int ROWS>
+[[gnu::always_inline]] inline size_t pick_alike(const PickRow (&rows)[ROWS], const PickPlan *plan, size_t i)
+{
+    constexpr size_t size = sizeof(typename Picked::Pixel);
+    const Picked picked(plan, i);
+    const ptrdiff_t advance = plan->advance * static_cast<ptrdiff_t>(size);
+    for (ptrdiff_t on = 0; i < static_cast<size_t>(plan->until); i += 32 / size, on += advance) {
+        const auto first = picked.from(rows[0].src + on);
+        store(rows[0].dst + i * size, first);
+        for (int row = 1; row < ROWS; row++)
+            store(rows[row].dst + i * size, SAME ? first : picked.from(rows[row].src + on));
+    }
+    return i;
+}
+
 // Rest is for the end of a row.
 template <typename Picked, typename Rest, bool SAME, int ROWS>
 void pick_together(const PickRow *rows, const PickPlan *plan)
@@ -134,6 +150,11 @@ void pick_together(const PickRow *rows, const PickPlan *plan)
     const auto n = static_cast<size_t>(plan->n);
     const auto end = static_cast<size_t>(plan->end);
     size_t i = 0;
+    if (plan->alike < plan->until) {
+        for (; i < static_cast<size_t>(plan->alike); i += N)
+            pick_steps<Picked, SAME, ROWS, 1>(own, plan, i, i * size);
+        i = pick_alike<Picked, SAME, ROWS>(own, plan, i);
+    }
     for (; i + 2 * N <= end; i += 2 * N)
         pick_steps<Picked, SAME, ROWS, 2>(own, plan, i, i * size);
     if (i + N <= end) {
@@ -144,9 +165,22 @@ void pick_together(const PickRow *rows, const PickPlan *plan)
         pick_steps<Rest, SAME, ROWS, 1>(own, plan, i, (i + N <= n ? i : n - N) * size);
 }
 
-template <typename Picked, typename Rest = Picked>
+template <int32_t N> bool have_own_sources(const PickRow *rows)
+{
+    bool all = true;
+    for (int32_t i = 1; i < N; i++)
+        all = all && rows[i].src != rows[i - 1].src;
+    return all;
+}
+
+// MOST rows at a time that have sources of their own, and two of any.
+template <typename Picked, typename Rest = Picked, int32_t MOST = 2>
 void pick_windows(const PickRow *rows, int32_t count, const PickPlan *plan)
 {
+    if (MOST > 2 && plan->alike == plan->until) {
+        for (; count >= MOST && have_own_sources<MOST>(rows); count -= MOST, rows += MOST)
+            pick_together<Picked, Rest, false, MOST>(rows, plan);
+    }
     for (; count >= 2; count -= 2, rows += 2) {
         if (rows[0].src == rows[1].src)
             pick_together<Picked, Rest, true, 2>(rows, plan);
@@ -166,7 +200,7 @@ void pick_wide_16(const PickRow *rows, int32_t count, const PickPlan *plan)
     else if (plan->shape == PICK_TWO)
         pick_windows<Picked16<PICK_TWO>>(rows, count, plan);
     else
-        pick<uint16_t>(rows, count, plan);
+        NARROWER.pick_16(rows, count, plan);
 }
 
 void pick_wide_32(const PickRow *rows, int32_t count, const PickPlan *plan)
@@ -174,9 +208,9 @@ void pick_wide_32(const PickRow *rows, int32_t count, const PickPlan *plan)
     if (plan->shape == PICK_ONE)
         pick_windows<Picked32<PICK_ONE>>(rows, count, plan);
     else if (plan->shape == PICK_TWO)
-        pick_windows<Picked32<PICK_TWO>>(rows, count, plan);
+        pick_windows<Picked32<PICK_TWO>, Picked32<PICK_TWO>, 4>(rows, count, plan);
     else
-        pick<uint32_t>(rows, count, plan);
+        NARROWER.pick_32(rows, count, plan);
 }
 
 } // namespace

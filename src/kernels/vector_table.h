@@ -3,14 +3,13 @@
 #pragma once
 
 #include "vector_over.h"
-#include "vector_pick.h"
 #include "vector_plane.h"
 #include "vector_rows.h"
 #include "vector_turn.h"
 
 namespace {
 
-constexpr Kernels vector_kernels(const char *name)
+constexpr Kernels vector_kernels(const char *name, PickKernel pick_16, PickKernel pick_32)
 {
     constexpr ptrdiff_t N16 = PER_VECTOR<uint16_t>;
     constexpr ptrdiff_t N32 = PER_VECTOR<uint32_t>;
@@ -34,8 +33,8 @@ constexpr Kernels vector_kernels(const char *name)
         .fill_16 = fill<uint16_t, U16, &Kernels::fill_16>,
         .fill_32 = fill<uint32_t, U32, &Kernels::fill_32>,
         .dim = dim,
-        .pick_16 = pick<uint16_t>,
-        .pick_32 = pick<uint32_t>,
+        .pick_16 = pick_16,
+        .pick_32 = pick_32,
     };
 }
 
