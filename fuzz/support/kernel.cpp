@@ -67,6 +67,23 @@ template <typename Pixel> void fill(FuzzInput &in, FillKernel<Pixel> Kernels::*m
     area.check(expected, kernels->name);
 }
 
+// Rows of any number of bytes, with any number between them.
+void copy(FuzzInput &in)
+{
+    const auto size = static_cast<size_t>(length(in) - 1);
+    const int32_t h = 1 + in.below(4);
+    const ptrdiff_t src_pitch = static_cast<ptrdiff_t>(size) + in.below(40);
+    const ptrdiff_t dst_pitch = static_cast<ptrdiff_t>(size) + in.below(40);
+    const Buffer src(static_cast<size_t>(src_pitch) * static_cast<size_t>(h - 1) + size, in, 1);
+    const Buffer dst(static_cast<size_t>(dst_pitch) * static_cast<size_t>(h - 1) + size, in, 1);
+    const std::vector<uint8_t> source = src.bytes();
+    std::vector<uint8_t> expected = dst.bytes();
+    kernels_plain.copy(pixels<uint8_t>(src), src_pitch, pixels<uint8_t>(expected), dst_pitch, size, h);
+    kernels->copy(pixels<uint8_t>(src), src_pitch, pixels<uint8_t>(dst), dst_pitch, size, h);
+    dst.check(expected, kernels->name);
+    src.check(source, kernels->name);
+}
+
 void dim(FuzzInput &in)
 {
     const int32_t n = length(in) - 1;
@@ -158,6 +175,7 @@ constexpr Case CASES[] = {
     dim,
     [](FuzzInput &in) { pick(in, &Kernels::pick_16, 2); },
     [](FuzzInput &in) { pick(in, &Kernels::pick_32, 4); },
+    copy,
 };
 constexpr int N_CASES = sizeof CASES / sizeof *CASES;
 static_assert(sizeof(Kernels) == sizeof(const char *) + N_CASES * sizeof(void (*)()));
