@@ -1,11 +1,12 @@
 /* SPDX-License-Identifier: MIT */
 /* hello [SECONDS] - a blue rectangle with an orange edge, until the time is over or Ctrl-C. */
 #include <pfb.h>
+#include <poll.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <unistd.h>
+#include <time.h>
 
 enum { WIDTH = 200, HEIGHT = 120, EDGE = 4 };
 
@@ -25,7 +26,13 @@ int main(int argc, char **argv)
         }
     }
     pfb_show(client);
-    sleep(argc > 1 ? (unsigned)atoi(argv[1]) : 5);
+    /* When the server ends meanwhile, the library finds the next one. */
+    struct pollfd server = {pfb_poll_fd(client), POLLIN, 0};
+    const time_t end = time(NULL) + (argc > 1 ? atoi(argv[1]) : 5);
+    while (time(NULL) < end) {
+        if (poll(&server, 1, 1000) > 0)
+            pfb_dispatch(client);
+    }
     pfb_disconnect(client);
     return 0;
 }

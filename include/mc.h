@@ -63,6 +63,10 @@ int mc_packet_parse_args(const mc_packet *packet, const char *signature, ...);
  * values added, or -1 (letter unknown, NULL string, packet full) with the packet as it was. */
 int mc_packet_build_args(mc_packet *packet, const char *signature, ...);
 
+/* Makes it a packet of this command word and `n` integers, whatever it was before: one packet serves any number of
+ * requests, and memory is taken once. Returns 0, or -1 when they do not fit, with the packet as it was. */
+int mc_packet_rewrite(mc_packet *packet, const char *command, const int32_t *values, int n);
+
 /* ---- server side ------------------------------------------------------------------------------------------ */
 
 /* A client has connected and told its name. Runs on the main loop's thread. The connection is the library's;
@@ -135,6 +139,9 @@ mc_connection *mc_connect_in_time(const char *service_name, const char *client_n
 int mc_send(mc_connection *connection, const mc_packet *request);
 /* The same, blocking for at most timeout_ms milliseconds (-1: for ever); -1 with ETIMEDOUT, and nothing sent, then. */
 int mc_send_in_time(mc_connection *connection, const mc_packet *request, int timeout_ms);
+/* The same for a request that the server never answers, and whose serial number may be written into the packet: one
+ * system call. Only while answers to earlier requests may still come are they looked for. */
+int mc_send_unanswered(mc_connection *connection, mc_packet *request, int timeout_ms);
 
 /* Sends a request and waits for its answer, for at most timeout_ms milliseconds (-1: for ever). Answers to earlier
  * requests that were given up are skipped. Returns the answer, the caller's to free, or NULL with errno set
@@ -145,6 +152,9 @@ mc_packet *mc_call(mc_connection *connection, const mc_packet *request, int time
 /* Waits in the same way for the answer to the last request of mc_send. With timeout_ms 0 it only looks: ETIMEDOUT when
  * the answer is not there yet. Once it has been taken there is no other. */
 mc_packet *mc_answer(mc_connection *connection, int timeout_ms);
+/* The same into a packet of the caller's. Returns 0, or -1 with errno set: the packet is then to be written again, by
+ * mc_packet_rewrite or another answer, before it is read. */
+int mc_take_answer(mc_connection *connection, mc_packet *answer, int timeout_ms);
 
 /* The socket, to poll for hang-up (POLLHUP) in a main loop of the caller's. Owned by the connection. */
 int mc_fd(const mc_connection *connection);

@@ -33,7 +33,8 @@
  *
  * The server ends. A client with a surface notices little: as soon as there is a server again, the library connects,
  * copies the pixels into new shared memory at the same address and makes the surface again as it was, pfb_set_reconnect
- * says how. Until then requests are only remembered, and succeed at once.
+ * says how. It does so inside pfb_dispatch and requests: a program that calls neither stays away. Until then requests
+ * are only remembered, and succeed at once.
  *
  * Threads. A client belongs to one thread at a time: calls on it must not overlap. Different clients may be used by
  * different threads at once. The error text is each thread's own. Signals do not end a call, and the library raises
@@ -103,9 +104,9 @@ PFB_PUBLIC void pfb_disconnect(pfb_client *client);
 
 /*
  * A descriptor for the caller's main loop, the same one for the life of the client: when it can be read (POLLIN), call
- * pfb_dispatch. That is so when the server has ended and whenever the library has something to do to get over it. It
- * can be watched by poll, select, epoll, g_unix_fd_add and the like; read and write nothing. Owned by the client. -1 for
- * NULL.
+ * pfb_dispatch. That is so when the server has ended and whenever the library has something to do to get over it, and
+ * once a second while the surface is being changed and until a second later. It can be watched by poll, select, epoll,
+ * g_unix_fd_add and the like; read and write nothing. Owned by the client. -1 for NULL.
  *
  *	struct pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
  *	while (poll(&entry, 1, -1) > 0)
@@ -121,8 +122,9 @@ PFB_PUBLIC int pfb_poll_fd(const pfb_client *client);
 PFB_PUBLIC int pfb_fd(const pfb_client *client);
 
 /* Does what there is to do about the server's end, without waiting (but where dozens of locks are outstanding, for the
- * server to read them); every request does so too, so that a client without a main loop needs no call. Calls the function of pfb_set_event_func. Nothing to do is no error. Errors: ARGUMENT,
- * STATE, and GONE where the server has ended and pfb_set_reconnect is off. */
+ * server to read them); every request does so too, so that a client without a main loop needs no call. Calls the
+ * function of pfb_set_event_func. Nothing to do is no error. Errors: ARGUMENT, STATE, and GONE where the server has
+ * ended and pfb_set_reconnect is off. */
 PFB_PUBLIC int pfb_dispatch(pfb_client *client);
 
 /* How long a call may wait, in milliseconds, from now on; -1: for ever. Errors: ARGUMENT. */
@@ -143,6 +145,9 @@ PFB_PUBLIC int pfb_set_timeout(pfb_client *client, int milliseconds);
  * address. What does not come back:
  *   - the order among surfaces of the same level: it is that in which their clients are back. Give surfaces that
  *     overlap different levels.
+ *   - the turn of the display, where surfaces expect different ones: each turns it when it is made, shown or hidden,
+ *     and the last one back decides. While a surface that expects another turn is shown, nothing is drawn any more,
+ *     until one of the right turn comes and goes. Give all the same.
  *   - what pfb_set_surface has selected.
  * Requests succeed meanwhile and are only remembered: drawing, pfb_dirty, pfb_lock and pfb_unlock go on as ever.
  * pfb_get_color_depth, pfb_set_surface, pfb_status and pfb_set_color_format wait for a server as long as
@@ -151,17 +156,20 @@ PFB_PUBLIC int pfb_set_timeout(pfb_client *client, int milliseconds);
  * A client without a surface is connected again; its requests wait in the same way. The one that the server ended over
  * fails with GONE.
  *
- * What the server may have died of is not sent again. The new surface is made by the outcome of earlier requests, not
- * by those; an unanswered lock comes back with an empty area; an unanswered pfb_create fails with GONE. When two servers
- * in a row end while this surface is being made again, what was changed since a server last answered (pfb_create,
- * pfb_lock, pfb_get_color_depth, and the surface's return) is left out: PFB_EVENT_REDUCED. A server that a call finds
- * alive a second after the change, with all requests read, counts as having answered.
+ * What the server may have died of. Requests are not sent again, but their outcome is, once, which for a size, a scale,
+ * a clip or a colour is the same request; an unanswered lock comes back with an empty area; an unanswered pfb_create
+ * fails with GONE. When the next server ends as well, and has begun to make this surface by then, what was changed
+ * since a server last answered (pfb_create, pfb_lock, pfb_get_color_depth, and the surface's return) is left out:
+ * PFB_EVENT_REDUCED. A server that pfb_dispatch or a request finds alive a second after a change, with all requests
+ * read, counts as having answered.
  *
- * How often. At once; while no server listens again after a quarter of the time that it has been away, at least 1 ms
- * and at most 1 s. When servers end within 5 s of the surface's return, 100 ms after the second of them, then 200 ms
- * and so on to 10 s, each lengthened by up to a half by chance.
+ * How often. At once; while no server listens, or one that lives turns this client away, again after a quarter of the
+ * time that it has been away, at least 1 ms and at most 1 s. When servers end within 5 s of the surface's return,
+ * 100 ms after the second of them, then 200 ms and so on to 10 s, each lengthened by up to a half by chance.
  *
- * Memory. For a moment the pixels are there twice. Where they do not fit, it is tried again as above.
+ * Memory. For a moment the pixels are there twice. Where shared memory has no room for that, the old memory goes first,
+ * and the pixels wait in memory of this process's own, at the same address; where there is still none, it is tried again
+ * as above.
  * Threads. A thread that draws while another one is inside a call on this client may draw into the old memory: draw
  * again after PFB_EVENT_RESTORED.
  * Errors: ARGUMENT.
@@ -221,9 +229,10 @@ enum pfb_format {
  *                  otherwise, it is turned now, for everybody: give what the device uses
  * Until the server has it, the memory can be opened by this user and by the group of the server's socket, those who
  * may connect; its name is gone afterwards.
- * Errors: ARGUMENT, STATE (there is a surface), ACCESS (the server is another user, and this process is not of its
- * group), MEMORY, SYSTEM, GONE (the server ended over it: it may be called again). TIMEOUT: when the request was on its way already, the client is of no use any more but
- * for pfb_disconnect, and every call on it fails with STATE.
+ * Errors: ARGUMENT, STATE (there is a surface), ACCESS (the server is another user, or behind a service manager's
+ * socket any, and this process is not of its group), MEMORY, SYSTEM, GONE (the server ended over it: it may be called
+ * again). TIMEOUT: when the request was on its way already, the client is of no use any more but for pfb_disconnect, and
+ * every call on it fails with STATE.
  */
 PFB_PUBLIC int pfb_create(pfb_client *client, enum pfb_format format, int32_t x, int32_t y, int32_t width,
 			  int32_t height, int32_t level, int32_t rotation);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// fairness PANEL PID WIDTH HEIGHT FLOOD SECONDS - one client shows 30 updates a second while others flood the server,
+// fairness PANEL PID WIDTH HEIGHT FLOOD UPDATES - one client shows 30 updates a second while others flood the server,
 // and prints as one line of JSON what became of them:
 //
 //   sent, seen      updates, and those of them that were on the panel
@@ -187,6 +187,11 @@ void look(Watch *watch)
     }
 }
 
+bool is_waiting(const Watch &watch)
+{
+    return std::any_of(watch.updates, watch.updates + TILES, [](const Update &update) { return update.under_way; });
+}
+
 void look_until(Watch *watch, int64_t until)
 {
     do {
@@ -203,7 +208,8 @@ void send_updates(Watch *watch, int n)
         next += INTERVAL;
         look_until(watch, next);
     }
-    look_until(watch, next + TILES * INTERVAL); // as long as the others had
+    for (const int64_t until = next + TILES * INTERVAL; is_waiting(*watch) && now() < until;) // as the others had
+        look_until(watch, now());
 }
 
 pfb_client *connect_client()
@@ -254,7 +260,7 @@ int main(int argc, char **argv)
     const int64_t start = now();
     const Use before = process_use(server);
     const uint64_t asked = requests_so_far();
-    send_updates(&watch, atoi(argv[6]) * 30);
+    send_updates(&watch, atoi(argv[6]));
     const double took = static_cast<double>(now() - start);
     const double used = static_cast<double>(process_use(server).cpu_ns - before.cpu_ns);
     const double flooded = static_cast<double>(requests_so_far() - asked);

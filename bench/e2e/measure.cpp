@@ -1,16 +1,20 @@
 // SPDX-License-Identifier: MIT
-// measure TARGET PLACE PID WORK [NUMBER...] - lets one server do some work and prints what it took as one line of JSON.
+// measure TARGET PLACE PID PROCESSORS WORK [NUMBER...] - lets one server do some work and prints what it took as one
+// line of JSON. PROCESSORS: one (this client and the server on the same), two (each on its own) or any.
 //
-//   cpu MODE N                  N updates of 64 x 64 pixels; MODE: one (at a time), flight (16 in flight), paced (60/s)
+//   cpu MODE N                  N updates of 64 x 64 pixels; MODE: one (at a time), burst (16, the next when all are
+//                               shown), window (the next one when the 16th before it is shown), paced (60/s)
 //   latency CLIENTS N           N rounds in which each client asks for one update; nanoseconds from asking to pixel
 //   size WIDTH HEIGHT N         N updates of that size, one at a time
-//   surfaces COUNT N            N updates of a surface above COUNT others (this server only)
+//   surfaces WHERE COUNT N      N updates of which 8 x 8 pixels are seen, with COUNT opaque surfaces of others (this
+//                               server only); WHERE: top (above all), bottom (of a surface as large as the screen,
+//                               below all), covered (below all, and each covers the other half of the update)
 //   clients COUNT N             N updates of one client while COUNT others are connected and quiet
 //   reports COUNT               COUNT reports of one pixel each in one pass (this server only)
-//   picture N                   one full screen, and then nothing for N milliseconds; for measures of memory
+//   picture                     one full screen, until standard input ends; for measures of memory
 //
 // The server's time is read from the kernel's scheduler statistics, in nanoseconds, for all its threads.
-#include "target.h"
+#include "updates.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +22,7 @@
 #include <sched.h>
 #include <string>
 #include <time.h>
+#include <unistd.h>
 #include <vector>
 
 #include "floor.h"
@@ -27,82 +32,14 @@
 
 namespace {
 
-constexpr int32_t TILE = 64;
 constexpr int IN_FLIGHT = 16;
 
-const Target *target;
 int server;
-
-// ---- what the server has used ----
 
 Use server_use()
 {
     rest(3000000); // until it sleeps: a running thread's time is not up to date
     return process_use(server);
-}
-
-// ---- updates ----
-
-Area tile(int i)
-{
-    constexpr int columns = FLOOR_WIDTH / TILE;
-    constexpr int rows = FLOOR_HEIGHT / TILE;
-    const int n = i % (columns * rows);
-    return Area{n % columns * TILE, n / columns * TILE, TILE, TILE};
-}
-
-// Never twice the same in a row on one place, and no colour that was there before.
-uint32_t colour(int i)
-{
-    return (static_cast<uint32_t>(i) * 2654435761u >> 8 & 0xfffffe) | 0xff000001;
-}
-
-void draw(Client *client, const Area &part, int i)
-{
-    const uint32_t c = colour(i);
-    for (int32_t y = part.y; y < part.y + part.height; y++) {
-        uint32_t *row = client->pixels + y * client->pitch + part.x;
-        for (int32_t x = 0; x < part.width; x++)
-            row[x] = c;
-    }
-    target->update(client, part);
-}
-
-bool is_shown(const Client *client, const Area &part, int i)
-{
-    const volatile uint32_t *last =
-        target->pixel(client->area.x + part.x + part.width - 1, client->area.y + part.y + part.height - 1);
-    return ((*last ^ colour(i)) & 0xffffff) == 0;
-}
-
-void wait_shown(Client *client, const Area &part, int i)
-{
-    if (target->pixel == nullptr) {
-        target->finish(client);
-        return;
-    }
-    for (int64_t until = 0; !is_shown(client, part, i); sched_yield()) {
-        if (until == 0)
-            until = now() + 10 * SECOND;
-        else if (now() > until)
-            fail("%s does not show update %d", target->name, i);
-    }
-}
-
-Client connect_surface(const Area &area)
-{
-    Client client{area, nullptr, 0, nullptr};
-    target->connect(&client);
-    // All of it once: what is touched for the first time is no part of a measure.
-    const Area whole{0, 0, area.width, area.height};
-    draw(&client, whole, -1);
-    wait_shown(&client, whole, -1);
-    return client;
-}
-
-Client connect_screen()
-{
-    return connect_surface(Area{0, 0, FLOOR_WIDTH, FLOOR_HEIGHT});
 }
 
 void print_use(const Use &before, long long n)
@@ -113,10 +50,22 @@ void print_use(const Use &before, long long n)
            static_cast<double>(after.waits - before.waits) / static_cast<double>(n), n);
 }
 
-// ---- works ----
+// All are drawn before the first one is reported, so that the reports follow one another as fast as they can. On one
+// processor the server could come in between any two of them, when the kernel likes; so it waits for its turn.
+void send_bursts(Client *client, int n)
+{
+    for (int first = 0; first < n; first += IN_FLIGHT) {
+        for (int i = first; i < first + IN_FLIGHT; i++)
+            paint(client, tile(i), i);
+        for (int i = first; i < first + IN_FLIGHT; i++)
+            target->update(client, tile(i));
+        for (int i = first; i < first + IN_FLIGHT; i++)
+            wait_shown(client, tile(i), i);
+    }
+}
 
-// A window of updates is on its way all the time; a client of a compositor that says when it has drawn asks for one
-// frame for all of them.
+// A window of updates is on its way all the time; a client of a compositor that says when it has drawn waits for all of
+// them together.
 void keep_in_flight(Client *client, int n, int window)
 {
     if (target->pixel == nullptr) {
@@ -150,12 +99,21 @@ void keep_pace(Client *client, int n)
 void run_cpu(const char *mode, int n)
 {
     Client client = connect_screen();
+    const bool burst = strcmp(mode, "burst") == 0;
+    let_interrupt(server, !burst);
     const Use before = server_use();
     if (strcmp(mode, "paced") == 0)
         keep_pace(&client, n);
+    else if (burst)
+        send_bursts(&client, n);
+    else if (strcmp(mode, "window") == 0)
+        keep_in_flight(&client, n, IN_FLIGHT);
+    else if (strcmp(mode, "one") == 0)
+        keep_in_flight(&client, n, 1);
     else
-        keep_in_flight(&client, n, strcmp(mode, "flight") == 0 ? IN_FLIGHT : 1);
+        fail("there is no mode %s", mode);
     print_use(before, n);
+    let_interrupt(server, true);
     target->disconnect(&client);
 }
 
@@ -181,25 +139,25 @@ std::vector<Client> connect_many(int n)
 {
     std::vector<Client> clients;
     const int32_t width = n == 1 ? TILE : FLOOR_WIDTH / 8;
-    for (int i = 0; i < n; i++) {
-        Client client{Area{i % 8 * width, i / 8 * TILE, width, TILE}, nullptr, 0, nullptr};
-        target->connect(&client);
-        clients.push_back(client);
-    }
+    for (int i = 0; i < n; i++)
+        clients.push_back(connect_at(Area{i % 8 * width, i / 8 * TILE, width, TILE}));
     return clients;
 }
 
-// Each client asks once, and then all wait: what one client waits for the others is part of its time.
-void latency_round(std::vector<Client> &clients, int round, std::vector<long long> *times)
+// A compositor tells all of them when it has drawn, in the order in which they have asked.
+void wait_for_words(std::vector<Client> &clients, const std::vector<int64_t> &asked, std::vector<long long> *times)
+{
+    for (size_t i = 0; i < clients.size(); i++) {
+        target->finish(&clients[i]);
+        times->push_back(now() - asked[i]);
+    }
+}
+
+void wait_for_pixels(std::vector<Client> &clients, const Area &part, int round, const std::vector<int64_t> &asked,
+                     std::vector<long long> *times)
 {
     const size_t n = clients.size();
-    std::vector<int64_t> asked(n);
     std::vector<bool> shown(n);
-    const Area part{0, 0, clients[0].area.width, TILE};
-    for (size_t i = 0; i < n; i++) {
-        asked[i] = now();
-        draw(&clients[i], part, round);
-    }
     const int64_t until = now() + 10 * SECOND;
     for (size_t left = n; left > 0; sched_yield()) {
         for (size_t i = 0; i < n; i++) {
@@ -212,6 +170,21 @@ void latency_round(std::vector<Client> &clients, int round, std::vector<long lon
         if (now() > until)
             fail("%s does not show round %d", target->name, round);
     }
+}
+
+// Each client asks once, and then all wait: what one client waits for the others is part of its time.
+void latency_round(std::vector<Client> &clients, int round, std::vector<long long> *times)
+{
+    std::vector<int64_t> asked(clients.size());
+    const Area part{0, 0, clients[0].area.width, TILE};
+    for (size_t i = 0; i < clients.size(); i++) {
+        asked[i] = now();
+        draw(&clients[i], part, round);
+    }
+    if (target->pixel == nullptr)
+        wait_for_words(clients, asked, times);
+    else
+        wait_for_pixels(clients, part, round, asked, times);
 }
 
 void run_latency(int n, int rounds)
@@ -232,25 +205,41 @@ void run_latency(int n, int rounds)
         target->disconnect(&client);
 }
 
-void run_surfaces(int count, int n)
+void run_surfaces(const std::string &where, int count, int n)
 {
-    mc_connection *crowd = crowd_connect(count, 16);
-    Client client = connect_surface(Area{0, 0, 16, 16});
-    update_again_and_again(&client, Area{0, 0, 8, 8}, n);
+    constexpr int32_t size = 16;
+    const Area screen{0, 0, FLOOR_WIDTH, FLOOR_HEIGHT};
+    mc_connection *crowd;
+    Client client;
+    Area part{0, 0, size / 2, size / 2};
+    if (where == "top") {
+        crowd = crowd_connect(count, size, screen);
+        client = connect_surface(Area{0, 0, size, size});
+    } else if (where == "bottom") {
+        client = connect_surface(screen);
+        crowd = crowd_connect(count, size, Area{size, 0, FLOOR_WIDTH - size, FLOOR_HEIGHT}); // beside the update
+    } else if (where == "covered") {
+        part.width = size;
+        client = connect_surface(Area{size, 0, size, size});
+        crowd =
+            crowd_connect(count, size, Area{size / 2, 0, size, size}); // its left half, so that its last pixel is seen
+    } else {
+        fail("surfaces are not updated at the %s", where.c_str());
+    }
+    update_again_and_again(&client, part, n);
     target->disconnect(&client);
     mc_close(crowd);
 }
 
 void run_clients(int count, int n)
 {
-    std::vector<Client> quiet;
+    std::vector<Client> clients{connect_at(Area{0, 0, TILE, TILE})};
     for (int i = 0; i < count; i++)
-        quiet.push_back(connect_surface(Area{i * 16 % FLOOR_WIDTH, 64 + i * 16 / FLOOR_WIDTH * 16, 16, 16}));
-    Client client = connect_surface(Area{0, 0, TILE, TILE});
-    update_again_and_again(&client, Area{0, 0, TILE, TILE}, n);
-    target->disconnect(&client);
-    for (Client &other : quiet)
-        target->disconnect(&other);
+        clients.push_back(connect_at(Area{i * 16 % FLOOR_WIDTH, 64 + i * 16 / FLOOR_WIDTH * 16, 16, 16}));
+    show_all(clients);
+    update_again_and_again(&clients[0], Area{0, 0, TILE, TILE}, n);
+    for (Client &client : clients)
+        target->disconnect(&client);
 }
 
 // All reports wait for one pass: the client holds the lock meanwhile.
@@ -276,39 +265,49 @@ void run_reports(int count)
     target->disconnect(&client);
 }
 
-void run_picture(int milliseconds)
+void run_picture()
 {
     Client client = connect_screen();
     printf("{\"ready\": true}\n");
     fflush(stdout);
-    rest(milliseconds * (SECOND / 1000));
+    char byte;
+    while (read(STDIN_FILENO, &byte, 1) > 0)
+        ;
     target->disconnect(&client);
 }
+
+struct Work {
+    const char *name;
+    int words; // after the name
+    void (*run)(char **words);
+};
+
+const Work WORKS[] = {
+    {"cpu", 2, [](char **w) { run_cpu(w[0], atoi(w[1])); }},
+    {"latency", 2, [](char **w) { run_latency(atoi(w[0]), atoi(w[1])); }},
+    {"size", 3, [](char **w) { run_size(atoi(w[0]), atoi(w[1]), atoi(w[2])); }},
+    {"surfaces", 3, [](char **w) { run_surfaces(w[0], atoi(w[1]), atoi(w[2])); }},
+    {"clients", 2, [](char **w) { run_clients(atoi(w[0]), atoi(w[1])); }},
+    {"reports", 1, [](char **w) { run_reports(atoi(w[0])); }},
+    {"picture", 0, [](char **) { run_picture(); }},
+};
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    if (argc < 6)
+    constexpr int before = 6; // words up to the work's name
+    if (argc < before)
         fail("see the head of measure.cpp");
     target = find_target(argv[1]);
     target->start(argv[2]);
     server = atoi(argv[3]);
-    const std::string work = argv[4];
-    if (work == "cpu" && argc == 7)
-        run_cpu(argv[5], atoi(argv[6]));
-    else if (work == "latency" && argc == 7)
-        run_latency(atoi(argv[5]), atoi(argv[6]));
-    else if (work == "size" && argc == 8)
-        run_size(atoi(argv[5]), atoi(argv[6]), atoi(argv[7]));
-    else if (work == "surfaces" && argc == 7)
-        run_surfaces(atoi(argv[5]), atoi(argv[6]));
-    else if (work == "clients" && argc == 7)
-        run_clients(atoi(argv[5]), atoi(argv[6]));
-    else if (work == "reports" && argc == 6)
-        run_reports(atoi(argv[5]));
-    else if (work == "picture" && argc == 6)
-        run_picture(atoi(argv[5]));
-    else
-        fail("there is no work %s", argv[4]);
+    place_beside(server, argv[4]);
+    for (const Work &work : WORKS) {
+        if (strcmp(work.name, argv[5]) != 0 || work.words != argc - before)
+            continue;
+        work.run(argv + before);
+        return 0;
+    }
+    fail("there is no work %s of %d words", argv[5], argc - before);
 }

@@ -1,302 +1,275 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""report.py RESULT.json PLOTS PAGE.md [KERNELS] - writes the page of figures, and the plots into the folder PLOTS.
+"""report.py RESULTS PAGE.md - writes the page of figures, and its plots into a folder beside it that is named like it.
 
-KERNELS is a file with the table of the pixel loops, as bench/kernels.py prints it."""
+RESULTS is a folder: results.json is what run.py has measured, kernels.json what the pixel loops have reached, and
+kernels.txt their table, as bench/kernels.py prints it. Fails when a part is missing, when a client's updates were late
+beyond the stated bound, or lost, while others flood."""
 import json
 import os
-import platform
+import re
 import statistics
-import subprocess
 import sys
 
+import plots
+import run
 import servers
+from figures import Goals, cell, column, quantile, ratios, table
+from page import PAGE
+from plots import NAMES, PROCESSORS
 
-MODES = {'one': 'one at a time', 'flight': '16 in flight', 'paced': '60 a second'}
-NAMES = {'pfb': 'fbserver', 'floor1': 'floor, 1 copy', 'floor2': 'floor, 2 copies',
-         'floor2tuned': 'tuned floor, 2 copies', 'xvfb': 'Xvfb', 'weston': 'Weston'}
+MODES = {'one': 'one at a time', 'burst': '16 in flight, bursts', 'window': '16 in flight, a window',
+         'paced': '60 a second'}
+NOT_JUDGED = ['window']
+CPU_GOALS = {'floor2': 1.15, 'floor2tuned': None, 'floor2draining': None, 'xvfb': 1, 'weston': .4}
 MIB = 1024 * 1024
+ANONYMOUS_GOAL_MIB, RESIDENT_GOAL_MIB, PROGRAM_GOAL_KIB = .6, 6, 300
+START_GOAL_MS = 5
+SURFACES_GOAL_US = 5  # that the most surfaces cost more than none
 FLOODS = {'none': 'no flood', 'dirty': 'reports of the whole screen', 'show-hide': 'hiding and showing',
           'move': 'moving', 'garbage': 'garbage', 'visits': 'coming and going', 'deaf': 'questions, answers unread',
           'mixture': 'a mixture'}
 FAIRNESS_BOUND_MS = 33  # docs/robustness.md says why
 RECOVERY_GOAL_MS = 100
-
-
-def quantile(values, q):
-    ordered = sorted(values)
-    return ordered[min(len(ordered) - 1, int(len(ordered) * q))]
-
-
-def cell(values, scale=1000, digits=2):
-    """The median and the middle half."""
-    values = [value / scale for value in values]
-    low, high = quantile(values, .25), quantile(values, .75)
-    return f'{statistics.median(values):.{digits}f} ({low:.{digits}f} – {high:.{digits}f})'
-
-
-def ratio(mine, other):
-    """Round by round: what the machine did meanwhile met both."""
-    return cell([a / b for a, b in zip(mine, other)], 1)
-
-
-def table(head, rows):
-    lines = [head, ['---'] * len(head), *rows]
-    return '\n'.join('| ' + ' | '.join(map(str, line)) + ' |' for line in lines) + '\n'
+DEATHS = {'kill': 'killed (SIGKILL)', 'abort': 'aborts'}
+WHERE = {'top': 'above all', 'bottom': 'below all', 'covered': 'below all, half covered by each'}
 
 
 def cpu_of(measures):
-    return [measure['cpu_ns'] for measure in measures]
+    return column(measures, 'cpu_ns')
 
 
-def cpu_part(found):
-    rows, ratios = [], []
-    for mode, text in MODES.items():
-        cpu = {name: cpu_of(measures) for name, measures in found[mode].items()}
-        rows.append([text, *(cell(cpu[name]) for name in NAMES)])
-        ratios.append([text, *(ratio(cpu['pfb'], cpu[name]) for name in ('floor2', 'floor2tuned', 'xvfb', 'weston'))])
-    return (table(['µs an update', *NAMES.values()], rows) + '\nThe server as a fraction of each, round by round:\n\n' +
-            table(['', 'floor, 2 copies (goal 1.15)', 'tuned floor', 'Xvfb (goal 1)', 'Weston (goal 0.4)'], ratios))
+def titles(by_server, **others):
+    return [others.get(name, NAMES[name]) for name in by_server]
 
 
-def latency_part(found):
+# ---- side by side ----
+
+def cpu_table(modes):
+    rows = [[MODES[mode], *(cell(cpu_of(measures)) for measures in each.values())] for mode, each in modes.items()]
+    return table(['µs an update', *titles(next(iter(modes.values())))], rows)
+
+
+def waits_table(modes):
+    rows = [[MODES[mode], *(cell(column(measures, 'waits'), 1) for measures in each.values())]
+            for mode, each in modes.items()]
+    return table(['waits an update', *titles(next(iter(modes.values())))], rows)
+
+
+def cpu_ratios(where, modes, goals):
     rows = []
-    for n, by_server in found.items():
-        for q, text in ((.5, 'median'), (.99, '99th of 100')):
-            each = {name: [quantile(times, q) for times in rounds] for name, rounds in by_server.items()}
-            rows.append([f'{n}, {text}', *(cell(each[name], 1000, 1) for name in each),
-                         ratio(each['pfb'], each['xvfb'])])
-    names = [NAMES[name] for name in next(iter(found.values()))]
-    return table(['clients', *names, 'fbserver of Xvfb (goal 1)'], rows)
+    for mode, each in modes.items():
+        row = []
+        for name, goal in CPU_GOALS.items():
+            values = ratios(each['pfb'], each[name], lambda measure: measure['cpu_ns'])
+            what = f'processor time, {PROCESSORS[where]}, {MODES[mode]}, beside {NAMES[name]}'
+            judged = goal is not None and mode not in NOT_JUDGED
+            row.append(goals.cell(what, values, goal) if judged else cell(values, 1))
+        rows.append([MODES[mode], *row])
+    heads = [NAMES[name] + (f' (goal {goal:g})' if goal else '') for name, goal in CPU_GOALS.items()]
+    return table(['fbserver as a fraction of', *heads], rows)
 
 
-def memory_part(found, program):
+def cpu_part(found, goals):
+    return '\n'.join(f'### {PROCESSORS[where].capitalize()}\n\n{cpu_table(modes)}\n'
+                     f'{cpu_ratios(where, modes, goals)}\n{waits_table(modes)}' for where, modes in found.items())
+
+
+def latency_part(found, goals):
+    parts = []
+    for where, by_number in found.items():
+        rows = []
+        for n, each in by_number.items():
+            for q, text in ((.5, 'median'), (.99, '99th of 100')):
+                def of_round(measure, q=q):
+                    return quantile(measure['ns'], q)
+                rows.append([f'{n}, {text}', *(cell(map(of_round, measures), 1000, 1) for measures in each.values()),
+                             goals.cell(f'latency, {PROCESSORS[where]}, clients: {n}, {text}, beside Xvfb',
+                                        ratios(each['pfb'], each['xvfb'], of_round), 1)])
+        heads = titles(next(iter(by_number.values())), weston='Weston, to its frame callback')
+        parts.append(f'### {PROCESSORS[where].capitalize()}: latency\n\n' +
+                     table(['clients', *heads, 'fbserver as a fraction of Xvfb (goal 1)'], rows))
+    return '\n'.join(parts)
+
+
+def weston_ms(found):
+    """From one frame to the next: its only client asks for one as soon as the one before is over."""
+    return statistics.median(ns for measure in found['one']['1']['weston'] for ns in measure['ns']) / 1e6
+
+
+def memory_beyond_pixels(found):
+    """{what: {server: bytes}}. The client's and the panel's pixels are shared; those that a server composes are not."""
+    beyond = {}
+    for name, measures in found.items():
+        composed = servers.SCREEN_BYTES * (name not in ('floor1', 'xvfb'))
+        for what, field, pixels in (('anonymous', 'Anonymous', composed),
+                                    ('all resident', 'Rss', composed + 2 * servers.SCREEN_BYTES)):
+            for client in ('first', 'fifth'):
+                beyond.setdefault(f'{what}, {client} client', {})[name] = [
+                    use[field] - pixels for use in column(measures, client)]
+    return beyond
+
+
+def memory_part(found, program, goals):
+    beyond = memory_beyond_pixels(found)
+    limits = [ANONYMOUS_GOAL_MIB if what.startswith('anonymous') else RESIDENT_GOAL_MIB for what in beyond]
     rows = []
-    for name, use in found.items():
-        pixels = 2 + (name != 'floor1' and name != 'xvfb')
-        beyond = use['VmRSS'] - pixels * servers.SCREEN_BYTES
-        own = use['RssAnon'] - (servers.SCREEN_BYTES if name not in ('floor1', 'xvfb') else 0)
-        rows.append([NAMES[name], f'{own / MIB:.2f}', f'{beyond / MIB:.2f}'])
-    return (table(['MiB', 'anonymous, beyond pixels (goal 0.6)', 'all resident, beyond pixels (goal 6)'], rows) +
-            f'\nThe stripped program has {program / 1024:.0f} KiB (goal: under 300).\n')
+    for name in found:
+        row = [NAMES[name]]
+        for (what, each), limit in zip(beyond.items(), limits):
+            mark = goals.mark(f'memory, {what}', each[name], limit, MIB, unit=' MiB') if name == 'pfb' else ''
+            row.append(cell(each[name], MIB, 2, mark))
+        rows.append(row)
+    mark = goals.mark('the stripped program', [program], PROGRAM_GOAL_KIB, 1024, 0, ' KiB')
+    return (table(['MiB', *(f'{what} (goal {limit:g})' for what, limit in zip(beyond, limits))], rows) +
+            f'\nThe stripped program has {program / 1024:.0f} KiB{mark} (goal: under {PROGRAM_GOAL_KIB}).\n')
 
 
-def start_part(found):
+# ---- alone ----
+
+def start_part(found, goals):
     rows = []
     for name, measures in found.items():
-        accept = [measure['accept_ns'] for measure in measures]
-        pixel = [measure['pixel_ns'] for measure in measures]
-        shown = cell(pixel, 1e6) + f', least {min(pixel) / 1e6:.2f}' if max(pixel) > 0 else ''
-        rows.append([NAMES[name], cell(accept, 1e6) + f', least {min(accept) / 1e6:.2f}', shown])
-    return table(['ms', 'from start to accepting a client (goal 5)', 'from its connection to its pixels (goal 5)'], rows)
+        row = [NAMES[name]]
+        for key, what in (('accept_ns', 'start'), ('pixel_ns', 'first pixels')):
+            values = column(measures, key)
+            mark = goals.mark(what, values, START_GOAL_MS, 1e6, unit=' ms') if name == 'pfb' else ''
+            row.append(cell(values, 1e6, 2, mark) + f', least {min(values) / 1e6:.2f}')
+        rows.append(row)
+    return table(['ms', f'from start to accepting a client (goal {START_GOAL_MS})',
+                  f'from its connection to its pixels (goal {START_GOAL_MS})'], rows)
 
 
-def growth_part(found):
-    by_surfaces = [[n, cell(cpu_of(measures))] for n, measures in found['growth']['surfaces'].items()]
-    by_reports = [[n, cell(cpu_of(measures))] for n, measures in found['growth']['reports'].items()]
-    names = list(next(iter(found['clients'].values())))
-    by_clients = [[n, *(cell(cpu_of(each[name])) for name in names)] for n, each in found['clients'].items()]
-    by_size = [[n, *(cell(cpu_of(each[name])) for name in names)] for n, each in found['size'].items()]
-    titles = [NAMES[name] for name in names]
-    return '\n'.join([
-        'An update of 8 x 8 pixels over other surfaces, shown and unchanged, µs:\n',
-        table(['surfaces', 'fbserver'], by_surfaces),
-        'An update of 64 x 64 pixels while other clients are connected and quiet, µs:\n',
-        table(['clients', *titles], by_clients),
-        'An update by its size, one at a time, µs:\n', table(['pixels', *titles], by_size),
-        'Scattered reports of one pixel each that wait for one pass, µs a report (receiving it included):\n',
-        table(['reports', 'fbserver'], by_reports)])
+def surfaces_part(found, goals):
+    numbers = list(next(iter(found.values())))
+    least, most = numbers[0], numbers[-1]
+    rows = [[n, *(cell(cpu_of(by_number[n])) for by_number in found.values())] for n in numbers]
+    more = [goals.cell(f'{most} surfaces more than {least}, {WHERE[where]}',
+                       [a - b for a, b in zip(cpu_of(by_number[most]), cpu_of(by_number[least]))], SURFACES_GOAL_US,
+                       1000, unit=' µs') for where, by_number in found.items()]
+    rows.append([f'{most} more than {least} (goal {SURFACES_GOAL_US})', *more])
+    return table(['other surfaces', *(WHERE[where] for where in found)], rows)
 
 
-def milliseconds(ns):
-    return f'{ns / 1e6:.1f}'
+def reports_part(found):
+    return table(['reports', 'fbserver'], [[n, cell(cpu_of(measures))] for n, measures in found.items()])
 
 
-def own_time(late, waiting):
-    """Without the time in which the server was ready to run and the kernel ran other programs."""
-    return max(0, late - waiting)
+def side_part(found, what):
+    rows = [[n, *(cell(cpu_of(measures)) for measures in each.values())] for n, each in found.items()]
+    return table([what, *titles(next(iter(found.values())))], rows)
 
 
-def fairness_part(found):
-    rows = []
-    for size, floods in found.items():
-        for flood, measure in floods.items():
-            late = measure['late_ns'] or [float('nan')]
-            rows.append([f"{size}, {FLOODS.get(flood, flood)}", f"{measure['requests']:.0f}", measure['sent'], measure['seen'],
-                         *map(milliseconds, (statistics.median(late), quantile(late, .99), max(late),
-                                             max(map(own_time, late, measure['waiting_ns']), default=0))),
-                         f"{100 * measure['cpu']:.0f} %"])
-    return table(['', 'requests of the flood a second', 'updates', 'seen', 'late, median', '99th of 100',
-                  'worst', f'worst, by the server (bound {FAIRNESS_BOUND_MS})', "server's processor"], rows)
+def own_times(measure):
+    """How late each update was without the time in which the server was ready to run and the kernel ran others."""
+    return [max(0, late - waiting) for late, waiting in zip(measure['late_ns'], measure['waiting_ns'])]
 
 
-def fairness_faults(found):
-    for size, floods in found.items():
-        for flood, measure in floods.items():
-            worst = max(map(own_time, measure['late_ns'], measure['waiting_ns']), default=0) / 1e6
-            if measure['seen'] < measure['sent']:
-                yield f"{size}, {flood}: {measure['sent'] - measure['seen']} updates were not seen"
-            if worst > FAIRNESS_BOUND_MS:
-                yield f'{size}, {flood}: late by {worst:.1f} ms, the bound is {FAIRNESS_BOUND_MS} ms'
+def fairness_row(size, flood, measures, goals):
+    what = f'fairness, {size}, {FLOODS[flood]}'
+    late = [one for measure in measures for one in measure['late_ns']]
+    sent, seen = sum(column(measures, 'sent')), len(late)
+    lost = goals.mark(f'{what}, updates that were not seen', [sent - seen], 0, 1, 0)
+    own = [max(own_times(measure), default=0) for measure in measures]
+    bound = goals.mark(f'{what}, late by the server', [max(own)], FAIRNESS_BOUND_MS, 1e6, 1, ' ms')
+    worst = [max(measure['late_ns'], default=0) for measure in measures]
+    return [f'{size}, {FLOODS[flood]}', f"{statistics.median(column(measures, 'requests')):.0f}",
+            f'{seen} of {sent}{lost}', cell(late or [0], 1e6, 1), f'{quantile(late or [0], .99) / 1e6:.1f}',
+            cell(worst, 1e6, 1), cell(own, 1e6, 1), f'{max(own) / 1e6:.1f}{bound}',
+            f"{100 * statistics.median(column(measures, 'cpu')):.0f} %"]
 
 
-DEATHS = {'kill': 'killed (SIGKILL)', 'abort': 'aborts'}
-PARTS = ('end', 'start', 'back', 'full')
+def fairness_part(found, goals):
+    rows = [fairness_row(size, flood, measures, goals)
+            for size, floods in found.items() for flood, measures in floods.items()]
+    return table(['', 'requests of the flood a second', 'updates seen', 'late, ms', '99th of 100', "a round's worst",
+                  "a round's worst, by the server", f'worst of all, by the server (bound {FAIRNESS_BOUND_MS})',
+                  "server's processor"], rows)
 
 
-def recovery_part(found):
+def recovery_part(found, goals):
     rows = []
     for death, by_pause in found.items():
         for pause, measures in by_pause.items():
-            each = {part: [measure[part] for measure in measures] for part in PARTS}
+            full = column(measures, 'full')
+            mark = goals.mark(f'recovery, {DEATHS[death]}, {pause} ms', full, RECOVERY_GOAL_MS, 1e6, 1, ' ms')
             rows.append([DEATHS[death], f'{pause} ms', len(measures),
-                         *(milliseconds(statistics.median(each[part])) for part in PARTS[:-1]),
-                         *map(milliseconds, (statistics.median(each['full']), max(each['full'])))])
+                         *(cell(column(measures, part), 1e6, 1) for part in ('end', 'start', 'back')),
+                         cell(full, 1e6, 1, mark), f'{max(full) / 1e6:.1f}'])
     return table(['the server', 'started again after', 'times', 'its end is known', 'its socket is there',
                   'all clients are back', f'all of it (goal {RECOVERY_GOAL_MS})', 'worst'], rows)
 
 
-def plot(folder, name, title, x, y, series, log=True):
-    """series: {title: [(x, values)]}; points at the medians, bars over the middle half."""
-    commands = [f"set terminal svg size 640,400 background 'white'; set output '{folder}/{name}.svg'",
-                f"set title '{title}'; set xlabel '{x}'; set ylabel '{y}'; set key left top; set grid",
-                'set logscale xy' if log else 'set yrange [0:*]']
-    data = []
-    for points in series.values():
-        data += [f'{at} {statistics.median(values)} {quantile(values, .25)} {quantile(values, .75)}'
-                 for at, values in points] + ['e']
-    parts = [f"'-' using 1:2:3:4 with yerrorlines title '{text}'" for text in series]
-    commands += ['plot ' + ', '.join(parts), *data]
-    subprocess.run(['gnuplot'], input='\n'.join(commands), text=True, check=True)
+# ---- the pixel loops ----
 
-
-def per_name(found, x_of):
-    names = next(iter(found.values()))
-    return {NAMES[name]: [(x_of(key), [ns / 1000 for ns in cpu_of(each[name])]) for key, each in found.items()]
-            for name in names}
-
-
-def plots(found, folder):
-    def area(size):
-        width, height = map(int, size.split('x'))
-        return width * height
-    plot(folder, 'size', 'An update by its size', 'pixels', 'us of the server', per_name(found['size'], area))
-    plot(folder, 'clients', 'An update beside quiet clients', 'clients', 'us of the server',
-         per_name(found['clients'], int), log=False)
-    for name, title in (('surfaces', 'An update over other surfaces'), ('reports', 'Scattered reports in one pass')):
-        points = [(int(n), [ns / 1000 for ns in cpu_of(each)]) for n, each in found['growth'][name].items()]
-        plot(folder, name, title, name, 'us of the server', {'fbserver': points}, log=name == 'reports')
-    latency = {}
-    for n, by_server in found['latency'].items():
-        for name, rounds in by_server.items():
-            latency.setdefault(NAMES[name], []).append((int(n), [quantile(times, .5) / 1000 for times in rounds]))
-    plot(folder, 'latency', 'From request to pixel, median', 'clients that ask at once', 'us', latency)
-
-
-def machine():
-    with open('/proc/cpuinfo', encoding='ascii') as info:
-        model = next((line.split(':')[1].strip() for line in info if line.startswith('model name')), platform.machine())
-    release = '.'.join(platform.release().split('.')[:2])
-    return f'{model}, {os.cpu_count()} processors, Linux {release}, load {os.getloadavg()[1]:.1f} afterwards'
-
-
-PAGE = '''# Performance
-
-`make bench` has written this page: it builds, measures and compares on the machine that it runs on, and takes some
-minutes. Each figure is a median, with the middle half of its rounds in brackets. The servers take turns in every round,
-and only figures of one run are compared: a busy machine moves all of them, by 15 to 40 % between runs. The plots of the
-same run are in `build/bench/results`, with all single measures in `results.json`.
-
-Machine: {machine}.
-
-## What is measured
-
-One client with a surface of 480 x 272 pixels of 32 bits draws 64 x 64 of them, reports it, and waits until they are on
-the panel. The servers:
-
-- **fbserver**, on the virtual panel;
-- the **floor**: a GLib loop that receives one request for each wake-up and copies the rectangle, once, or twice as
-  fbserver does (into the work image, then to the panel), and does nothing else (`bench/e2e/floor.c`). GLib as it is
-  commonly used makes six system calls a request; the tuned floor, as fbserver, makes two;
-- **Xvfb**, with the shared-memory extension (`XShmPutImage`);
-- **Weston**, headless, with its pixman renderer. It draws 60 times a second and shows its pixels to nobody, so its
-  client waits for the end of the frame; latency is not compared.
-
-## Processor time of the server
-
-{cpu}
-## From request to pixel
-
-All clients ask at once, and each one's time ends when its last pixel is on the panel. µs.
-
-{latency}
-## Memory
-
-While one client shows a full screen.
-
-{memory}
-## Start
-
-{start}
-## Recovery
-
-The server ends and is started again, and ten clients of the library, each a process, put their surfaces back: one of the
-whole screen, nine translucent ones over it. Its end is a SIGKILL, or an assertion that a request fails. Who starts it
-again does so at once, or after the 50 ms that `packaging/fbserver.service` asks for. ms, medians; all of it is from the signal or
-the request to the last pixel of the full picture.
-
-{recovery}
-## Fairness
-
-One client shows 30 updates a second on top of everything while three others, each with a translucent surface as large as
-the screen, flood the server. How late an update is counts from its report to its pixels on the panel, in ms. The bound is for
-what the server makes of it: without the time in which it, or the benchmark that looks, was ready and the kernel ran other
-programs, the floods among them. Garbage is the worst: each of these clients leaves connections full of requests behind.
-[Robustness](robustness.md#floods) says where the bound comes from. `make bench` fails when it is exceeded, or an update is
-not seen.
-
-{fairness}
-## Growth
-
-{growth}
-{kernels}
-## Instructions
-
-`bench/instructions.txt` has the instructions and system calls of one update. They do not depend on how busy a machine is,
-and a test of the release build compares them.
-'''
-
-
-KERNELS = '''## Pixel loops
-
-Speeds (bytes read and written per second) as fractions of memcpy's over the same buffers, medians and how far their
-middle half spreads. The goals are for the fastest instruction set, those in brackets for SSE2; beside pixman and libyuv
-they are how many times as fast the fastest set is. An exclamation mark: missed.
-
-'''
-
-
-def kernels_part(path):
-    if path is None:
-        return ''
+def kernels_part(path, goals):
+    """Their table. What it says about goals below goes to where all of that is."""
     with open(path, encoding='utf-8') as file:
-        return KERNELS + '```\n' + file.read().rstrip() + '\n```\n'
+        text = file.read()
+    summary = re.search(r'^(\d+) goals reached, (\d+) missed\n((?:  .*\n)*)', text, re.M)
+    if summary is None:
+        sys.exit(f'report.py: {path} does not say what was reached')
+    missed = ['pixel loops, ' + line.strip() for line in summary[3].splitlines()]
+    if len(missed) != int(summary[2]):
+        sys.exit(f'report.py: {path} lists {len(missed)} that were missed, and says {summary[2]}')
+    goals.reached += int(summary[1])
+    goals.missed += missed
+    return text[:summary.start()].rstrip()
+
+
+# ---- the page ----
+
+def shortened(found):
+    few = [f'{part} {found["rounds"][part]} of {whole}' for part, whole in found['whole'].items()
+           if found['rounds'][part] < whole]
+    if not few:
+        return ''
+    return f'\n**Taken with fewer rounds than it takes by itself, for a quick look: {", ".join(few)}.**\n'
+
+
+def missed_part(goals):
+    lines = [f'{goals.reached} goals reached, {len(goals.missed)} missed.']
+    return '\n'.join(lines + ([''] + [f'- {one}' for one in goals.missed] if goals.missed else [])) + '\n'
+
+
+def page(found, results, folder):
+    goals = Goals()
+    host = found['machine']
+    fields = {
+        'plots': os.path.basename(folder),
+        'machine': f"{host['model']}, processors: {host['processors']}, Linux {host['linux']}, "
+                   f"load {host['load']:.1f} when it began",
+        'shortened': shortened(found),
+        'weston_ms': weston_ms(found['latency']),
+        'rounds': ', '.join(f'{part} {n}' for part, n in found['rounds'].items()),
+        'cpu': cpu_part(found['cpu'], goals), 'latency': latency_part(found['latency'], goals),
+        'memory': memory_part(found['memory'], found['program'], goals),
+        'start': start_part(found['start'], goals), 'recovery': recovery_part(found['recovery'], goals),
+        'fairness': fairness_part(found['fairness'], goals), 'surfaces': surfaces_part(found['surfaces'], goals),
+        'clients': side_part(found['clients'], 'clients'), 'size': side_part(found['size'], 'pixels'),
+        'reports': reports_part(found['reports']),
+        'repetitions': plots.kernel_repetitions(os.path.join(results, 'kernels.json')),
+        'kernels': kernels_part(os.path.join(results, 'kernels.txt'), goals),
+    }
+    return PAGE.format(**fields, missed=missed_part(goals)), goals
 
 
 def main():
-    result, folder, page = sys.argv[1:4]
-    with open(result, encoding='utf-8') as file:
+    results, path = sys.argv[1:]
+    with open(os.path.join(results, 'results.json'), encoding='utf-8') as file:
         found = json.load(file)
-    plots(found, folder)
-    text = PAGE.format(machine=machine(), cpu=cpu_part(found['cpu']), latency=latency_part(found['latency']),
-                       memory=memory_part(found['memory'], found['program']), start=start_part(found['start']),
-                       recovery=recovery_part(found['recovery']), fairness=fairness_part(found['fairness']),
-                       growth=growth_part(found), kernels=kernels_part(sys.argv[4] if len(sys.argv) > 4 else None))
-    with open(page, 'w', encoding='utf-8') as file:
+    missing = [part for part in run.ROUNDS if not found.get(part)]
+    if missing:
+        sys.exit(f'report.py: not measured: {", ".join(missing)}')
+    folder = os.path.splitext(path)[0]
+    text, goals = page(found, results, folder)
+    memory = {what: {name: [one / MIB for one in values] for name, values in each.items()}
+              for what, each in memory_beyond_pixels(found['memory']).items()}
+    plots.draw_all(found, os.path.join(results, 'kernels.json'), folder, memory, WHERE)
+    with open(path, 'w', encoding='utf-8') as file:
         file.write(text)
-    print(cpu_part(found['cpu']))
-    print(latency_part(found['latency']))
-    faults = list(fairness_faults(found['fairness']))
+    print(missed_part(goals))
+    faults = [one for one in goals.missed if one.startswith('fairness')]
     sys.exit('\n'.join(faults) if faults else 0)
 
 

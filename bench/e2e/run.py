@@ -1,95 +1,144 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
 """run.py BUILD RESULT.json [PART...] - measures the servers and writes what it found; with PART... only these parts, the
-others stay as they are in RESULT.json.
+others stay as they are in RESULT.json. With ROUNDS=N in its environment it takes N rounds of each at most, for a quick
+look.
 
 All servers run at once and are idle but for the one that is measured; they take turns, round after round, so that what
 else the machine does meets all of them alike. Figures are compared within one run only.
+
+Where a kernel lets a client and its server run decides more than either of them does: both on one processor, or each on
+its own. So they are bound, and measured both ways.
 """
 import glob
 import json
 import os
+import platform
 import subprocess
 import sys
 import tempfile
+import time
 
 import servers
 
-ROUNDS = 9
-UPDATES = {'one': 1500, 'flight': 3000, 'paced': 60}
-LATENCY_ROUNDS = {1: 600, 8: 150, 32: 50}
+ROUNDS = {'cpu': 18, 'latency': 15, 'size': 5, 'clients': 5, 'memory': 5, 'surfaces': 5, 'reports': 5, 'start': 15,
+          'fairness': 3, 'recovery': 10}
+SLOW = 3  # what waits for a clock most of its time takes part in every third round of 'cpu' and 'latency'
+UPDATES = {'one': 1500, 'burst': 16 * 100, 'window': 16 * 150, 'paced': 20}
+FRAMES = {'one': 16, 'burst': 16 * 16, 'window': 16 * 16, 'paced': 20}  # for a compositor that draws 60 times a second
+LATENCY_UPDATES = {1: 500, 8: 120, 32: 50}  # of each client
+LATENCY_FRAMES = {1: 20, 8: 10, 32: 6}
 SIZES = [(1, 1), (8, 8), (16, 16), (32, 32), (64, 64), (128, 128), (256, 256), (480, 272)]
-SURFACES = [0, 10, 100, 300, 1000]
 CLIENTS = [0, 8, 32, 100, 200]
+SURFACES = [0, 10, 100, 300, 1000]
+WHERE = ['top', 'bottom', 'covered']
 REPORTS = [100, 1000, 10000, 100000]
 SCREENS = [(480, 272), (800, 480)]
 FLOODS = ['none', 'dirty', 'show-hide', 'move', 'garbage', 'visits', 'deaf', 'mixture']
-FLOOD_SECONDS = 6
+FLOOD_UPDATES = 60  # 30 a second
 PAUSES_MS = [0, 50]  # before the server is started again; the second one is that of packaging/fbserver.service
 
 
-def measure(build, server, *work):
-    command = [f'{build}/bench/e2e/measure', server.target, server.place, str(server.pid), *map(str, work)]
+def rounds_of(part):
+    return range(min(ROUNDS[part], int(os.environ.get('ROUNDS', ROUNDS[part]))))
+
+
+def processors():
+    return ['one', 'two'] if len(os.sched_getaffinity(0)) > 1 else ['one']
+
+
+def measure(build, server, where, *work):
+    command = [f'{build}/bench/e2e/measure', server.target, server.place, str(server.pid), where, *map(str, work)]
     done = subprocess.run(command, env=server.env, stdout=subprocess.PIPE, check=True, timeout=120)
     return json.loads(done.stdout)
 
 
-def of_frames(server, mode, n):
-    """A compositor that answers 60 times a second gets less to do."""
-    return n if server.target != 'weston' else {'one': 60, 'flight': 16 * 40, 'paced': 60}[mode]
+def note(found, measured, number, *keys):
+    """Appends what was measured in a round at these keys; later on, only what one round has found is compared."""
+    for key in keys[:-1]:
+        found = found.setdefault(str(key), {})
+    found.setdefault(str(keys[-1]), []).append({'round': number, **measured})
 
 
-def seen(running):
-    return [server for server in running if server.target != 'weston']
+def is_slow(server):
+    return server.target == 'weston'
 
 
 def measure_cpu(build, running):
-    found = {mode: {server.name: [] for server in running} for mode in UPDATES}
-    for _ in range(ROUNDS):
-        for mode, n in UPDATES.items():
-            for server in running:
-                found[mode][server.name].append(measure(build, server, 'cpu', mode, of_frames(server, mode, n)))
+    found = {}
+    for number in rounds_of('cpu'):
+        for where in processors():
+            for mode in UPDATES:
+                for server in running:
+                    slow = is_slow(server)
+                    if number % SLOW == 0 or not (slow or mode == 'paced'):
+                        updates = (FRAMES if slow else UPDATES)[mode]
+                        note(found, measure(build, server, where, 'cpu', mode, updates), number,
+                             where, mode, server.name)
     return found
 
 
 def measure_latency(build, running):
-    """Nanoseconds of every single update, over all rounds. A compositor whose pixels nobody sees is left out."""
-    found = {n: {server.name: [] for server in seen(running)} for n in LATENCY_ROUNDS}
-    for _ in range(ROUNDS):
-        for n, rounds in LATENCY_ROUNDS.items():
-            for server in seen(running):
-                found[n][server.name].append(measure(build, server, 'latency', n, rounds)['ns'])
+    """Nanoseconds of every single update."""
+    found = {}
+    for number in rounds_of('latency'):
+        for where in processors():
+            for n in LATENCY_UPDATES:
+                for server in running:
+                    slow = is_slow(server)
+                    if number % SLOW == 0 or not slow:
+                        updates = (LATENCY_FRAMES if slow else LATENCY_UPDATES)[n]
+                        note(found, measure(build, server, where, 'latency', n, updates), number, where, n, server.name)
     return found
 
 
+def growing(running):
+    """Of the floors, those that take a request and all requests for a wake-up."""
+    return [server for server in running if server.name not in ('floor1', 'floor2tuned')]
+
+
 def measure_sizes(build, running):
-    found = {'%dx%d' % size: {server.name: [] for server in seen(running)} for size in SIZES}
-    for _ in range(5):
+    found = {}
+    for number in rounds_of('size'):
         for size in SIZES:
-            for server in seen(running):
-                found['%dx%d' % size][server.name].append(measure(build, server, 'size', *size, 300))
+            for server in growing(running):
+                note(found, measure(build, server, 'one', 'size', *size, 12 if is_slow(server) else 300), number,
+                     '%dx%d' % size, server.name)
     return found
 
 
 def measure_clients(build, running):
-    found = {n: {server.name: [] for server in seen(running)} for n in CLIENTS}
-    for _ in range(3):
+    found = {}
+    for number in rounds_of('clients'):
         for n in CLIENTS:
-            for server in seen(running):
-                found[n][server.name].append(measure(build, server, 'clients', n, 500))
+            for server in growing(running):
+                note(found, measure(build, server, 'one', 'clients', n, 12 if is_slow(server) else 400), number, n,
+                     server.name)
     return found
 
 
-def measure_memory(build, running):
-    """While one client shows a full screen. The screen's pixels are in memory up to three times: the client's, those
-    that the server composes, and the panel's."""
+def shown_memory(build, server):
+    """While one client shows a full screen."""
+    command = [f'{build}/bench/e2e/measure', server.target, server.place, str(server.pid), 'any', 'picture']
+    with subprocess.Popen(command, env=server.env, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as client:
+        if b'ready' not in client.stdout.readline():
+            raise servers.Failure(f'{server.name} shows no picture')
+        used = server.memory()
+        client.stdin.close()
+    return used
+
+
+def measure_memory(build):
+    """Of new servers, with the first of five clients that come one after the other, and with the fifth."""
     found = {}
-    for server in running:
-        command = [f'{build}/bench/e2e/measure', server.target, server.place, str(server.pid), 'picture', '500']
-        with subprocess.Popen(command, env=server.env, stdout=subprocess.PIPE) as client:
-            if b'ready' not in client.stdout.readline():
-                raise servers.Failure(f'{server.name} shows no picture')
-            found[server.name] = server.use()
+    for number in rounds_of('memory'):
+        everything = servers.All(build)
+        try:
+            for server in everything.servers:
+                used = [shown_memory(build, server) for _ in range(5)]
+                note(found, {'first': used[0], 'fifth': used[-1]}, number, server.name)
+        finally:
+            everything.stop()
     return found
 
 
@@ -98,31 +147,41 @@ def fresh(build, *work):
     with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:
         server = servers.start_pfb(build, folder)
         try:
-            return measure(build, server, *work)
+            return measure(build, server, 'one', *work)
         finally:
             server.stop()
 
 
-def measure_start(build, rounds=15):
+def measure_surfaces(build):
+    found = {}
+    for number in rounds_of('surfaces'):
+        for n in SURFACES:
+            for where in WHERE:
+                note(found, fresh(build, 'surfaces', where, n, 1500), number, where, n)
+    return found
+
+
+def measure_reports(build):
+    found = {}
+    for number in rounds_of('reports'):
+        for n in REPORTS:
+            note(found, fresh(build, 'reports', n), number, n)
+    return found
+
+
+def measure_start(build):
     found = {}
     with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:
         starters = servers.starters(build, folder)
         try:
-            for _ in range(rounds):
+            for number in rounds_of('start'):
                 for name, (env, words) in starters.commands.items():
                     done = subprocess.run([f'{build}/bench/e2e/startup', *words], env=env, stdout=subprocess.PIPE,
                                           check=True, timeout=60)
-                    found.setdefault(name, []).append(json.loads(done.stdout))
+                    note(found, json.loads(done.stdout), number, name)
         finally:
             starters.stop()
     return found
-
-
-def measure_growth(build):
-    return {
-        'surfaces': {n: [fresh(build, 'surfaces', n, 2000) for _ in range(5)] for n in SURFACES},
-        'reports': {n: [fresh(build, 'reports', n) for _ in range(3)] for n in REPORTS},
-    }
 
 
 def measure_flood(build, size, flood):
@@ -131,7 +190,7 @@ def measure_flood(build, size, flood):
         server = servers.start_pfb(build, folder, size=size)
         try:
             command = [f'{build}/bench/e2e/fairness', server.place, str(server.pid), *map(str, size), flood,
-                       str(FLOOD_SECONDS)]
+                       str(FLOOD_UPDATES)]
             with subprocess.Popen(command, env=server.env, stdout=subprocess.PIPE) as client:
                 answer = client.communicate(timeout=120)[0]
             if client.returncode != 0:
@@ -145,22 +204,27 @@ def measure_flood(build, size, flood):
 
 def measure_fairness(build):
     """One client's updates while others flood, for each size of screen and each kind of flood."""
-    return {'%dx%d' % size: {flood: measure_flood(build, size, flood) for flood in FLOODS} for size in SCREENS}
+    found = {}
+    for number in rounds_of('fairness'):
+        for size in SCREENS:
+            for flood in FLOODS:
+                note(found, measure_flood(build, size, flood), number, '%dx%d' % size, flood)
+    return found
 
 
-def measure_recovery(build, rounds=20):
+def measure_recovery(build):
     """The server's end and return, with ten clients of the library."""
-    found = {death: {str(pause): [] for pause in PAUSES_MS} for death in ('kill', 'abort')}
+    found = {}
     with tempfile.TemporaryDirectory(prefix='pfb-bench-', dir='/dev/shm') as folder:
         starters = servers.starters(build, folder)
         env, (_, path, place, *words) = starters.commands['pfb']
         try:
-            for _ in range(rounds):
-                for death, by_pause in found.items():
-                    for pause, measures in by_pause.items():
-                        done = subprocess.run([f'{build}/bench/e2e/recovery', place, path, death, pause, *words],
+            for number in rounds_of('recovery'):
+                for death in ('kill', 'abort'):
+                    for pause in PAUSES_MS:
+                        done = subprocess.run([f'{build}/bench/e2e/recovery', place, path, death, str(pause), *words],
                                               env=env, stdout=subprocess.PIPE, check=True, timeout=120)
-                        measures.append(json.loads(done.stdout))
+                        note(found, json.loads(done.stdout), number, death, pause)
         finally:
             starters.stop()
     return found
@@ -173,21 +237,35 @@ def program_bytes(build):
         return os.path.getsize(stripped.name)
 
 
-SIDE_BY_SIDE = {'memory': measure_memory, 'cpu': measure_cpu, 'latency': measure_latency, 'size': measure_sizes,
-                'clients': measure_clients}
-ALONE = {'growth': measure_growth, 'start': measure_start, 'fairness': measure_fairness, 'recovery': measure_recovery}
+def machine():
+    with open('/proc/cpuinfo', encoding='ascii') as info:
+        model = next((line.split(':')[1].strip() for line in info if line.startswith('model name')), platform.machine())
+    return {'model': model, 'processors': len(os.sched_getaffinity(0)), 'load': os.getloadavg()[0],
+            'linux': '.'.join(platform.release().split('.')[:2])}
 
 
-def measure_side_by_side(build, parts):
-    found = {}
+# Those of a list of servers that run side by side; then those that start their own.
+SIDE_BY_SIDE = {'cpu': measure_cpu, 'latency': measure_latency, 'size': measure_sizes, 'clients': measure_clients}
+ALONE = {'memory': measure_memory, 'surfaces': measure_surfaces, 'reports': measure_reports, 'start': measure_start,
+         'fairness': measure_fairness, 'recovery': measure_recovery}
+
+
+def measure_part(found, part, work, *words):
+    print(f'measuring: {part} ...', end='', flush=True)
+    started = time.monotonic()
+    found[part] = work(*words)
+    found['took'][part] = time.monotonic() - started
+    found['rounds'][part] = len(rounds_of(part))
+    print(f" {found['took'][part]:.1f} s", flush=True)
+
+
+def measure_side_by_side(found, build, parts):
     everything = servers.All(build)
     try:
         for part in parts:
-            print(f'measuring: {part}', flush=True)
-            found[part] = SIDE_BY_SIDE[part](build, everything.servers)
+            measure_part(found, part, SIDE_BY_SIDE[part], build, everything.servers)
     finally:
         everything.stop()
-    return found
 
 
 def main():
@@ -195,18 +273,17 @@ def main():
     unknown = [part for part in wanted if part not in SIDE_BY_SIDE and part not in ALONE]
     if unknown:
         sys.exit(f'run.py: there is no part {unknown[0]}')
-    found = {}
+    found = {'took': {}, 'rounds': {}}
     if wanted and os.path.exists(result):
         with open(result, encoding='utf-8') as file:
             found = json.load(file)
-    found['program'] = program_bytes(build)
+    found.update(machine=machine(), program=program_bytes(build), whole=ROUNDS)
     beside = [part for part in SIDE_BY_SIDE if not wanted or part in wanted]
     if beside:
-        found.update(measure_side_by_side(build, beside))
+        measure_side_by_side(found, build, beside)
     for part, work in ALONE.items():
         if not wanted or part in wanted:
-            print(f'measuring: {part}', flush=True)
-            found[part] = work(build)
+            measure_part(found, part, work, build)
     with open(result, 'w', encoding='utf-8') as file:
         json.dump(found, file)
 

@@ -11,6 +11,13 @@ import time
 SIZE = (480, 272)
 SCREEN_BYTES = SIZE[0] * SIZE[1] * 4
 
+# With the screen in shared memory: the other way to see it, a mapped file, costs the server a system call more. And it
+# does not begin again when its last client has gone.
+XVFB = ['-screen', '0', '%dx%dx24' % SIZE, '-shmem', '-nolisten', 'tcp', '-ac', '-noreset']
+# With its desktop: the plainer shells of its headless output show no window without an input device.
+WESTON = ['--backend=headless-backend.so', '--use-pixman', '--shell=desktop-shell.so', '--no-config', '--idle-time=0',
+          '--width=%d' % SIZE[0], '--height=%d' % SIZE[1]]
+
 
 class Failure(Exception):
     pass
@@ -66,10 +73,10 @@ class Server:
             self.process.wait()
         self.log.close()
 
-    def use(self):
-        """What /proc tells of its memory, in bytes."""
-        with open(f'/proc/{self.pid}/status', encoding='ascii') as status:
-            return {key: int(value) * 1024 for key, value in re.findall(r'(\w+):\s+(\d+) kB', status.read())}
+    def memory(self):
+        """Bytes by the names of /proc/PID/smaps_rollup, which counts pages; what /proc/PID/status says lags behind."""
+        with open(f'/proc/{self.pid}/smaps_rollup', encoding='ascii') as lines:
+            return {key: int(value) * 1024 for key, value in re.findall(r'^(\w+):\s+(\d+) kB', lines.read(), re.M)}
 
 
 def accepts(path):
@@ -101,6 +108,7 @@ def start_pfb(build, folder, command=(), name='pfb', size=SIZE):
 
 
 def start_floor(build, folder, copies, *tuned):
+    """`tuned`: nothing, 'tuned' or 'draining'; see floor.c."""
     name = f'floor{copies}' + ''.join(tuned)
     server = Server(name, 'floor', folder)
     panel = os.path.join(folder, name + '.panel')
@@ -114,11 +122,9 @@ def start_floor(build, folder, copies, *tuned):
 
 
 def start_xvfb(folder):
-    """With the screen in shared memory: the other way to see it, a mapped file, costs the server a system call more."""
     server = Server('xvfb', 'xvfb', folder)
     read, write = os.pipe()
-    server.start(['Xvfb', '-displayfd', str(write), '-screen', '0', '%dx%dx24' % SIZE, '-shmem', '-nolisten', 'tcp',
-                  '-ac', '-noreset'], pass_fds=[write])
+    server.start(['Xvfb', '-displayfd', str(write), *XVFB], pass_fds=[write])
     os.close(write)
     with os.fdopen(read) as answer:
         number = answer.readline().strip()
@@ -129,13 +135,11 @@ def start_xvfb(folder):
 
 
 def start_weston(folder):
-    """With its desktop: the plainer shells of its headless output show no window without an input device."""
     server = Server('weston', 'weston', folder)
     server.env['XDG_RUNTIME_DIR'] = os.path.join(folder, 'weston')
     os.mkdir(server.env['XDG_RUNTIME_DIR'], 0o700)
     server.place = 'bench'
-    server.start(['weston', '--backend=headless-backend.so', '--use-pixman', '--shell=desktop-shell.so', '--no-config',
-                  '--idle-time=0', '--socket=bench', '--width=%d' % SIZE[0], '--height=%d' % SIZE[1]])
+    server.start(['weston', *WESTON, '--socket=bench'])
     wait_for('weston', lambda: os.path.exists(os.path.join(server.env['XDG_RUNTIME_DIR'], 'bench')))
     time.sleep(2)  # its desktop is drawn by clients of its own
     return server
@@ -150,7 +154,8 @@ class All:
         try:
             for start in (lambda f: start_pfb(build, f), lambda f: start_floor(build, f, 1),
                           lambda f: start_floor(build, f, 2),
-                          lambda f: start_floor(build, f, 2, 'tuned'), start_xvfb, start_weston):
+                          lambda f: start_floor(build, f, 2, 'tuned'), lambda f: start_floor(build, f, 2, 'draining'),
+                          start_xvfb, start_weston):
                 self.servers.append(start(self.folder.name))
         except BaseException:
             self.stop()
@@ -193,8 +198,6 @@ def starters(build, folder):
     found.commands['floor2'] = own, ['floor', path, f'{path}:{pixels}', f'{build}/bench/e2e/floor', path, pixels,
                                      '2']
     number = 200 + os.getpid() % 300
-    found.commands['xvfb'] = own, ['xvfb', f':{number}', '-', 'Xvfb', f':{number}', '-screen', '0', '%dx%dx24' % SIZE,
-                                   '-nolisten', 'tcp', '-ac']
-    found.commands['weston'] = own, ['weston', 'start', '-', 'weston', '--backend=headless-backend.so', '--use-pixman',
-                                     '--shell=desktop-shell.so', '--no-config', '--socket=start']
+    found.commands['xvfb'] = own, ['xvfb', f':{number}', 'WHERE/segment', 'Xvfb', f':{number}', *XVFB]
+    found.commands['weston'] = own, ['weston', 'start', 'start', 'weston', *WESTON, '--socket=start']
     return found

@@ -9,7 +9,7 @@ struct Area {
     int32_t x, y, width, height; // screen for a surface, surface for an update
 };
 
-// One client with its surface of 32-bit pixels, shown.
+// One client with its surface of 32-bit pixels.
 struct Client {
     Area area;
     uint32_t *pixels;
@@ -23,12 +23,13 @@ struct Target {
     void (*start)(const char *place);
     // True as soon as the server takes a client at `where`: the path of its socket, or the name of its display.
     bool (*accepts)(const char *where);
-    // Connects a client and shows its surface of client->area.
+    // Connects a client with a surface of client->area, on the panel at the latest with its first update.
     void (*connect)(Client *client);
     void (*disconnect)(Client *client);
     // Tells that these pixels have changed, and does not wait.
     void (*update)(Client *client, const Area &part);
-    // The panel's pixel at (x, y). Null where a server shows its pixels to nobody: `finish` waits for its word then.
+    // The panel's pixel at (x, y). Null where a server shows its pixels to nobody: `finish` waits then for its word
+    // that all updates have been drawn.
     const volatile uint32_t *(*pixel)(int32_t x, int32_t y);
     void (*finish)(Client *client);
 };
@@ -45,6 +46,7 @@ const Target *find_target(const char *name);
 // Maps a panel of 32-bit pixels, to be read.
 const volatile uint32_t *map_panel(const char *path, int32_t width, int32_t height);
 
-// A connection of this server's that has made n surfaces of size x size pixels, all shown. To be closed with mc_close.
+// A connection of this server's that has made n opaque surfaces of size x size pixels, scattered over `within` and all
+// shown. To be closed with mc_close.
 struct mc_connection;
-mc_connection *crowd_connect(int n, int32_t size);
+mc_connection *crowd_connect(int n, int32_t size, const Area &within);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// A Wayland compositor: a top-level window over a wl_shm buffer. No client sees its screen, so an update is over when
-// the compositor says that the frame has been drawn. The place is the display's name.
+// A Wayland compositor: a top-level window over a wl_shm buffer. No client sees its screen, so updates are over when
+// the compositor says that their frames have been drawn. The place is the display's name.
 #include "target.h"
 
 #include <cstring>
@@ -21,7 +21,7 @@ struct WaylandClient {
     wl_surface *surface;
     wl_buffer *buffer;
     bool configured;
-    bool drawn; // the last frame asked for
+    int undrawn; // frames that have been asked for
 };
 
 std::string display_name;
@@ -63,16 +63,14 @@ const xdg_toplevel_listener toplevel_listener{[](void *, xdg_toplevel *, int32_t
 void on_drawn(void *data, wl_callback *callback, uint32_t)
 {
     wl_callback_destroy(callback);
-    own_of(data)->drawn = true;
+    own_of(data)->undrawn--;
 }
 const wl_callback_listener drawn_listener{on_drawn};
 
-void dispatch_until(WaylandClient *own, const bool *done)
+void dispatch(WaylandClient *own)
 {
-    while (!*done) {
-        if (wl_display_dispatch(own->display) < 0)
-            fail("the Wayland compositor is gone");
-    }
+    if (wl_display_dispatch(own->display) < 0)
+        fail("the Wayland compositor is gone");
 }
 
 void make_buffer(WaylandClient *own, Client *client)
@@ -114,7 +112,8 @@ void make_window(WaylandClient *own)
     xdg_surface_add_listener(surface, &surface_listener, own);
     xdg_toplevel_add_listener(xdg_surface_get_toplevel(surface), &toplevel_listener, own);
     wl_surface_commit(own->surface);
-    dispatch_until(own, &own->configured);
+    while (!own->configured)
+        dispatch(own);
 }
 
 void wayland_connect(Client *client)
@@ -130,8 +129,6 @@ void wayland_connect(Client *client)
     make_window(own);
     make_buffer(own, client);
     client->own = own;
-    target_wayland.update(client, Area{0, 0, client->area.width, client->area.height});
-    target_wayland.finish(client);
 }
 
 void wayland_disconnect(Client *client)
@@ -145,7 +142,7 @@ void wayland_disconnect(Client *client)
 void wayland_update(Client *client, const Area &part)
 {
     auto *own = own_of(client->own);
-    own->drawn = false;
+    own->undrawn++;
     wl_callback_add_listener(wl_surface_frame(own->surface), &drawn_listener, own);
     wl_surface_attach(own->surface, own->buffer, 0, 0);
     wl_surface_damage_buffer(own->surface, part.x, part.y, part.width, part.height);
@@ -156,7 +153,8 @@ void wayland_update(Client *client, const Area &part)
 void wayland_finish(Client *client)
 {
     auto *own = own_of(client->own);
-    dispatch_until(own, &own->drawn);
+    while (own->undrawn > 0)
+        dispatch(own);
 }
 
 } // namespace

@@ -95,7 +95,6 @@ void x_connect(Client *client)
     xcb_map_window(own->connection, own->window);
     client->own = own;
     attach_memory(own, client);
-    target_x.update(client, Area{0, 0, a.width, a.height});
 }
 
 void x_disconnect(Client *client)

@@ -23,6 +23,7 @@ template <typename Pixel> Pixel *pixels(const Buffer &buffer)
 
 template <typename Pixel> Pixel *pixels(std::vector<uint8_t> &bytes)
 {
+    bytes.reserve(1); // a width of 0 is allowed, a pointer to nowhere is not
     return reinterpret_cast<Pixel *>(bytes.data());
 }
 

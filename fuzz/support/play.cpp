@@ -146,6 +146,18 @@ void check_list()
 
 // ---- one session ----
 
+// The connection's own surface; for a request of one without, the selected one. Null for none.
+const ImageSurface *surface_of(const Action &a)
+{
+    const auto found = connections.find(a.client);
+    if (found == connections.end() || (a.kind != Action::REQUEST && a.kind != Action::HANG_UP))
+        return nullptr;
+    const auto *own = static_cast<const ImageSurface *>(mc_user_data(found->second));
+    const bool selects = a.kind == Action::REQUEST && selected_surface_index >= 0 && fs->surfaces != nullptr;
+    return own == nullptr && selects && selected_surface_index < fs->n_surface ? fs->surfaces[selected_surface_index]
+                                                                               : own;
+}
+
 // False when the server has failed an assertion.
 bool play_action(const Action &a, const Trouble &trouble, const Stage &stage)
 {
@@ -154,6 +166,7 @@ bool play_action(const Action &a, const Trouble &trouble, const Stage &stage)
     if (a.kind == Action::TOGGLE_DEVICE)
         stage.toggle(a.device);
     stage.expect(a, object);
+    abort_before(surface_of(a));
     fuzz_printed = {};
     try {
         const model::Reply reply = server_do(a, object, trouble);

@@ -5,6 +5,7 @@
 
 #include <map>
 
+#include "../../src/composite/composite.h"
 #include "decode.h"
 #include "fuzz.h"
 #include "mc.h"
@@ -30,7 +31,9 @@ struct Stage {
 
 // PFB_FUZZ_PRINT=1: print what the clients do.
 bool fuzz_prints();
-// True when this action can make this assertion fail, which is known by expression, file and function.
+// True when this action can make this assertion fail, which is known by expression, file and function. The surface that
+// the action is about, or null, is told before.
+void abort_before(const ImageSurface *surface);
 bool may_abort(const Action &a, const FailedAssertion &failed);
 
 void session_play(const uint8_t *data, size_t size, const Stage &stage);

@@ -130,9 +130,10 @@ void *map_shared(void *address, size_t bytes, int protection, int flags, int fd,
         note_mapping(start, bytes, is_client, fresh);
         fuzz_system.mapped.insert(inode_of(fd));
     }
-    if (start == MAP_FAILED && is_client)
+    if (start == MAP_FAILED && is_client) {
         fuzz_system.mapping_refused = true;
-    else if (is_client)
+        fuzz_system.refused_bytes = bytes;
+    } else if (is_client)
         opened = -1; // the server closes it now
     return start;
 }

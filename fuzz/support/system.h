@@ -45,7 +45,8 @@ struct System {
     // Of the running action: no object of that name could be opened, or its memory not be mapped.
     bool object_refused = false;
     bool mapping_refused = false;
-    std::set<ino_t> mapped; // the files that have been
+    size_t refused_bytes = 0; // of the mapping
+    std::set<ino_t> mapped;   // the files that have been
 };
 extern System fuzz_system;
 

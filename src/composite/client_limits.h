@@ -27,7 +27,8 @@ constexpr int SINGLE_RECTS = 1024;
 
 struct ClientLimits {
     uint64_t mapped_bytes; // of clients' shared memory, all together
-    // Of these, what stays mapped until the server ends, because no connection owns it:
+    // Of these, what stays mapped until the server ends, because no connection owns it. See also
+    // client_limits_left_bytes.
     uint64_t left_bytes;
     size_t left_mappings;
     // Of the images of scaled surfaces, all together; on a small machine a quarter of its memory.
@@ -36,3 +37,6 @@ struct ClientLimits {
 
 // Tests set their own.
 extern ClientLimits client_limits;
+
+// left_bytes, and no more than a quarter of what /dev/shm holds: the others need some for their surfaces.
+uint64_t client_limits_left_bytes();

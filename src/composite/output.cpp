@@ -2,6 +2,7 @@
 // Outputs: opened when the first surface names them, released when the last one goes.
 #include "composite.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -60,6 +61,16 @@ void make_images(const FbServer *fs, Backend *backend, const ScreenInfo &info, v
         backend->frame_img->extent = info.memory;
 }
 
+// False where there is no memory now. An image that is too large, or has no size, is never had: the output works
+// without.
+bool found_memory(const FbServer *fs, const Backend *backend, const ScreenInfo &info)
+{
+    const int32_t stride = wrap_mul(fs->w, 4);
+    const bool has_work = fs->w > 0 && fs->h > 0 && stride > 0 && int64_t{stride} * fs->h <= INT32_MAX;
+    const bool has_frame = info.width > 0 && info.height > 0;
+    return (backend->work_img != nullptr || !has_work) && (backend->frame_img != nullptr || !has_frame);
+}
+
 void drop_images(Backend *backend)
 {
     xc_image_unref(backend->frame_img);
@@ -69,6 +80,13 @@ void drop_images(Backend *backend)
     pixman_region_destroy(backend->direct_region);
     backend->frame_img = backend->work_img = nullptr;
     backend->clear_region = backend->damage_region = backend->direct_region = nullptr;
+}
+
+// As when its last surface goes: nothing of it stays mapped.
+void give_up(FbServer *fs, Backend *backend)
+{
+    backend->displayfunc->release(fs);
+    drop_images(backend);
 }
 
 bool append_backend(FbServer *fs, Backend *backend)
@@ -101,12 +119,16 @@ bool initialise(FbServer *fs, Backend *backend)
     print_screen_info(info);
     take_over_size(fs, info);
     make_images(fs, backend, info, pixels);
+    if (!found_memory(fs, backend, info)) {
+        err_printf("init failed\n");
+        give_up(fs, backend);
+        return false;
+    }
     backend->clear_region = region_new();
     backend->damage_region = region_new();
     backend->direct_region = region_new();
     if (!append_backend(fs, backend)) {
-        backend->displayfunc->release(fs); // as when its last surface goes: nothing of it stays mapped
-        drop_images(backend);
+        give_up(fs, backend);
         return false;
     }
     backend->state = BACKEND_READY;

@@ -151,12 +151,12 @@ bool is_drawn_opaque(const ImageSurface *surface)
     return region_contained_in_rectangle(&surface->aux_region, &moved) != 0;
 }
 
-void draw_surface(FbServer *fs, int32_t index, int32_t highest)
+void draw_surface(FbServer *fs, int32_t index, const Drawers &drawers)
 {
     ImageSurface *surface = fs->surfaces[index];
     Backend *backend = surface->backend;
-    if (surface_has(surface, SURFACE_DIRECT))
-        draw_direct(fs, index, highest);
+    if (surface_has(surface, SURFACE_DIRECT) && drawers.may_go_direct)
+        draw_direct(fs, index, drawers.highest);
     const bool copied = is_drawn_opaque(surface);
     if (copied)
         set_alpha(surface->img, false);
@@ -190,7 +190,7 @@ void draw_stack(FbServer *fs, const Drawers &drawers)
         const bool visited =
             surface_has(surface, SURFACE_SHOWN) ? !region_is_empty(&surface->aux_region) : has_alpha_output(surface);
         if (visited)
-            draw_surface(fs, i, drawers.highest);
+            draw_surface(fs, i, drawers);
     }
 }
 

@@ -19,6 +19,9 @@
 
 namespace {
 
+// Some region of the last pass could not be had, and what it drew may be wrong.
+bool was_short_of_memory;
+
 // On an output with alpha even hidden surfaces are drawn.
 bool takes_part(const ImageSurface *surface)
 {
@@ -181,7 +184,7 @@ bool assign_surface(const FbServer *fs, ImageSurface *surface, Region *damage)
 // is hidden.
 Drawers assign(const FbServer *fs)
 {
-    Drawers drawers{0, 0, -1};
+    Drawers drawers{0, 0, -1, !was_short_of_memory};
     for (int32_t i = fs->n_surface - 1; i >= 0; i--) {
         Region *damage = damage_of(fs->surfaces[i]);
         if (damage == nullptr || !assign_surface(fs, fs->surfaces[i], damage))
@@ -241,6 +244,20 @@ bool clear_outputs(const FbServer *fs)
 
 // ---- faults ----
 
+// All is drawn once more, in a pass that needs no memory: the damage is one rectangle, and nothing goes
+// straight into the frame. Not without end: that pass is the last one.
+void start_over(FbServer *fs)
+{
+    const Rect screen{0, 0, fs->w, fs->h};
+    for (int32_t i = 0; i < fs->n_backend; i++) {
+        const Backend *backend = backend_at(fs, i);
+        if (backend != nullptr && backend->damage_region != nullptr)
+            region_reset(backend->damage_region, &screen);
+    }
+    was_short_of_memory = true;
+    fs_schedule_render(fs);
+}
+
 // Then a page of a sparse object cannot be had, whoever touches it.
 bool shared_memory_is_full()
 {
@@ -270,6 +287,7 @@ void report_short_memory(const FbServer *fs, const void *first)
 {
     auto *fs = static_cast<FbServer *>(data);
     fs->idle_source = 0;
+    const unsigned failures = region_failures();
     if (collect(fs)) {
         const Drawers drawers = assign(fs);
         const bool cleared = clear_outputs(fs);
@@ -277,6 +295,10 @@ void report_short_memory(const FbServer *fs, const void *first)
     } else {
         err_printf("dirty region is empty!!!!!!!!!!!!!!!!!!!!\n");
     }
+    if (region_failures() != failures && !was_short_of_memory)
+        start_over(fs);
+    else
+        was_short_of_memory = false;
     if (const void *pixels = client_memory_take_short())
         report_short_memory(fs, pixels);
     out_flush();

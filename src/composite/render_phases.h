@@ -9,6 +9,7 @@ struct Drawers {
     int32_t count;
     int32_t lowest;
     int32_t highest;
+    bool may_go_direct; // straight into the frame, where nothing above hides them
 };
 
 inline Backend *backend_at(const FbServer *fs, int32_t i)

@@ -166,16 +166,38 @@ template <typename Pixel> bool all_are_whole(const RowPlaces &places, RowWalk ro
     return first && is_whole<Pixel>(row);
 }
 
+// Rows y1 to y2 of a strip, when all of them are whole.
+template <typename Pixel>
+void refresh_whole_strip(const RowPlaces &places, const RowWalk &row, const Strip &strip, const Rect &to)
+{
+    constexpr int64_t size = sizeof(Pixel);
+    const int64_t src_pitch = row.src_grid.pitch, dst_pitch = row.dst_grid.pitch, step = places.scale->y_step;
+    const uint8_t *src = row.src + (places.first + strip.first) * size;
+    uint8_t *dst = row.dst + row.dst_grid.offset(places.x1 + strip.x, to.y1);
+    int64_t place = to.y1 * step + places.scale->src_y_origin;
+    Batch batch;
+    for (int64_t y = to.y1; y < to.y2; y += BATCH_MOST) {
+        const auto n = static_cast<int32_t>(std::min<int64_t>(to.y2 - y, BATCH_MOST));
+        for (int32_t i = 0; i < n; i++, place += step, dst += dst_pitch)
+            batch.rows[i] = {src + (place >> 16) * src_pitch, dst};
+        batch.count = n;
+        batch_run<Pixel>(&batch, &strip.plan);
+    }
+}
+
 // Rows y1 to y2 of a strip. `row` comes with what all rows share.
 template <typename Pixel> void refresh_strip(const RowPlaces &places, RowWalk row, const Strip &strip, const Rect &to)
 {
+    if (all_are_whole<Pixel>(places, row, to)) {
+        refresh_whole_strip<Pixel>(places, row, strip, to);
+        return;
+    }
     constexpr int64_t size = sizeof(Pixel);
-    const bool all = all_are_whole<Pixel>(places, row, to);
     Batch batch;
     batch.count = 0;
     for (int64_t y = to.y1; y < to.y2; y++) {
         places.find(&row, y);
-        if (all || is_whole<Pixel>(row)) {
+        if (is_whole<Pixel>(row)) {
             batch.rows[batch.count++] = {row.src + row.src_at + strip.first * size,
                                          row.dst + row.dst_at + strip.x * size};
         } else if (strip.x == 0) { // all of it at the first strip

@@ -44,7 +44,7 @@ void *pixels_left_by(const mc_connection *connection)
 
 bool may_be_left(const ClientMemoryUse &use, uint64_t bytes)
 {
-    return use.n_left < client_limits.left_mappings && use.left_bytes + bytes <= client_limits.left_bytes;
+    return use.n_left < client_limits.left_mappings && use.left_bytes + bytes <= client_limits_left_bytes();
 }
 
 // False after a line: what clients have by now is enough. Sizes that cannot be mapped are left to the system.

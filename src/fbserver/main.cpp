@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // fbserver: shows the shared-memory surfaces of many processes on one framebuffer.
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include "../base/output.h"
@@ -26,6 +27,16 @@ void open_missing_standard_streams()
         close(fd);
 }
 
+// Images are mapped each for itself and go back to the system when they are freed. glibc would take the next ones from
+// its heap once it has seen one freed, and keep them there.
+void map_large_blocks()
+{
+#ifdef M_MMAP_THRESHOLD
+    constexpr int LARGE_BYTES = 128 * 1024;
+    mallopt(M_MMAP_THRESHOLD, LARGE_BYTES);
+#endif
+}
+
 // The message channel's lines go where the rest of the log goes.
 void log_line(const char *line)
 {
@@ -49,6 +60,7 @@ int start_up_error()
 int main(int argc, char **argv)
 {
     open_missing_standard_streams();
+    map_large_blocks();
     signals_install();
     Options options;
     if (options_parse(argc, argv, &options) < 0)

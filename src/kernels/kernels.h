@@ -14,6 +14,9 @@
 template <typename Src, typename Dst>
 using Kernel = void (*)(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h);
 
+// Rows of `size` bytes as they are, at least one each of them and at least one row; pitches are in bytes.
+using CopyKernel = void (*)(const uint8_t *src, ptrdiff_t src_pitch, uint8_t *dst, ptrdiff_t dst_pitch, size_t size,
+                            int32_t h);
 // A rectangle of one colour; w may be 0.
 template <typename Pixel> using FillKernel = void (*)(Pixel *dst, ptrdiff_t pitch, Pixel value, int32_t w, int32_t h);
 // A row in place: n pixels, n at least 0. Dimming makes each colour byte p x strength / 256, strength at most 255, and
@@ -30,6 +33,12 @@ enum PickShape {
     PICK_TWO         // 32-bit pixels: two vectors side by side; 16-bit ones: one for every 8 pixels
 };
 
+// Columns that follow a rule: c c+1 c+1 c+2 or c c c+1 c+1 and so on, or c c+2 c+4.
+enum PickRhythm { PICK_ANY, PICK_DOUBLED, PICK_HALVED };
+
+// Shorter rows are done pixel by pixel.
+constexpr int32_t PICK_LEAST = 16;
+
 // Where the pixels of a scaled row come from, for many rows: dst pixel i is src pixel columns[i].
 constexpr int32_t PICK_MOST = 2048;
 struct PickPlan {
@@ -37,7 +46,11 @@ struct PickPlan {
     int32_t columns[PICK_MOST]; // begin with 0 and never go back
     // The rest is pick_plan_finish's. Where the row is no whole number of steps, the last one begins earlier; step k is
     // kept as if it began at k x step.
+    PickRhythm rhythm; // of all from `alike` on
     PickShape shape;
+    // Steps that begin at `alike` (0 or the second step) and before `until` differ in nothing but where their source
+    // is: `advance` pixels on from one to the next.
+    int32_t alike, until, advance;
     int32_t end;    // of 16-bit pixels, steps from here on are PICK_TWO: near the end of a row, vectors begin earlier
     int32_t second; // PICK_ONE of 16 bits: the first source pixel for the last 8, an even number
     int32_t starts[PICK_MOST / 8]; // for 8 pixels, the first one of the vector; all of it lies in the row
@@ -61,6 +74,7 @@ using PickKernel = void (*)(const PickRow *rows, int32_t count, const PickPlan *
 // "rgb" and "argb" are 32-bit words, "16" is 5-6-5, "18" is 6-6-6 in a word; pixel.h has the formulas.
 struct Kernels {
     const char *name;
+    CopyKernel copy;
     Kernel<uint32_t, uint16_t> rgb_to_16;
     Kernel<uint32_t, uint32_t> rgb_to_18;
     Kernel<uint32_t, uint32_t> rgb_to_argb; // alpha becomes 255

@@ -66,7 +66,7 @@ inline bool is_opaque(U32 v)
 inline bool may_be_plain(U32 v)
 {
     const __m256i alpha = _mm256_set1_epi32(static_cast<int>(0xFF000000));
-    return _mm256_testz_si256(bits(v), alpha) != 0 || _mm256_testc_si256(bits(v), alpha) != 0;
+    return _mm256_testnzc_si256(bits(v), alpha) == 0;
 }
 inline U16 alpha_in_halves(U32 v)
 {
@@ -98,6 +98,14 @@ inline U32 unpack_pairs_low(U32 a, U32 b)
 inline U32 unpack_pairs_high(U32 a, U32 b)
 {
     return from_bits<U32>(_mm256_unpackhi_epi64(bits(a), bits(b)));
+}
+
+// The first lanes of both, and the second ones.
+inline void exchange_lanes(U32 &a, U32 &b)
+{
+    const __m256i first = _mm256_permute2x128_si256(bits(a), bits(b), 0x20);
+    b = from_bits<U32>(_mm256_permute2x128_si256(bits(a), bits(b), 0x31));
+    a = from_bits<U32>(first);
 }
 
 // 16 bytes into each lane, the lanes `step` bytes apart.

@@ -88,6 +88,18 @@ inline U32 unpack_pairs_high(U32 a, U32 b)
     return vcombine_u32(vget_high_u32(a), vget_high_u32(b));
 }
 
+inline void exchange_lanes(U32 &, U32 &) {} // there is one
+
+// Every other pixel of both.
+inline U16 evens(U16 a, U16 b)
+{
+    return vuzpq_u16(a, b).val[0];
+}
+inline U32 evens(U32 a, U32 b)
+{
+    return vuzpq_u32(a, b).val[0];
+}
+
 // 16 bytes into each lane, the lanes `step` bytes apart.
 template <typename V> V load_lanes(const uint8_t *p, ptrdiff_t)
 {

@@ -100,6 +100,19 @@ inline U32 unpack_pairs_high(U32 a, U32 b)
     return from_bits<U32>(_mm_unpackhi_epi64(bits(a), bits(b)));
 }
 
+inline void exchange_lanes(U32 &, U32 &) {} // there is one
+
+// Every other pixel of both.
+inline U16 evens(U16 a, U16 b)
+{
+    return pack_in_lanes<0>(reinterpret_cast<U32>(a), reinterpret_cast<U32>(b));
+}
+inline U32 evens(U32 a, U32 b)
+{
+    return from_bits<U32>(_mm_castps_si128(
+        _mm_shuffle_ps(_mm_castsi128_ps(bits(a)), _mm_castsi128_ps(bits(b)), _MM_SHUFFLE(2, 0, 2, 0))));
+}
+
 // 16 bytes into each lane, the lanes `step` bytes apart.
 template <typename V> V load_lanes(const uint8_t *p, ptrdiff_t)
 {

@@ -3,7 +3,7 @@
 // step is read once for several rows.
 #pragma once
 
-#include "vector_pick.h"
+#include "vector.h"
 
 namespace {
 
@@ -144,9 +144,79 @@ void pick_together(const PickRow *rows, const PickPlan *plan)
         pick_steps<Rest, SAME, ROWS, 1>(own, plan, i, (i + N <= n ? i : n - N) * size);
 }
 
-template <typename Picked, typename Rest = Picked>
+// One step of all rows.
+template <typename Picked>
+void pick_column(const PickRow *rows, int32_t count, const PickPlan *plan, int32_t i, int32_t to)
+{
+    constexpr ptrdiff_t size = sizeof(typename Picked::Pixel);
+    const Picked picked(plan, static_cast<size_t>(i));
+    for (int32_t k = 0; k < count; k++)
+        store(rows[k].dst + to * size, picked.from(rows[k].src));
+}
+
+// The steps that are alike.
+template <typename Picked, bool SAME, int ROWS>
+[[gnu::always_inline]] inline void pick_middle(const PickRow *rows, const PickPlan *plan, const Picked &picked)
+{
+    constexpr ptrdiff_t size = sizeof(typename Picked::Pixel);
+    PickRow own[ROWS];
+    for (int row = 0; row < ROWS; row++)
+        own[row] = rows[row];
+    const ptrdiff_t advance = plan->advance * size, end = plan->until * size;
+    ptrdiff_t on = 0;
+    for (ptrdiff_t to = plan->alike * size; to < end; to += 32, on += advance) {
+        const auto first = picked.from(own[0].src + on);
+        const auto second = ROWS == 1 || SAME ? first : picked.from(own[ROWS - 1].src + on);
+        store(own[0].dst + to, first);
+        if (ROWS == 2)
+            store(own[ROWS - 1].dst + to, second);
+    }
+}
+
+// Rows whose steps are mostly alike: first those that are not, at the beginning and at the end of each row, then the
+// others, of which the shuffle is known by now.
+template <typename Picked, typename Rest> void pick_alike(const PickRow *rows, int32_t count, const PickPlan *plan)
+{
+    constexpr int32_t N = 32 / sizeof(typename Picked::Pixel);
+    const int32_t n = plan->n;
+    for (int32_t i = 0; i < plan->alike; i += N)
+        pick_column<Picked>(rows, count, plan, i, i);
+    int32_t i = plan->until;
+    for (; i + N <= plan->end; i += N)
+        pick_column<Picked>(rows, count, plan, i, i);
+    for (; i < n; i += N)
+        pick_column<Rest>(rows, count, plan, i, i + N <= n ? i : n - N);
+    const Picked picked(plan, static_cast<size_t>(plan->alike));
+    for (; count >= 2; count -= 2, rows += 2) {
+        if (rows[0].src == rows[1].src)
+            pick_middle<Picked, true, 2>(rows, plan, picked);
+        else
+            pick_middle<Picked, false, 2>(rows, plan, picked);
+    }
+    if (count > 0)
+        pick_middle<Picked, true, 1>(rows, plan, picked);
+}
+
+template <int32_t N> bool have_own_sources(const PickRow *rows)
+{
+    bool all = true;
+    for (int32_t i = 1; i < N; i++)
+        all = all && rows[i].src != rows[i - 1].src;
+    return all;
+}
+
+// MOST rows at a time that have sources of their own, and two of any.
+template <typename Picked, typename Rest = Picked, int32_t MOST = 2>
 void pick_windows(const PickRow *rows, int32_t count, const PickPlan *plan)
 {
+    constexpr int32_t AT_A_TIME = 16; // their ends are still near when the middle comes
+    if (plan->alike < plan->until) {
+        for (; count > 0; count -= AT_A_TIME, rows += AT_A_TIME)
+            pick_alike<Picked, Rest>(rows, count < AT_A_TIME ? count : AT_A_TIME, plan);
+        return;
+    }
+    for (; MOST > 2 && count >= MOST && have_own_sources<MOST>(rows); count -= MOST, rows += MOST)
+        pick_together<Picked, Rest, false, MOST>(rows, plan);
     for (; count >= 2; count -= 2, rows += 2) {
         if (rows[0].src == rows[1].src)
             pick_together<Picked, Rest, true, 2>(rows, plan);
@@ -166,7 +236,7 @@ void pick_wide_16(const PickRow *rows, int32_t count, const PickPlan *plan)
     else if (plan->shape == PICK_TWO)
         pick_windows<Picked16<PICK_TWO>>(rows, count, plan);
     else
-        pick<uint16_t>(rows, count, plan);
+        NARROWER.pick_16(rows, count, plan);
 }
 
 void pick_wide_32(const PickRow *rows, int32_t count, const PickPlan *plan)
@@ -174,9 +244,9 @@ void pick_wide_32(const PickRow *rows, int32_t count, const PickPlan *plan)
     if (plan->shape == PICK_ONE)
         pick_windows<Picked32<PICK_ONE>>(rows, count, plan);
     else if (plan->shape == PICK_TWO)
-        pick_windows<Picked32<PICK_TWO>>(rows, count, plan);
+        pick_windows<Picked32<PICK_TWO>, Picked32<PICK_TWO>, 4>(rows, count, plan);
     else
-        pick<uint32_t>(rows, count, plan);
+        NARROWER.pick_32(rows, count, plan);
 }
 
 } // namespace

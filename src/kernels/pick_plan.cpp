@@ -60,7 +60,7 @@ int32_t whole_until(const PickPlan *plan, int32_t step)
 void choose_shape(PickPlan *plan, int32_t step)
 {
     plan->shape = PICK_SINGLY;
-    if (plan->n < step)
+    if (plan->n < PICK_LEAST)
         return;
     const Reach reach = reach_of(plan, step);
     plan->second = std::min(reach.least, step - GROUP) & ~1;
@@ -126,12 +126,61 @@ void fill_step(PickPlan *plan, int32_t k, int32_t step)
     }
 }
 
+// The first step from which on every column is `advance` after the one a step before, or the end of the row.
+void find_alike(PickPlan *plan, int32_t step)
+{
+    const int32_t *columns = plan->columns;
+    for (plan->alike = 0; plan->alike <= step && plan->alike + step < plan->n; plan->alike += step) {
+        plan->advance = columns[plan->alike + step] - columns[plan->alike];
+        int32_t i = plan->alike;
+        while (i + step < plan->n && columns[i + step] - columns[i] == plan->advance)
+            i++;
+        if (i + step >= plan->n)
+            return;
+    }
+    plan->alike = plan->n;
+}
+
+PickRhythm find_rhythm(const PickPlan *plan, int32_t step)
+{
+    if (plan->alike == plan->n)
+        return PICK_ANY;
+    const int32_t *columns = plan->columns + plan->alike;
+    const int32_t odd = columns[1] - columns[0];
+    bool doubled = odd <= 1, halved = true;
+    for (int32_t i = 0; i <= step; i++) {
+        doubled = doubled && columns[i] - columns[0] == (i + odd) / 2;
+        halved = halved && columns[i] - columns[0] == 2 * i;
+    }
+    return doubled ? PICK_DOUBLED : halved ? PICK_HALVED : PICK_ANY;
+}
+
+// Whether the step's vectors begin at its columns, and not before.
+bool starts_at_columns(const PickPlan *plan, int32_t i, int32_t step)
+{
+    return step == GROUP || plan->shape != PICK_TWO || plan->starts[i / GROUP + 1] == plan->columns[i + GROUP];
+}
+
+// The steps before `end`, as far as their vectors lie alike in them, too.
+int32_t find_until(const PickPlan *plan, int32_t step)
+{
+    int32_t i = plan->alike;
+    while (i + step <= plan->end && starts_at_columns(plan, i, step))
+        i += step;
+    return i;
+}
+
 } // namespace
 
 void pick_plan_finish(PickPlan *plan, int32_t pixel_size)
 {
     const int32_t step = 32 / pixel_size;
+    find_alike(plan, step);
+    plan->rhythm = find_rhythm(plan, step);
+    plan->until = 0;
     choose_shape(plan, step);
     for (int32_t k = 0; plan->shape != PICK_SINGLY && k * step < plan->n; k++)
         fill_step(plan, k, step);
+    if (plan->shape != PICK_SINGLY)
+        plan->until = find_until(plan, step);
 }

@@ -1,10 +1,27 @@
 // SPDX-License-Identifier: MIT
-// Conversions that leave a rectangle the way it stands.
+// Copies and conversions that leave a rectangle the way it stands.
 #pragma once
 
 #include "vector.h"
 
 namespace {
+
+// Bytes from which on memcpy is worth a call for each row.
+constexpr size_t LONG_ROW = LANES == 1 ? 64 : 512;
+
+inline void copy(const uint8_t *src, ptrdiff_t src_pitch, uint8_t *dst, ptrdiff_t dst_pitch, size_t size, int32_t h)
+{
+    if (size < sizeof(U8) || size > LONG_ROW) {
+        (size < sizeof(U8) ? NARROWER : kernels_plain).copy(src, src_pitch, dst, dst_pitch, size, h);
+        return;
+    }
+    const size_t last = size - sizeof(U8);
+    for (; h > 0; h--, src += src_pitch, dst += dst_pitch) {
+        for (size_t i = 0; i < last; i += sizeof(U8))
+            store(dst + i, load<U8>(src + i));
+        store(dst + last, load<U8>(src + last));
+    }
+}
 
 template <U32 pixel(U32)> [[gnu::always_inline]] inline void words_step(const uint32_t *src, uint32_t *dst)
 {
@@ -46,32 +63,36 @@ inline void store_words(uint32_t *dst, U16 low, U16 high)
     store_words(dst, (p << 1 & 0x0FFE) | (p << 2 & 0xE000), p >> 14);
 }
 
-[[gnu::always_inline]] inline void double_step_16(const uint16_t *src, uint16_t *dst)
+// One vector of pixels of 16 bits, in the order that unpacking wants.
+[[gnu::always_inline]] inline U16 to_be_unpacked(const uint16_t *src)
 {
-    const U16 p = lanes_to_memory(load<U16>(src));
-    store(dst, unpack_low(p, p));
-    store(dst + PER_VECTOR<uint16_t>, unpack_high(p, p));
+    return lanes_to_memory(load<U16>(src));
+}
+[[gnu::always_inline]] inline U16 to_be_unpacked(const uint32_t *src)
+{
+    return rgb_to_16_in_lanes(load<U32>(src), load<U32>(src + PER_VECTOR<uint32_t>));
 }
 
-[[gnu::always_inline]] inline void double_step_rgb(const uint32_t *src, uint16_t *dst)
-{
-    const U16 p = rgb_to_16_in_lanes(load<U32>(src), load<U32>(src + PER_VECTOR<uint32_t>));
-    store(dst, unpack_low(p, p));
-    store(dst + PER_VECTOR<uint16_t>, unpack_high(p, p));
-}
-
-// Computed twice rather than read back.
-template <typename Src, Kernel<Src, uint16_t> Kernels::*own, Step<Src, uint16_t> step>
+// Both rows at the same time: neither is read back, and nothing is computed twice.
+template <typename Src, Kernel<Src, uint16_t> Kernels::*own>
 void twice(const Src *src, ptrdiff_t src_pitch, uint16_t *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
-    constexpr ptrdiff_t N = PER_VECTOR<uint16_t>;
+    constexpr int32_t N = PER_VECTOR<uint16_t>;
     if (w < N) {
         (NARROWER.*own)(src, src_pitch, dst, dst_pitch, w, h);
         return;
     }
     for (; h > 0; h--, src += src_pitch, dst += 2 * dst_pitch) {
-        convert_row<step, N, 2>(src, dst, w);
-        convert_row<step, N, 2>(src, dst + dst_pitch, w);
+        for (int32_t i = 0; i < w; i += N) {
+            const int32_t at = i + N <= w ? i : w - N; // the last step may begin earlier
+            const U16 p = to_be_unpacked(src + at);
+            const U16 low = unpack_low(p, p), high = unpack_high(p, p);
+            uint16_t *to = dst + 2 * at;
+            store(to, low);
+            store(to + N, high);
+            store(to + dst_pitch, low);
+            store(to + dst_pitch + N, high);
+        }
     }
 }
 

@@ -3,19 +3,19 @@
 #pragma once
 
 #include "vector_over.h"
-#include "vector_pick.h"
 #include "vector_plane.h"
 #include "vector_rows.h"
 #include "vector_turn.h"
 
 namespace {
 
-constexpr Kernels vector_kernels(const char *name)
+constexpr Kernels vector_kernels(const char *name, PickKernel pick_16, PickKernel pick_32)
 {
     constexpr ptrdiff_t N16 = PER_VECTOR<uint16_t>;
     constexpr ptrdiff_t N32 = PER_VECTOR<uint32_t>;
     return {
         .name = name,
+        .copy = copy,
         .rgb_to_16 = convert<uint32_t, uint16_t, &Kernels::rgb_to_16, N16, narrow_step<rgb_to_16_in_lanes>>,
         .rgb_to_18 = convert<uint32_t, uint32_t, &Kernels::rgb_to_18, N32, words_step<pixel_rgb_to_18>>,
         .rgb_to_argb = convert<uint32_t, uint32_t, &Kernels::rgb_to_argb, N32, words_step<pixel_rgb_to_argb>>,
@@ -26,16 +26,16 @@ constexpr Kernels vector_kernels(const char *name)
         .from_16_to_18 = convert<uint16_t, uint32_t, &Kernels::from_16_to_18, N16, step_16_to_18>,
         .from_18_to_32 = convert<uint32_t, uint32_t, &Kernels::from_18_to_32, N32, words_step<pixel_18_to_32>>,
         .from_18_to_16 = convert<uint32_t, uint16_t, &Kernels::from_18_to_16, N16, narrow_step<pack_18_in_lanes>>,
-        .double_16 = twice<uint16_t, &Kernels::double_16, double_step_16>,
-        .double_rgb_to_16 = twice<uint32_t, &Kernels::double_rgb_to_16, double_step_rgb>,
-        .turn_16 = turn<Load16>,
-        .turn_32 = turn<Load32>,
-        .turn_rgb_to_16 = turn<LoadRgb>,
+        .double_16 = twice<uint16_t, &Kernels::double_16>,
+        .double_rgb_to_16 = twice<uint32_t, &Kernels::double_rgb_to_16>,
+        .turn_16 = turn<Turn16>,
+        .turn_32 = turn<Turn32>,
+        .turn_rgb_to_16 = turn<TurnRgb>,
         .fill_16 = fill<uint16_t, U16, &Kernels::fill_16>,
         .fill_32 = fill<uint32_t, U32, &Kernels::fill_32>,
         .dim = dim,
-        .pick_16 = pick<uint16_t>,
-        .pick_32 = pick<uint32_t>,
+        .pick_16 = pick_16,
+        .pick_32 = pick_32,
     };
 }
 

@@ -1,28 +1,32 @@
 // SPDX-License-Identifier: MIT
-// The quarter turn: blocks are transposed in registers. The rectangle is gone through in bands of source rows, few
-// enough that the cache still holds their lines when the next columns come by.
+// The quarter turn: blocks are transposed in registers. The rectangle is gone through by strips of source columns, so
+// that the rows of a strip are finished before the next ones are begun. A strip is as wide as what the cache gets at a
+// time, which is read once, and tiles of it are as high as makes the same of the destination: a device's memory gets
+// whole lines.
 #pragma once
 
 #include "vector.h"
 
 namespace {
 
-constexpr int32_t BAND = 128; // source rows
-constexpr int32_t LINE = 64;  // bytes that the cache gets at a time
+constexpr int32_t LINE = 64;           // bytes that the cache gets at a time
+constexpr ptrdiff_t CACHE = 32 * 1024; // the least that a first-level cache holds
+constexpr int32_t WIDE_COLUMNS = 64;
 
-// Both transpose inside lanes: v[i] holds row i, afterwards column i.
-inline void transpose(U32 (&v)[4])
+// Inside lanes: each lane of them is four rows of four words, afterwards its columns.
+inline void transpose(U32 &v0, U32 &v1, U32 &v2, U32 &v3)
 {
-    const U32 a = unpack_low(v[0], v[1]);
-    const U32 b = unpack_high(v[0], v[1]);
-    const U32 c = unpack_low(v[2], v[3]);
-    const U32 d = unpack_high(v[2], v[3]);
-    v[0] = unpack_pairs_low(a, c);
-    v[1] = unpack_pairs_high(a, c);
-    v[2] = unpack_pairs_low(b, d);
-    v[3] = unpack_pairs_high(b, d);
+    const U32 a = unpack_low(v0, v1);
+    const U32 b = unpack_high(v0, v1);
+    const U32 c = unpack_low(v2, v3);
+    const U32 d = unpack_high(v2, v3);
+    v0 = unpack_pairs_low(a, c);
+    v1 = unpack_pairs_high(a, c);
+    v2 = unpack_pairs_low(b, d);
+    v3 = unpack_pairs_high(b, d);
 }
 
+// The same for eight rows of eight halves.
 inline void transpose(U16 (&v)[8])
 {
     U32 low[4];
@@ -31,108 +35,154 @@ inline void transpose(U16 (&v)[8])
         low[i] = reinterpret_cast<U32>(unpack_low(v[2 * i], v[2 * i + 1]));
         high[i] = reinterpret_cast<U32>(unpack_high(v[2 * i], v[2 * i + 1]));
     }
-    transpose(low);
-    transpose(high);
+    transpose(low[0], low[1], low[2], low[3]);
+    transpose(high[0], high[1], high[2], high[3]);
     for (int i = 0; i < 4; i++) {
         v[i] = reinterpret_cast<U16>(low[i]);
         v[i + 4] = reinterpret_cast<U16>(high[i]);
     }
 }
 
-// The pixels of one source row in each lane, the rows of the lanes `step` bytes apart.
-struct Load32 {
+// What is to be turned. block() turns COLUMNS columns of ROWS source rows; `from` is at the first column of the lowest
+// row, and `up` bytes lead to the one above. ASIDE: the line to the right of each is asked for as well, to be near when
+// the next strip comes to it; that helped with large pictures of 32-bit pixels, and nowhere else.
+struct Turn32 {
     using Src = uint32_t;
     using Dst = uint32_t;
-    using V = U32;
     static constexpr auto kernel = &Kernels::turn_32;
-    static constexpr bool AHEAD = true;
-    static constexpr int32_t ROWS = 4;
-    static V row(const uint8_t *p, ptrdiff_t step) { return load_lanes<U32>(p, step); }
+    static constexpr bool ASIDE = true;
+    static constexpr int32_t COLUMNS = 4;
+    static constexpr int32_t ROWS = 4 * LANES;
+    [[gnu::always_inline]] static void block(const uint8_t *from, ptrdiff_t up, Dst *dst, ptrdiff_t dst_pitch)
+    {
+        U32 v[COLUMNS];
+        for (int i = 0; i < COLUMNS; i++)
+            v[i] = load_lanes<U32>(from + i * up, COLUMNS * up);
+        transpose(v[0], v[1], v[2], v[3]);
+        for (int i = 0; i < COLUMNS; i++)
+            store(dst + i * dst_pitch, v[i]);
+    }
 };
-struct Load16 {
+struct Turn16 {
     using Src = uint16_t;
     using Dst = uint16_t;
-    using V = U16;
     static constexpr auto kernel = &Kernels::turn_16;
-    static constexpr bool AHEAD = false;
-    static constexpr int32_t ROWS = 8;
-    static V row(const uint8_t *p, ptrdiff_t step) { return load_lanes<U16>(p, step); }
+    static constexpr bool ASIDE = false;
+    static constexpr int32_t COLUMNS = 8;
+    static constexpr int32_t ROWS = 8 * LANES;
+    [[gnu::always_inline]] static void block(const uint8_t *from, ptrdiff_t up, Dst *dst, ptrdiff_t dst_pitch)
+    {
+        U16 v[COLUMNS];
+        for (int i = 0; i < COLUMNS; i++)
+            v[i] = load_lanes<U16>(from + i * up, COLUMNS * up);
+        transpose(v);
+        for (int i = 0; i < COLUMNS; i++)
+            store(dst + i * dst_pitch, v[i]);
+    }
 };
-struct LoadRgb {
+// Two rows make words out of their pixels: then only words are left to be transposed.
+struct TurnRgb {
     using Src = uint32_t;
     using Dst = uint16_t;
-    using V = U16;
     static constexpr auto kernel = &Kernels::turn_rgb_to_16;
-    static constexpr bool AHEAD = true;
-    static constexpr int32_t ROWS = 8;
-    static V row(const uint8_t *p, ptrdiff_t step)
+    static constexpr bool ASIDE = false;
+    static constexpr int32_t COLUMNS = 4 * LANES;
+    static constexpr int32_t ROWS = 8 * LANES;
+    [[gnu::always_inline]] static void block(const uint8_t *from, ptrdiff_t up, Dst *dst, ptrdiff_t dst_pitch)
     {
-        return rgb_to_16_in_lanes(load_lanes<U32>(p, step), load_lanes<U32>(p + 16, step));
+        U32 v[COLUMNS];
+        for (int i = 0; i < COLUMNS; i++) {
+            const U32 lower = rgb_to_16_above(load<U32>(from + 2 * i * up));
+            const U32 upper = rgb_to_16_above(load<U32>(from + (2 * i + 1) * up));
+            v[i] = lower >> RGB_TO_16_SHIFT | upper << (16 - RGB_TO_16_SHIFT);
+        }
+        for (int i = 0; i < COLUMNS; i += 4)
+            transpose(v[i], v[i + 1], v[i + 2], v[i + 3]);
+        for (int i = 4; i < COLUMNS; i++)
+            exchange_lanes(v[i - 4], v[i]);
+        for (int i = 0; i < COLUMNS; i++)
+            store(dst + i * dst_pitch, v[i]);
     }
 };
 
-// ROWS columns of ROWS x LANES source rows; `src` is at the lowest of them. AHEAD asks for the next line of each row:
-// no processor guesses that a walk across rows comes back there.
-template <typename Load, bool AHEAD>
-void turn_block(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch)
+// A tile of whole blocks. With ASK it is one of a line in either direction, and asks for the lines of the next one
+// above: no processor guesses where a walk across rows goes.
+template <typename Turn, bool ASK>
+[[gnu::always_inline]] inline void turn_tile(const uint8_t *from, ptrdiff_t up, typename Turn::Dst *dst,
+                                             ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
-    const ptrdiff_t up = -src_pitch * static_cast<ptrdiff_t>(sizeof(typename Load::Src));
-    const auto *from = reinterpret_cast<const uint8_t *>(src);
-    typename Load::V v[Load::ROWS];
-    for (int32_t i = 0; i < Load::ROWS; i++, from += up) {
-        v[i] = Load::row(from, up * Load::ROWS);
-        if (AHEAD) {
-            for (int32_t lane = 0; lane < LANES; lane++)
-                __builtin_prefetch(from + up * Load::ROWS * lane + LINE);
+    constexpr ptrdiff_t size = sizeof(typename Turn::Src);
+    constexpr int32_t SHARE = Turn::ROWS * Turn::COLUMNS * int32_t{size} / LINE; // lines for each block
+    const uint8_t *line = from + h * up;
+    for (int32_t i = 0; i < w; i += Turn::COLUMNS, from += Turn::COLUMNS * size, dst += Turn::COLUMNS * dst_pitch) {
+        const uint8_t *row = from;
+        for (int32_t j = 0; j < h; j += Turn::ROWS, row += Turn::ROWS * up) {
+            for (int32_t k = 0; ASK && k < SHARE; k++, line += up) {
+                __builtin_prefetch(line);
+                if (Turn::ASIDE)
+                    __builtin_prefetch(line - h * up + LINE, 0, 2);
+            }
+            Turn::block(row, up, dst + j, dst_pitch);
         }
     }
-    transpose(v);
-    for (int32_t i = 0; i < Load::ROWS; i++, dst += dst_pitch)
-        store(dst, v[i]);
 }
 
-template <typename Load, bool AHEAD>
-void turn_columns(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch,
-                  int32_t h)
+// A strip of whole blocks. WIDE: see below.
+template <typename Turn, bool WIDE>
+[[gnu::noinline]] void turn_strip(const uint8_t *from, ptrdiff_t up, typename Turn::Dst *dst, ptrdiff_t dst_pitch,
+                                  int32_t w, int32_t h)
 {
-    constexpr int32_t HEIGHT = Load::ROWS * LANES;
-    for (int32_t j = 0; j < h; j += HEIGHT)
-        turn_block<Load, AHEAD>(src - j * src_pitch, src_pitch, dst + j, dst_pitch);
-}
-
-// `src` is at the lowest row of the band. What is no whole block is left to the narrower kernels.
-template <typename Load>
-void turn_band(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch,
-               int32_t w, int32_t h)
-{
-    constexpr int32_t COLUMNS = Load::ROWS;
-    constexpr int32_t PER_LINE = LINE / static_cast<int32_t>(sizeof(typename Load::Src));
-    const int32_t whole_w = w - w % COLUMNS;
-    const int32_t whole_h = h - h % (Load::ROWS * LANES);
-    for (int32_t i = 0; i < whole_w; i += COLUMNS) {
-        if (Load::AHEAD && i % PER_LINE == 0)
-            turn_columns<Load, true>(src + i, src_pitch, dst + i * dst_pitch, dst_pitch, whole_h);
+    constexpr int32_t WIDTH = LINE / int32_t{sizeof(typename Turn::Src)};
+    constexpr int32_t HEIGHT = WIDE ? Turn::ROWS : LINE / int32_t{sizeof(typename Turn::Dst)};
+    int32_t j = 0;
+    for (; j + HEIGHT <= h; j += HEIGHT, from += HEIGHT * up, dst += HEIGHT) {
+        if (!WIDE && w == WIDTH)
+            turn_tile<Turn, true>(from, up, dst, dst_pitch, w, HEIGHT);
         else
-            turn_columns<Load, false>(src + i, src_pitch, dst + i * dst_pitch, dst_pitch, whole_h);
+            turn_tile<Turn, false>(from, up, dst, dst_pitch, w, HEIGHT);
     }
-    const auto *top = src - (h - 1) * src_pitch;
-    if (whole_h < h && whole_w > 0)
-        (NARROWER.*Load::kernel)(top, src_pitch, dst + whole_h, dst_pitch, whole_w, h - whole_h);
-    if (whole_w < w)
-        (NARROWER.*Load::kernel)(top + whole_w, src_pitch, dst + whole_w * dst_pitch, dst_pitch, w - whole_w, h);
+    if (j < h)
+        turn_tile<Turn, false>(from, up, dst, dst_pitch, w, h - j);
 }
 
-template <typename Load>
-void turn(const typename Load::Src *src, ptrdiff_t src_pitch, typename Load::Dst *dst, ptrdiff_t dst_pitch, int32_t w,
+// What is no whole block is left to the narrower kernels.
+template <typename Turn, bool WIDE>
+void turn_strips(const typename Turn::Src *src, ptrdiff_t src_pitch, typename Turn::Dst *dst, ptrdiff_t dst_pitch,
+                 int32_t w, int32_t h)
+{
+    constexpr ptrdiff_t size = sizeof(typename Turn::Src);
+    constexpr int32_t WIDTH = WIDE ? WIDE_COLUMNS : LINE / int32_t{size};
+    const int32_t whole_w = w - w % Turn::COLUMNS;
+    const int32_t whole_h = h - h % Turn::ROWS;
+    const auto *bottom = src + (h - 1) * src_pitch;
+    for (int32_t i = 0; i < whole_w; i += WIDTH) {
+        const int32_t width = whole_w - i < WIDTH ? whole_w - i : WIDTH;
+        turn_strip<Turn, WIDE>(reinterpret_cast<const uint8_t *>(bottom + i), -src_pitch * size, dst + i * dst_pitch,
+                               dst_pitch, width, whole_h);
+        if (whole_h < h)
+            (NARROWER.*Turn::kernel)(src + i, src_pitch, dst + i * dst_pitch + whole_h, dst_pitch, width, h - whole_h);
+    }
+    if (whole_w < w)
+        (NARROWER.*Turn::kernel)(src + whole_w, src_pitch, dst + whole_w * dst_pitch, dst_pitch, w - whole_w, h);
+}
+
+// Where rows lie a power of two apart, their lines share few places in the cache: of a column, so many stay there as
+// that power goes into it. When two tiles would be too much, more columns of fewer rows are done at a time.
+template <typename Turn>
+void turn(const typename Turn::Src *src, ptrdiff_t src_pitch, typename Turn::Dst *dst, ptrdiff_t dst_pitch, int32_t w,
           int32_t h)
 {
     if (dst_pitch < h) { // the rows overlap: only their order tells what is seen
-        (kernels_plain.*Load::kernel)(src, src_pitch, dst, dst_pitch, w, h);
+        (kernels_plain.*Turn::kernel)(src, src_pitch, dst, dst_pitch, w, h);
         return;
     }
-    const auto *bottom = src + src_pitch * (h - 1);
-    for (int32_t j = 0; j < h; j += BAND)
-        turn_band<Load>(bottom - j * src_pitch, src_pitch, dst + j, dst_pitch, w, h - j < BAND ? h - j : BAND);
+    constexpr ptrdiff_t HEIGHT = LINE / ptrdiff_t{sizeof(typename Turn::Dst)};
+    const ptrdiff_t apart = src_pitch * ptrdiff_t{sizeof(typename Turn::Src)};
+    const ptrdiff_t power = apart & -apart;
+    if (2 * HEIGHT * power <= CACHE)
+        turn_strips<Turn, false>(src, src_pitch, dst, dst_pitch, w, h);
+    else
+        turn_strips<Turn, true>(src, src_pitch, dst, dst_pitch, w, h);
 }
 
 } // namespace

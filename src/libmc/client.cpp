@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -20,8 +19,6 @@ using namespace libmc;
 
 namespace {
 
-constexpr int64_t FOR_EVER = -1;
-
 int64_t now_ms()
 {
     timespec now;
@@ -29,10 +26,27 @@ int64_t now_ms()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-int64_t deadline_in(int timeout_ms)
-{
-    return timeout_ms < 0 ? FOR_EVER : now_ms() + timeout_ms;
-}
+// The moment until which a call may wait. The clock is read when it first does: most calls do not.
+class Deadline {
+public:
+    explicit Deadline(int timeout_ms) : timeout_ms_(timeout_ms) {}
+
+    // Milliseconds until then; -1: there is no limit.
+    int left()
+    {
+        if (timeout_ms_ <= 0)
+            return timeout_ms_ < 0 ? -1 : 0;
+        const int64_t now = now_ms();
+        if (at_ms_ == UNREAD)
+            at_ms_ = now + timeout_ms_;
+        return static_cast<int>(std::max<int64_t>(at_ms_ - now, 0));
+    }
+
+private:
+    static constexpr int64_t UNREAD = -1;
+    int timeout_ms_;
+    int64_t at_ms_ = UNREAD;
+};
 
 // However the kernel tells that the other side is gone, callers see EPIPE.
 void unify_errno()
@@ -41,46 +55,41 @@ void unify_errno()
         errno = EPIPE;
 }
 
-// Waits for `events` until the deadline (FOR_EVER: without one). False with errno set, ETIMEDOUT in particular. A
-// deadline that has passed still looks once.
-bool wait_until(int fd, short events, int64_t deadline)
+// Waits for `events` until the deadline. False with errno set, ETIMEDOUT in particular. A deadline that has passed
+// still looks once.
+bool wait_until(int fd, short events, Deadline &deadline)
 {
-    for (;;) {
-        int64_t left = -1;
-        if (deadline != FOR_EVER) {
-            left = deadline - now_ms();
-            left = left < 0 ? 0 : left > INT_MAX ? INT_MAX : left;
-        }
-        pollfd entry = {fd, events, 0};
-        const int n = poll(&entry, 1, static_cast<int>(left));
-        if (n > 0)
-            return true;
-        if (n == 0)
-            errno = ETIMEDOUT;
-        if (n == 0 || errno != EINTR)
-            return false;
-    }
+    pollfd entry = {fd, events, 0};
+    int n;
+    do {
+        n = poll(&entry, 1, deadline.left());
+    } while (n < 0 && errno == EINTR);
+    if (n == 0)
+        errno = ETIMEDOUT;
+    return n > 0;
 }
 
 // How long connect may block: until the deadline, or 0, without limit.
-int limit_connect(int fd, int64_t deadline)
+int limit_connect(int fd, Deadline &deadline)
 {
+    const int left = deadline.left();
     timeval limit = {};
-    if (deadline != FOR_EVER) {
-        const int64_t left = std::max<int64_t>(deadline - now_ms(), 1);
-        limit.tv_sec = static_cast<time_t>(left / 1000);
-        limit.tv_usec = static_cast<suseconds_t>(left % 1000 * 1000);
+    if (left >= 0) {
+        const int ms = std::max(left, 1);
+        limit.tv_sec = ms / 1000;
+        limit.tv_usec = ms % 1000 * 1000;
     }
     return setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
-int connect_until(int fd, const sockaddr_un &address, int64_t deadline)
+int connect_until(int fd, const sockaddr_un &address, Deadline &deadline)
 {
+    Deadline none(-1);
     do {
         if (limit_connect(fd, deadline) < 0)
             return -1;
         if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
-            return limit_connect(fd, FOR_EVER);
+            return limit_connect(fd, none);
     } while (errno == EINTR);
     if (errno == EAGAIN) // the server's queue was full all the time
         errno = ETIMEDOUT;
@@ -93,7 +102,8 @@ int connect_socket(const sockaddr_un &address, int timeout_ms)
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | (timeout_ms == 0 ? SOCK_NONBLOCK : 0), 0);
     if (fd < 0)
         return -1;
-    if (connect_until(fd, address, deadline_in(timeout_ms)) == 0 && fcntl(fd, F_SETFL, 0) == 0)
+    Deadline deadline(timeout_ms);
+    if (connect_until(fd, address, deadline) == 0 && fcntl(fd, F_SETFL, 0) == 0)
         return fd;
     const int error = errno;
     close(fd);
@@ -140,19 +150,19 @@ void discard_answers_at_times(mc_connection *connection)
         connection->calm++;
 }
 
-bool usable(const mc_connection *connection, const mc_packet *request)
+bool usable(const mc_connection *connection, const mc_packet *packet)
 {
-    if (connection->side == Side::client && request)
+    if (connection->side == Side::client && packet)
         return true;
     errno = EINVAL;
     return false;
 }
 
-int send_until(mc_connection *connection, const mc_packet *request, int64_t deadline)
+// `send` tries to, under the connection's present serial number.
+template <typename Send> int send_until(mc_connection *connection, const Send &send, Deadline &deadline)
 {
-    discard_answers_at_times(connection);
     connection->serial++;
-    while (packet_send(connection->fd, request, connection->serial, MSG_DONTWAIT) < 0) {
+    while (send() < 0) {
         if (errno != EAGAIN) {
             unify_errno();
             return -1;
@@ -164,9 +174,21 @@ int send_until(mc_connection *connection, const mc_packet *request, int64_t dead
     return 0;
 }
 
+int ask_until(mc_connection *connection, const mc_packet *request, Deadline &deadline)
+{
+    discard_answers_at_times(connection);
+    const auto send = [=] { return packet_send(connection->fd, request, connection->serial, MSG_DONTWAIT); };
+    const int sent = send_until(connection, send, deadline);
+    if (sent == 0) {
+        connection->asked = connection->serial;
+        connection->answers_come = true;
+    }
+    return sent;
+}
+
 enum class Taken { nothing, other, answer, failure };
 
-// Takes one packet, if one is there, and says whether it answers the last request.
+// Takes one packet, if one is there, and says whether it answers the last request that may be answered.
 Taken take_answer(mc_connection *connection, mc_packet *packet)
 {
     const ssize_t n = packet_receive(connection->fd, packet);
@@ -184,14 +206,15 @@ Taken take_answer(mc_connection *connection, mc_packet *packet)
         errno = EPROTO;
         return Taken::failure;
     }
-    return packet_serial(packet) == connection->serial ? Taken::answer : Taken::other;
+    return packet_serial(packet) == connection->asked ? Taken::answer : Taken::other;
 }
 
-bool receive_until(mc_connection *connection, mc_packet *packet, int64_t deadline)
+bool receive_until(mc_connection *connection, mc_packet *packet, Deadline &deadline)
 {
     for (;;) {
         switch (take_answer(connection, packet)) {
-        case Taken::answer:
+        case Taken::answer: // all earlier ones came before it
+            connection->answers_come = false;
             return true;
         case Taken::failure:
             return false;
@@ -204,8 +227,7 @@ bool receive_until(mc_connection *connection, mc_packet *packet, int64_t deadlin
     }
 }
 
-// To the last request that was sent.
-mc_packet *answer_until(mc_connection *connection, int64_t deadline)
+mc_packet *answer_until(mc_connection *connection, Deadline &deadline)
 {
     mc_packet *answer = mc_packet_new(0);
     if (!answer || receive_until(connection, answer, deadline))
@@ -255,7 +277,19 @@ int mc_send(mc_connection *connection, const mc_packet *request)
 
 int mc_send_in_time(mc_connection *connection, const mc_packet *request, int timeout_ms)
 {
-    return usable(connection, request) ? send_until(connection, request, deadline_in(timeout_ms)) : -1;
+    Deadline deadline(timeout_ms);
+    return usable(connection, request) ? ask_until(connection, request, deadline) : -1;
+}
+
+int mc_send_unanswered(mc_connection *connection, mc_packet *request, int timeout_ms)
+{
+    if (!usable(connection, request))
+        return -1;
+    if (connection->answers_come)
+        discard_answers_at_times(connection);
+    Deadline deadline(timeout_ms);
+    const auto send = [=] { return packet_post(connection->fd, request, connection->serial, MSG_DONTWAIT); };
+    return send_until(connection, send, deadline);
 }
 
 mc_packet *mc_answer(mc_connection *connection, int timeout_ms)
@@ -264,13 +298,22 @@ mc_packet *mc_answer(mc_connection *connection, int timeout_ms)
         errno = EINVAL;
         return nullptr;
     }
-    return answer_until(connection, deadline_in(timeout_ms));
+    Deadline deadline(timeout_ms);
+    return answer_until(connection, deadline);
+}
+
+int mc_take_answer(mc_connection *connection, mc_packet *answer, int timeout_ms)
+{
+    if (!usable(connection, answer))
+        return -1;
+    Deadline deadline(timeout_ms);
+    return receive_until(connection, answer, deadline) ? 0 : -1;
 }
 
 mc_packet *mc_call(mc_connection *connection, const mc_packet *request, int timeout_ms)
 {
     if (!usable(connection, request))
         return nullptr;
-    const int64_t deadline = deadline_in(timeout_ms);
-    return send_until(connection, request, deadline) == 0 ? answer_until(connection, deadline) : nullptr;
+    Deadline deadline(timeout_ms);
+    return ask_until(connection, request, deadline) == 0 ? answer_until(connection, deadline) : nullptr;
 }

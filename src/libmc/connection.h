@@ -29,8 +29,10 @@ struct mc_connection {
     bool closed;   // mc_close was called; only calls under way still hold the record
     pid_t pid;
     uid_t uid;
-    uint32_t serial; // client: that of the last request
-    unsigned calm;   // client: requests since an answer that nobody waited for lay there
+    uint32_t serial;   // client: that of the last request
+    uint32_t asked;    // client: that of the last one that may be answered
+    bool answers_come; // client: answers may lie there or be on their way
+    unsigned calm;     // client: requests since an answer that nobody waited for lay there
     void *user_data;
     libmc::Handler *handlers;
     mc_hup_func hup;

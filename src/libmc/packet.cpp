@@ -158,3 +158,23 @@ int mc_packet_build_args(mc_packet *packet, const char *signature, ...)
     va_end(values);
     return added;
 }
+
+int mc_packet_rewrite(mc_packet *packet, const char *command, const int32_t *values, int n)
+{
+    const size_t length = strnlen(command, MC_PACKET_MAX);
+    const auto letters = static_cast<size_t>(n);
+    const size_t signature = COMMAND_OFFSET + length + 1;
+    const size_t arguments = padded(signature + letters + 1);
+    if (n < 0 || n > MC_ARGS_MAX || arguments + letters * sizeof(int32_t) > MC_PACKET_MAX)
+        return -1;
+    char *bytes = packet->bytes;
+    memcpy(bytes + COMMAND_OFFSET, command, length + 1);
+    memset(bytes + signature, 'i', letters);
+    memset(bytes + signature + letters, 0, arguments - signature - letters);
+    if (n > 0)
+        memcpy(bytes + arguments, values, letters * sizeof(int32_t));
+    packet->signature = static_cast<uint32_t>(signature);
+    packet->arguments = static_cast<uint32_t>(arguments);
+    packet->size = static_cast<uint32_t>(arguments + letters * sizeof(int32_t));
+    return 0;
+}

@@ -106,6 +106,16 @@ int packet_send(int fd, const mc_packet *packet, uint32_t serial, int flags)
     return sent < 0 ? -1 : 0;
 }
 
+int packet_post(int fd, mc_packet *packet, uint32_t serial, int flags)
+{
+    memcpy(packet->bytes, &serial, sizeof serial);
+    ssize_t sent;
+    do {
+        sent = send(fd, packet->bytes, packet->size, flags | MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    return sent < 0 ? -1 : 0;
+}
+
 ssize_t packet_receive(int fd, mc_packet *packet)
 {
     ssize_t n;

@@ -42,6 +42,8 @@ const char *packet_decode(mc_packet *packet, size_t size);
 // Sends the packet as one datagram under `serial`; `flags` are those of sendmsg, MSG_NOSIGNAL is added.
 // Returns 0, or -1 with errno set.
 int packet_send(int fd, const mc_packet *packet, uint32_t serial, int flags);
+// The same for a packet that may be written to.
+int packet_post(int fd, mc_packet *packet, uint32_t serial, int flags);
 
 // Takes the next datagram without waiting. Returns its true size, which may exceed MC_PACKET_MAX (the rest is lost), 0
 // for an empty datagram or the end, or -1 with errno set. ECONNRESET comes once when the other side closed without

@@ -2,8 +2,8 @@
 // The connection: opening and closing it, and sending requests without ever waiting longer than the caller allows.
 #include "client.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -50,28 +50,35 @@ int connect_first(pfb_client *client)
     return client->connection != nullptr ? recovery_start(client) : fail_connect();
 }
 
-mc_packet *packet_of(const Request &request)
+// Into the client's packet. False with errno set.
+bool write_packet(pfb_client *client, const Request &request)
 {
-    mc_packet *packet = mc_packet_new_command(request.word);
-    if (packet == nullptr)
-        return nullptr;
-    bool built = true;
-    for (int32_t value : request.values)
-        built = built && mc_packet_build_args(packet, "i", value) == 1;
-    if (request.text != nullptr)
-        built = built && mc_packet_build_args(packet, "s", request.text) == 1;
-    if (built)
-        return packet;
-    mc_packet_free(packet);
-    errno = EMSGSIZE;
-    return nullptr;
+    const auto n = static_cast<int>(request.values.size());
+    const bool written = mc_packet_rewrite(client->packet, request.word, request.values.begin(), n) == 0 &&
+                         (request.text == nullptr || mc_packet_build_args(client->packet, "s", request.text) == 1);
+    if (!written)
+        errno = EMSGSIZE;
+    return written;
 }
 
-int wait_for_room(pfb_client *client, const char *function, int64_t deadline)
+// `send` sends the client's packet if there is room.
+template <typename Send> bool at_once(pfb_client *client, const Request &request, const Send &send)
+{
+    if (!recovery_is_quiet(client))
+        return false;
+    const bool survived = recovery_has_survived(client);
+    if (!write_packet(client, request) || send(client->connection, client->packet, 0) < 0)
+        return false;
+    if (survived)
+        recovery_confirm_trial(client);
+    return true;
+}
+
+int wait_for_room(pfb_client *client, const char *function, Deadline &deadline)
 {
     pollfd entry = {mc_fd(client->connection), POLLOUT, 0};
     for (;;) {
-        const int n = poll(&entry, 1, left(deadline));
+        const int n = poll(&entry, 1, deadline.left());
         if (n > 0)
             return PFB_OK;
         if (n == 0)
@@ -86,10 +93,20 @@ void end_block(pfb_client *client)
 {
     if (!client->state.blocked || client->unusable || client->phase != Phase::ready)
         return;
-    const int64_t deadline = deadline_of(client);
+    Deadline deadline(client);
     if (client->state.locks == 0 && send(client, {"pfb_disconnect", "lock_area", {0, 0, 0, 0}}, deadline) != PFB_OK)
         return;
     send(client, {"pfb_disconnect", "unlock"}, deadline);
+}
+
+void client_free(pfb_client *client)
+{
+    recovery_end(client);
+    mc_close(client->connection);
+    if (client->pixels != nullptr)
+        munmap(client->pixels, memory_size(client));
+    mc_packet_free(client->packet);
+    free(client);
 }
 
 } // namespace
@@ -103,17 +120,14 @@ int64_t now_ms()
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-int64_t deadline_of(const pfb_client *client)
+int Deadline::left()
 {
-    return client->timeout_ms < 0 ? FOR_EVER : now_ms() + client->timeout_ms;
-}
-
-int left(int64_t deadline)
-{
-    if (deadline == FOR_EVER)
-        return -1;
-    const int64_t ms = deadline - now_ms();
-    return static_cast<int>(ms < 0 ? 0 : ms);
+    if (timeout_ms_ <= 0)
+        return timeout_ms_;
+    const int64_t now = now_ms();
+    if (at_ms_ == UNREAD)
+        at_ms_ = now + timeout_ms_;
+    return static_cast<int>(std::max<int64_t>(at_ms_ - now, 0));
 }
 
 int check_client(const pfb_client *client, const char *function)
@@ -156,43 +170,44 @@ int check_area(const char *function, const Area &area)
 
 int send_now(pfb_client *client, const Request &request)
 {
-    mc_packet *packet = packet_of(request);
-    const int sent = packet != nullptr ? mc_send(client->connection, packet) : -1;
-    const int result = sent == 0 ? int{PFB_OK} : fail_errno(request.function, "sending");
-    mc_packet_free(packet);
-    return result;
+    const bool sent = write_packet(client, request) && mc_send(client->connection, client->packet) == 0;
+    return sent ? int{PFB_OK} : fail_errno(request.function, "sending");
 }
 
-int send(pfb_client *client, const Request &request, int64_t deadline)
+int send(pfb_client *client, const Request &request, Deadline &deadline)
 {
     const int ready = wait_for_room(client, request.function, deadline);
     return ready == PFB_OK ? send_now(client, request) : ready;
 }
 
-int send_into_queue(pfb_client *client, const Request &request, int64_t deadline)
+int send_into_queue(pfb_client *client, const Request &request, Deadline &deadline)
 {
-    mc_packet *packet = packet_of(request);
-    const int sent = packet != nullptr ? mc_send_in_time(client->connection, packet, left(deadline)) : -1;
-    int result = PFB_OK;
-    if (sent < 0 && errno == ETIMEDOUT)
-        result = fail(PFB_ERROR_TIMEOUT, request.function, "%s", SERVER_IS_BEHIND);
-    else if (sent < 0)
-        result = fail_errno(request.function, "sending");
-    mc_packet_free(packet);
-    return result;
+    if (write_packet(client, request) && mc_send_unanswered(client->connection, client->packet, deadline.left()) == 0)
+        return PFB_OK;
+    if (errno == ETIMEDOUT)
+        return fail(PFB_ERROR_TIMEOUT, request.function, "%s", SERVER_IS_BEHIND);
+    return fail_errno(request.function, "sending");
 }
 
-int call(pfb_client *client, const Request &request, int64_t deadline, mc_packet **answer)
+bool send_at_once(pfb_client *client, const Request &request)
 {
-    *answer = nullptr;
+    return at_once(client, request, mc_send_unanswered);
+}
+
+bool ask_at_once(pfb_client *client, const Request &request)
+{
+    return at_once(client, request, mc_send_in_time);
+}
+
+int call(pfb_client *client, const Request &request, Deadline &deadline)
+{
     const int result = send(client, request, deadline);
-    return result == PFB_OK ? take_answer(client, request.function, deadline, answer) : result;
+    return result == PFB_OK ? take_answer(client, request.function, deadline) : result;
 }
 
-int take_answer(pfb_client *client, const char *function, int64_t deadline, mc_packet **answer)
+int take_answer(pfb_client *client, const char *function, Deadline &deadline)
 {
-    *answer = mc_answer(client->connection, left(deadline));
-    if (*answer == nullptr)
+    if (mc_take_answer(client->connection, client->packet, deadline.left()) < 0)
         return fail_errno(function, "asking the server");
     recovery_confirm(client);
     return PFB_OK;
@@ -215,11 +230,11 @@ pfb_client *pfb_connect(const char *name)
     client->reconnect = true;
     client->epoll_fd = client->timer_fd = -1;
     strcpy(client->name, name); // is_name has measured it
-    if (connect_first(client) == PFB_OK)
+    client->packet = mc_packet_new(0);
+    const int connected = client->packet != nullptr ? connect_first(client) : fail_errno("pfb_connect", "connecting");
+    if (connected == PFB_OK)
         return client;
-    recovery_end(client);
-    mc_close(client->connection);
-    free(client);
+    client_free(client);
     return nullptr;
 }
 
@@ -229,14 +244,11 @@ void pfb_disconnect(pfb_client *client)
         return;
     const LastError error = error_save();
     client->on_event = nullptr;
+    Deadline deadline(client);
     if (client->phase == Phase::restoring) // a server that did not find the memory any more would stop
-        (void)recovery_settle(client, "pfb_disconnect", deadline_of(client));
+        (void)recovery_settle(client, "pfb_disconnect", deadline);
     end_block(client);
-    recovery_end(client);
-    mc_close(client->connection);
-    if (client->pixels != nullptr)
-        munmap(client->pixels, memory_size(client));
-    free(client);
+    client_free(client);
     error_restore(error);
 }
 

@@ -59,12 +59,16 @@ int libpfb::fail_errno(const char *function, const char *what)
 
 libpfb::LastError libpfb::error_save()
 {
-    return last;
+    LastError error;
+    error.code = last.code;
+    strcpy(error.text, last.text);
+    return error;
 }
 
 void libpfb::error_restore(const LastError &error)
 {
-    last = error;
+    last.code = error.code;
+    strcpy(last.text, error.text);
 }
 
 int pfb_error(void)

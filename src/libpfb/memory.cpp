@@ -39,6 +39,9 @@ int let_server_open(int fd, int socket, const char *function)
         return libpfb::fail_errno(function, "SO_PEERCRED");
     if (fchown(fd, static_cast<uid_t>(-1), server_group(socket, server)) == 0)
         return fchmod(fd, OWNER_AND_GROUP) == 0 ? int{PFB_OK} : libpfb::fail_errno(function, "fchmod");
+    if (server.pid == libpfb::MANAGER)
+        return libpfb::fail(PFB_ERROR_ACCESS, function,
+                            "the server may be any user, and this process is not of the group of its socket");
     if (server.uid == geteuid() || server.uid == 0) // opens it without the group's help
         return PFB_OK;
     return libpfb::fail(PFB_ERROR_ACCESS, function, "the server is user %u, and this process is not of its group",
@@ -84,6 +87,26 @@ int fill(int fd, const pfb_client *client, const char *function, int64_t size, v
     return PFB_OK;
 }
 
+// The pixels go into another mapping, and that to their address. What was there is unmapped.
+bool move_pixels(const pfb_client *client, void *mapping, size_t size)
+{
+    memcpy(mapping, client->pixels, size);
+    if (mremap(mapping, size, size, MREMAP_MAYMOVE | MREMAP_FIXED, client->pixels) == client->pixels)
+        return true;
+    munmap(mapping, size);
+    return false;
+}
+
+// The old object may be what leaves no room for a new one. False when the pixels are in none any more.
+bool free_object(pfb_client *client, size_t size)
+{
+    if (client->pixels_are_private)
+        return false;
+    void *mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    client->pixels_are_private = mapping != MAP_FAILED && move_pixels(client, mapping, size);
+    return client->pixels_are_private;
+}
+
 } // namespace
 
 int libpfb::memory_new(const pfb_client *client, const char *function, int64_t size, char *name, void **pixels)
@@ -102,15 +125,15 @@ bool libpfb::memory_renew(pfb_client *client, char *name)
 {
     const size_t size = memory_size(client);
     void *fresh = nullptr;
-    if (memory_new(client, "pfb_dispatch", static_cast<int64_t>(size), name, &fresh) != PFB_OK || fresh == nullptr) {
-        name[0] = '\0';
-        return false;
-    }
-    memcpy(fresh, client->pixels, size);
-    if (mremap(fresh, size, size, MREMAP_MAYMOVE | MREMAP_FIXED, client->pixels) == client->pixels)
+    int made = memory_new(client, "pfb_dispatch", static_cast<int64_t>(size), name, &fresh);
+    if (made == PFB_ERROR_MEMORY && free_object(client, size))
+        made = memory_new(client, "pfb_dispatch", static_cast<int64_t>(size), name, &fresh);
+    if (made == PFB_OK && fresh != nullptr && move_pixels(client, fresh, size)) {
+        client->pixels_are_private = false;
         return true;
-    munmap(fresh, size);
-    shm_unlink(name);
+    }
+    if (made == PFB_OK)
+        shm_unlink(name);
     name[0] = '\0';
     return false;
 }

@@ -24,8 +24,6 @@ constexpr int64_t RETRY_LEAST_MS = 1, RETRY_MOST_MS = 1000;
 // Servers that end soon after the surface was there again: each waits twice as long as the one before.
 constexpr int64_t SOON_MS = 5000, BACK_OFF_MS = 100, BACK_OFF_MOST_MS = 10000;
 constexpr int BACK_OFF_DOUBLINGS = 7;
-// So often the whole state is tried before the part that no server has answered after is left out.
-constexpr int WHOLE_ATTEMPTS = 2;
 // A server that has read all requests and is still there so much later did not end of them.
 constexpr int64_t SURVIVED_MS = 1000;
 
@@ -36,8 +34,9 @@ bool watch(const pfb_client *client, int operation, int fd, uint32_t events)
     return epoll_ctl(client->epoll_fd, operation, fd, &event) == 0;
 }
 
-void set_timer(const pfb_client *client, int64_t at_ms) // 0: off
+void set_timer(pfb_client *client, int64_t at_ms) // 0: off
 {
+    client->timer_ms = at_ms;
     itimerspec time = {};
     time.it_value.tv_sec = static_cast<time_t>(at_ms / 1000);
     time.it_value.tv_nsec = static_cast<long>(at_ms % 1000 * 1000000);
@@ -89,12 +88,15 @@ bool is_ending(pid_t pid)
     return n == EOF || (n == 1 && (flags & EXITING) != 0); // it may end between the two
 }
 
-// The server that has just ended took one more connection while its descriptors were being closed: no further server
-// has ended over it.
-bool was_ending(const pfb_client *client)
+// Whether no further server has ended: the one that has just done so took this connection while its descriptors were
+// being closed, or one that lives has hung up before it made the surface. A service manager, which holds the socket for
+// servers, tells nothing by its life.
+bool is_no_death(const pfb_client *client, bool memory_is_taken)
 {
     const pid_t server = mc_connection_pid(client->connection);
-    return server > 0 && server == client->ended && is_ending(server);
+    if (server <= MANAGER)
+        return false;
+    return is_ending(server) ? server == client->ended : !memory_is_taken;
 }
 
 void drop_connection(pfb_client *client)
@@ -105,12 +107,12 @@ void drop_connection(pfb_client *client)
     client->phase = Phase::lost;
 }
 
-// The server has it, or will never ask for it again.
-void drop_memory_name(pfb_client *client)
+// The server has it, or will never ask for it again. False when it was still there.
+bool drop_memory_name(pfb_client *client)
 {
-    if (client->memory_name[0] != '\0')
-        shm_unlink(client->memory_name);
+    const bool was_there = client->memory_name[0] != '\0' && shm_unlink(client->memory_name) == 0;
     client->memory_name[0] = '\0';
+    return !was_there;
 }
 
 void note_event(pfb_client *client, pfb_event event)
@@ -118,22 +120,32 @@ void note_event(pfb_client *client, pfb_event event)
     client->events |= 1u << event;
 }
 
-// What the server was never heard of after may be what it ends of. Locks stay: the application counts on its own.
+// What the server was never heard of after may be what it ends of.
 void fall_back(pfb_client *client)
 {
-    SurfaceState state = client->confirmed;
-    state.locks = client->state.locks;
-    state.blocked = client->state.blocked;
-    if (state == client->state)
+    Look &look = client->state;
+    if (look == client->confirmed)
         return;
-    client->state = state;
+    look = client->confirmed;
     note_event(client, PFB_EVENT_REDUCED);
+}
+
+// What is changed all the time is tried by what it was when the trial began. A timer that is on already comes early,
+// and is put off then: setting it is a system call.
+void begin_trial(pfb_client *client)
+{
+    if (client->trial_ends_ms != 0 || !client->reconnect || client->phase != Phase::ready ||
+        client->state == client->confirmed)
+        return;
+    client->on_trial = client->state;
+    client->trial_ends_ms = now_ms() + SURVIVED_MS;
+    if (client->timer_ms == 0)
+        set_timer(client, client->trial_ends_ms);
 }
 
 void become_ready(pfb_client *client)
 {
     client->phase = Phase::ready;
-    client->failed_restorations = 0;
     client->restored_ms = now_ms();
     set_timer(client, 0);
     watch(client, EPOLL_CTL_MOD, mc_fd(client->connection), 0);
@@ -181,25 +193,27 @@ void attempt(pfb_client *client)
     }
 }
 
-// A client that only ever draws asks nothing: that the server goes on is an answer too.
-void look_for_survival(pfb_client *client)
+void look_at_connection(pfb_client *client)
 {
-    int unread = 0; // bytes
-    if (!(client->state == client->confirmed) && now_ms() - client->changed_ms >= SURVIVED_MS &&
-        ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0)
-        recovery_confirm(client);
+    const bool survived = recovery_has_survived(client);
+    if (has_ended(client)) {
+        recovery_lose(client);
+        return;
+    }
+    if (survived)
+        recovery_confirm_trial(client);
+    if (client->timer_ms != 0 && now_ms() >= client->timer_ms)
+        set_timer(client, client->trial_ends_ms);
 }
 
 // Has the server answered the question at the end of the restoration?
 void look_for_answer(pfb_client *client)
 {
-    mc_packet *answer = mc_answer(client->connection, 0);
-    if (answer != nullptr) {
-        depth_from(answer, "pfb_dispatch", &client->depth);
-        mc_packet_free(answer);
-        drop_memory_name(client);
+    if (mc_take_answer(client->connection, client->packet, 0) == 0) {
+        depth_from(client, "pfb_dispatch", &client->depth);
+        client->takes_names = drop_memory_name(client);
         become_ready(client);
-    } else if (errno != ETIMEDOUT && errno != ENOMEM) {
+    } else if (errno != ETIMEDOUT) {
         recovery_lose(client);
     }
 }
@@ -232,7 +246,7 @@ int check_connection(const pfb_client *client, const char *function)
 }
 
 // Steps and waits until the phase is ready or, where that will do, lost.
-int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, bool lost_will_do)
+int wait_for_phase(pfb_client *client, const char *function, Deadline &deadline, bool lost_will_do)
 {
     for (;;) {
         recovery_step(client);
@@ -241,7 +255,7 @@ int wait_for_phase(pfb_client *client, const char *function, int64_t deadline, b
         if (client->phase == Phase::ready || (lost_will_do && client->phase == Phase::lost))
             return PFB_OK;
         pollfd entry = {client->epoll_fd, POLLIN, 0};
-        const int n = poll(&entry, 1, left(deadline));
+        const int n = poll(&entry, 1, deadline.left());
         if (n == 0)
             return fail(PFB_ERROR_TIMEOUT, function, "the server has ended, and none has taken its place in time");
         if (n < 0 && errno != EINTR)
@@ -256,19 +270,20 @@ namespace libpfb {
 void recovery_lose(pfb_client *client)
 {
     const int64_t now = now_ms();
-    const bool counts = client->phase == Phase::ready || !was_ending(client);
+    const bool memory_is_taken = drop_memory_name(client);
+    const bool counts = client->phase == Phase::ready || !is_no_death(client, memory_is_taken);
     if (client->phase == Phase::ready) {
         note_event(client, PFB_EVENT_LOST);
         client->lost_ms = now;
         client->ended = mc_connection_pid(client->connection);
-    } else if (counts && ++client->failed_restorations >= WHOLE_ATTEMPTS) {
+        client->trial_ends_ms = 0;
+    } else if (counts && (memory_is_taken || !client->takes_names)) {
         fall_back(client);
     }
     const bool soon = client->phase != Phase::ready || now - client->restored_ms < SOON_MS;
     if (counts)
         client->deaths = soon ? client->deaths + 1 : 1;
     drop_connection(client);
-    drop_memory_name(client);
     if (counts)
         attempt_at(client, now + back_off_ms(client->deaths));
     else
@@ -278,6 +293,39 @@ void recovery_lose(pfb_client *client)
 void recovery_confirm(pfb_client *client)
 {
     client->confirmed = client->state;
+    client->trial_ends_ms = 0;
+}
+
+void recovery_change(pfb_client *client, const SurfaceState &state)
+{
+    client->state = state;
+    begin_trial(client);
+}
+
+bool recovery_is_quiet(const pfb_client *client)
+{
+    return client->phase == Phase::ready && client->events == 0;
+}
+
+// A client that asks nothing: that the server goes on is an answer too. The clock is read only while something is on
+// trial.
+bool recovery_has_survived(pfb_client *client)
+{
+    const int64_t now = client->trial_ends_ms != 0 ? now_ms() : 0;
+    if (now == 0 || now < client->trial_ends_ms)
+        return false;
+    int unread = 0; // bytes
+    if (ioctl(mc_fd(client->connection), SIOCOUTQ, &unread) == 0 && unread == 0)
+        return true;
+    client->trial_ends_ms = now + SURVIVED_MS; // it is busy
+    return false;
+}
+
+void recovery_confirm_trial(pfb_client *client)
+{
+    client->confirmed = client->on_trial;
+    client->trial_ends_ms = 0;
+    begin_trial(client); // of what has been changed meanwhile
 }
 
 void recovery_step(pfb_client *client)
@@ -286,10 +334,8 @@ void recovery_step(pfb_client *client)
         return;
     const LastError error = error_save();
     client->recovering = true;
-    if (client->phase == Phase::ready && has_ended(client))
-        recovery_lose(client);
-    else if (client->phase == Phase::ready && client->pixels != nullptr)
-        look_for_survival(client);
+    if (client->phase == Phase::ready)
+        look_at_connection(client);
     if (client->phase == Phase::lost && now_ms() >= client->next_attempt_ms)
         attempt(client);
     if (client->phase == Phase::restoring)
@@ -299,12 +345,12 @@ void recovery_step(pfb_client *client)
     tell_events(client);
 }
 
-int recovery_settle(pfb_client *client, const char *function, int64_t deadline)
+int recovery_settle(pfb_client *client, const char *function, Deadline &deadline)
 {
     return wait_for_phase(client, function, deadline, true);
 }
 
-int recovery_wait(pfb_client *client, const char *function, int64_t deadline)
+int recovery_wait(pfb_client *client, const char *function, Deadline &deadline)
 {
     return wait_for_phase(client, function, deadline, false);
 }
@@ -359,6 +405,11 @@ int pfb_set_reconnect(pfb_client *client, int on)
     if (client == nullptr)
         return fail(PFB_ERROR_ARGUMENT, __func__, "the client is NULL");
     client->reconnect = on != 0;
+    if (client->phase == Phase::ready) {
+        client->trial_ends_ms = 0;
+        set_timer(client, 0); // without recovery nobody looks any more
+        begin_trial(client);
+    }
     return PFB_OK;
 }
 

@@ -3,6 +3,7 @@
 #include "client.h"
 
 #include <cstring>
+#include <poll.h>
 
 using namespace libpfb;
 
@@ -24,24 +25,23 @@ int ended(pfb_client *client, int result)
 // For a request that leaves nothing behind in the client's own surface: it goes to a server that is there, or fails.
 int pass(pfb_client *client, const Request &request)
 {
-    const int64_t deadline = deadline_of(client);
+    if (send_at_once(client, request))
+        return PFB_OK;
+    Deadline deadline(client);
     const int result = recovery_wait(client, request.function, deadline);
-    return result == PFB_OK ? ended(client, send(client, request, deadline)) : result;
+    return result == PFB_OK ? ended(client, send_into_queue(client, request, deadline)) : result;
 }
 
 // For a request that changes the client's surface as `apply` does with a state, or fails to. While there is no server
 // the change is made here; the next one gets it with the surface. Settling may leave out earlier changes and may call
 // the application, which may make others: so the change is made to what is there afterwards, and checked again.
-template <typename Apply> int change(pfb_client *client, const Request &request, const Apply &apply)
+template <typename Apply>
+[[gnu::noinline]] int change_the_long_way(pfb_client *client, const Request &request, const Apply &apply)
 {
-    SurfaceState next = client->state;
-    int result = apply(next);
-    if (result != PFB_OK)
-        return result;
     const LastError error = error_save();
-    const int64_t deadline = deadline_of(client);
-    result = recovery_settle(client, request.function, deadline);
-    next = client->state;
+    Deadline deadline(client);
+    int result = recovery_settle(client, request.function, deadline);
+    SurfaceState next = client->state;
     if (result == PFB_OK)
         result = apply(next);
     if (result == PFB_OK && client->phase == Phase::ready)
@@ -49,15 +49,35 @@ template <typename Apply> int change(pfb_client *client, const Request &request,
     const bool lost = result == PFB_ERROR_GONE && client->reconnect;
     if (result != PFB_OK && !lost)
         return result;
-    if (!(client->state == next))
-        client->changed_ms = now_ms();
-    client->state = next;
+    recovery_change(client, next);
     if (!lost)
         return PFB_OK;
     recovery_lose(client);
     recovery_step(client);
     error_restore(error);
     return PFB_OK;
+}
+
+template <typename Apply> int change(pfb_client *client, const Request &request, const Apply &apply)
+{
+    SurfaceState next = client->state;
+    const int result = apply(next);
+    if (result != PFB_OK)
+        return result;
+    if (!send_at_once(client, request))
+        return change_the_long_way(client, request, apply);
+    recovery_change(client, next);
+    return PFB_OK;
+}
+
+// For a request that leaves the state as it is.
+struct Nothing {
+    int operator()(SurfaceState &) const { return PFB_OK; }
+};
+
+int change(pfb_client *client, const Request &request, const Nothing &nothing)
+{
+    return send_at_once(client, request) ? PFB_OK : change_the_long_way(client, request, nothing);
 }
 
 // Sends when the client can and `checked` says that the arguments are good. Without a surface of its own a client acts
@@ -149,26 +169,42 @@ SurfaceState scaled_state(const pfb_client *client, const Area &from, const Area
 // The last lock_area was not answered in time, so it is still before the server: an unlock behind it undoes it.
 int take_lock_back(pfb_client *client, const char *function)
 {
-    const int sent = ended(client, send_now(client, {function, "unlock"}));
+    const int sent = send_now(client, {function, "unlock"});
     if (sent != PFB_OK && !(sent == PFB_ERROR_GONE && client->reconnect))
         return sent;
-    client->state.blocked = false; // the unlock has ended that as well
+    client->state.blocked = false; // the unlock ends that as well; the next server has neither
+    ended(client, sent);
     return fail(PFB_ERROR_TIMEOUT, function, "the server has not locked in time; the lock is taken back");
 }
 
-// A server that ends meanwhile draws nothing any more, and the next one is told of the lock before it draws.
-int lock_on_server(pfb_client *client, const char *function, const Area &area, int64_t deadline)
+// The short road of a lock: all is well, and there is room for it and for the unlock that may have to follow at once.
+bool is_clear(pfb_client *client)
 {
-    if (client->phase == Phase::lost)
-        return PFB_OK;
+    if (!recovery_is_quiet(client))
+        return false;
+    const bool survived = recovery_has_survived(client);
+    pollfd entry = {mc_fd(client->connection), POLLOUT, 0};
+    if (poll(&entry, 1, 0) != 1 || entry.revents != POLLOUT)
+        return false;
+    if (survived)
+        recovery_confirm_trial(client);
+    return true;
+}
+
+// A server that ends meanwhile draws nothing any more, and the next one is told of the lock before it draws.
+int lock_on_server(pfb_client *client, const char *function, const Area &area)
+{
+    Deadline deadline(client);
+    const bool clear = is_clear(client);
+    int result = clear ? int{PFB_OK} : recovery_settle(client, function, deadline);
+    if (result != PFB_OK || client->phase == Phase::lost)
+        return result;
     const LastError error = error_save();
-    int result = send(client, {function, "lock_area", {area.x, area.y, area.width, area.height}}, deadline);
+    const Request request = {function, "lock_area", {area.x, area.y, area.width, area.height}};
+    result = clear ? send_now(client, request) : send(client, request, deadline);
     const bool sent = result == PFB_OK;
-    if (sent) {
-        mc_packet *answer;
-        result = take_answer(client, function, deadline, &answer);
-        mc_packet_free(answer);
-    }
+    if (sent)
+        result = take_answer(client, function, deadline);
     if (sent && result == PFB_ERROR_TIMEOUT)
         return take_lock_back(client, function);
     if (result != PFB_ERROR_GONE || !client->reconnect)
@@ -181,15 +217,20 @@ int lock_on_server(pfb_client *client, const char *function, const Area &area, i
 // The answer, or that of a restoration when the server ended over the question: that one is not asked again.
 int ask_depth(pfb_client *client, const char *function, int32_t *depth)
 {
-    const int64_t deadline = deadline_of(client);
-    int result = recovery_wait(client, function, deadline);
-    if (result != PFB_OK)
-        return result;
-    mc_packet *answer;
-    result = ended(client, call(client, {function, "get_native_color_depth"}, deadline, &answer));
+    Deadline deadline(client);
+    const Request request = {function, "get_native_color_depth"};
+    int result = PFB_OK;
+    if (!ask_at_once(client, request)) {
+        result = recovery_wait(client, function, deadline);
+        if (result != PFB_OK)
+            return result;
+        result = send(client, request, deadline);
+    }
     if (result == PFB_OK)
-        result = depth_from(answer, function, depth);
-    mc_packet_free(answer);
+        result = take_answer(client, function, deadline);
+    result = ended(client, result);
+    if (result == PFB_OK)
+        result = depth_from(client, function, depth);
     if (result != PFB_ERROR_GONE || !client->reconnect || client->pixels == nullptr)
         return result;
     result = recovery_wait(client, function, deadline);
@@ -201,9 +242,9 @@ int ask_depth(pfb_client *client, const char *function, int32_t *depth)
 
 namespace libpfb {
 
-int depth_from(const mc_packet *answer, const char *function, int32_t *depth)
+int depth_from(const pfb_client *client, const char *function, int32_t *depth)
 {
-    if (mc_packet_parse_args(answer, "i", depth) == 1)
+    if (mc_packet_parse_args(client->packet, "i", depth) == 1)
         return PFB_OK;
     return fail(PFB_ERROR_SYSTEM, function, "the answer holds no depth");
 }
@@ -307,7 +348,7 @@ int pfb_set_scale(pfb_client *client, int32_t source_x, int32_t source_y, int32_
 int pfb_dirty(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
 {
     return send_checked(client, check_area(__func__, {x, y, width, height}), {__func__, "dirty", {x, y, width, height}},
-                        [](SurfaceState &) { return PFB_OK; });
+                        Nothing{});
 }
 
 int pfb_lock(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t height)
@@ -316,16 +357,13 @@ int pfb_lock(pfb_client *client, int32_t x, int32_t y, int32_t width, int32_t he
     int result = check_surface(client, __func__);
     if (result == PFB_OK)
         result = check_area(__func__, area);
-    if (result != PFB_OK)
-        return result;
-    const int64_t deadline = deadline_of(client);
-    result = recovery_settle(client, __func__, deadline);
     if (result == PFB_OK)
-        result = lock_on_server(client, __func__, area, deadline);
+        result = lock_on_server(client, __func__, area);
     if (result != PFB_OK)
         return result;
     client->state.locks++;
-    recovery_step(client);
+    if (!recovery_is_quiet(client))
+        recovery_step(client);
     return PFB_OK;
 }
 

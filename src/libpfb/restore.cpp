@@ -12,7 +12,8 @@ constexpr char FUNCTION[] = "pfb_dispatch";
 // A fresh connection has room for all of this. Only dozens of locks have to wait for the server to read.
 bool send_soon(pfb_client *client, const Request &request)
 {
-    return send(client, request, deadline_of(client)) == PFB_OK;
+    Deadline deadline(client);
+    return send(client, request, deadline) == PFB_OK;
 }
 
 bool send_area(pfb_client *client, const char *word, const Area &area)
@@ -70,7 +71,8 @@ bool send_locks(pfb_client *client)
 
 bool libpfb::restore_send(pfb_client *client)
 {
-    if (send_create(client, FUNCTION, client->memory_name, deadline_of(client)) != PFB_OK || !send_place(client) ||
+    Deadline deadline(client);
+    if (send_create(client, FUNCTION, client->memory_name, deadline) != PFB_OK || !send_place(client) ||
         !send_look(client) || !send_locks(client))
         return false;
     if (client->state.shown && !send_soon(client, {FUNCTION, "show"}))

@@ -51,17 +51,15 @@ int32_t stride_of(int32_t width, int32_t pixel_bytes)
 
 // Sends "create" and waits until the server has handled it. The name goes when it is certain that the server does not
 // want it any more: a server that does not find it stops.
-int create_on_server(pfb_client *client, const char *function, const char *name, int64_t deadline)
+int create_on_server(pfb_client *client, const char *function, const char *name, Deadline &deadline)
 {
     int result = send_create(client, function, name, deadline);
     if (result == PFB_OK) {
-        mc_packet *answer;
-        result = call(client, {function, "get_native_color_depth"}, deadline, &answer);
-        mc_packet_free(answer);
+        result = call(client, {function, "get_native_color_depth"}, deadline);
         client->unusable = result != PFB_OK && result != PFB_ERROR_GONE;
     }
     if (!client->unusable)
-        shm_unlink(name); // the server has done so too, unless the name is another user's
+        client->takes_names = shm_unlink(name) != 0; // the server has done so, unless the name is another user's
     return result;
 }
 
@@ -87,7 +85,7 @@ int create_failed(pfb_client *client, int result, void *pixels, size_t size)
 
 int create_surface(pfb_client *client, const char *function, int64_t size)
 {
-    const int64_t deadline = deadline_of(client);
+    Deadline deadline(client);
     int result = recovery_wait(client, function, deadline);
     if (result != PFB_OK)
         return result;
@@ -108,7 +106,7 @@ int create_surface(pfb_client *client, const char *function, int64_t size)
 
 namespace libpfb {
 
-int send_create(pfb_client *client, const char *function, const char *memory_name, int64_t deadline)
+int send_create(pfb_client *client, const char *function, const char *memory_name, Deadline &deadline)
 {
     const Shape &shape = client->shape;
     const SurfaceState &state = client->state;

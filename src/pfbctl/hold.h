@@ -10,6 +10,6 @@ void hold_signals();
 // Whether one of them is waiting.
 bool hold_is_told_to_end();
 
-// Waits for `seconds` (0: without end), for one of these signals, or for the end of the server. STATUS_DONE, or after a
-// message that the server has ended STATUS_NO_SERVER.
+// Waits for `seconds` (0: without end) or for one of these signals. When the server ends meanwhile, it says so, and the
+// surface comes back with the next one. STATUS_DONE, or STATUS_FAILED after a message.
 int hold_wait(pfb_client *client, double seconds);

@@ -56,8 +56,67 @@ bool is_inside(const Box &inner, const Box &outer)
 // True when the region adds nothing to a rectangle.
 bool adds_nothing(const Region *region, const Box &box)
 {
-    return region->data == empty_mark() || (region->data == nullptr && is_inside(region->extents, box));
+    return region->data == empty_mark() || is_inside(region->extents, box);
 }
+
+Box box_around(const Box &a, const Box &b)
+{
+    return Box{std::min(a.x1, b.x1), std::min(a.y1, b.y1), std::max(a.x2, b.x2), std::max(a.y2, b.y2)};
+}
+
+// ---- without memory ----
+
+unsigned failures;
+
+// What cannot be had in full becomes the box around it. pixman has left `result` without memory of its own.
+int settle_for(Region *result, const Box &around)
+{
+    failures++;
+    result->extents = around;
+    result->data = is_empty(around) ? empty_mark() : nullptr;
+    return 0;
+}
+
+Box around_both(const Region *a, const Region *b)
+{
+    if (region_is_empty(a))
+        return b->extents;
+    if (region_is_empty(b))
+        return a->extents;
+    return box_around(a->extents, b->extents);
+}
+
+Box around_all(const Region *region, const Box *boxes, int n)
+{
+    Region all{region->extents, region_is_empty(region) ? empty_mark() : nullptr};
+    for (int i = 0; i < n; i++) {
+        const Region one{boxes[i], nullptr};
+        if (!is_empty(boxes[i]))
+            all = Region{around_both(&all, &one), nullptr};
+    }
+    return all.extents;
+}
+
+Box common_box(const Box &a, const Box &b)
+{
+    return Box{std::max(a.x1, b.x1), std::max(a.y1, b.y1), std::min(a.x2, b.x2), std::min(a.y2, b.y2)};
+}
+
+// The results of pixman's own operations on regions of several rectangles.
+
+int unite(Region *result, const Region *a, const Region *b)
+{
+    const Box around = around_both(a, b);
+    return pixman_region_union(result, unchanged(a), unchanged(b)) || settle_for(result, around);
+}
+
+int intersect(Region *result, const Region *a, const Region *b)
+{
+    const Box around = common_box(a->extents, b->extents);
+    return pixman_region_intersect(result, unchanged(a), unchanged(b)) || settle_for(result, around);
+}
+
+// ---- one rectangle ----
 
 // Two intervals that overlap or touch.
 bool meet(int16_t from, int16_t to, int16_t other_from, int16_t other_to)
@@ -70,11 +129,6 @@ bool are_neighbours(const Box &a, const Box &b)
 {
     return (a.y1 == b.y1 && a.y2 == b.y2 && meet(a.x1, a.x2, b.x1, b.x2)) ||
            (a.x1 == b.x1 && a.x2 == b.x2 && meet(a.y1, a.y2, b.y1, b.y2));
-}
-
-Box box_around(const Box &a, const Box &b)
-{
-    return Box{std::min(a.x1, b.x1), std::min(a.y1, b.y1), std::max(a.x2, b.x2), std::max(a.y2, b.y2)};
 }
 
 // The union, where it is one rectangle: most of the time damage is. False for most others.
@@ -97,7 +151,7 @@ bool unite_single(Region *result, const Region *a, const Region *b)
 // Stores what two boxes have in common. False, and nothing stored, when that is nothing.
 bool cross(const Box &a, const Box &b, Box *result)
 {
-    const Box common{std::max(a.x1, b.x1), std::max(a.y1, b.y1), std::min(a.x2, b.x2), std::min(a.y2, b.y2)};
+    const Box common = common_box(a, b);
     if (is_empty(common))
         return false;
     *result = common;
@@ -156,12 +210,13 @@ void pixman_region_destroy(Region *region)
 
 int region_copy(Region *dst, const Region *src)
 {
-    return pixman_region_copy(dst, unchanged(src));
+    const Box around = src->extents; // and src may be dst
+    return pixman_region_copy(dst, unchanged(src)) || settle_for(dst, around);
 }
 
 [[gnu::hot]] int region_union(Region *result, const Region *a, const Region *b)
 {
-    return unite_single(result, a, b) || pixman_region_union(result, unchanged(a), unchanged(b));
+    return unite_single(result, a, b) || unite(result, a, b);
 }
 
 [[gnu::hot]] int region_union_rect(Region *result, const Region *src, const Rect *rect)
@@ -199,8 +254,11 @@ int region_copy(Region *dst, const Region *src)
 int region_add_boxes(Region *region, const Box *boxes, int n)
 {
     Region sum;
-    if (!pixman_region_init_rects(&sum, boxes, n))
-        return 0;
+    if (!pixman_region_init_rects(&sum, boxes, n)) {
+        const Box around = around_all(region, boxes, n);
+        region_uninit(region);
+        return settle_for(region, around);
+    }
     const int done = region_move_into(region, &sum);
     region_uninit(&sum);
     return done;
@@ -218,7 +276,7 @@ int region_num_rows(const Region *region)
 
 int region_intersect(Region *result, const Region *a, const Region *b)
 {
-    return pixman_region_intersect(result, unchanged(a), unchanged(b));
+    return intersect(result, a, b);
 }
 
 [[gnu::hot]] int region_intersect_rect(Region *result, const Region *src, const Rect *rect)
@@ -230,12 +288,18 @@ int region_intersect(Region *result, const Region *a, const Region *b)
     }
     Region one;
     region_init(&one, &box);
-    return pixman_region_intersect(result, unchanged(src), &one);
+    return intersect(result, src, &one);
 }
 
 int region_subtract(Region *result, const Region *minuend, const Region *subtrahend)
 {
-    return pixman_region_subtract(result, unchanged(minuend), unchanged(subtrahend));
+    const Box around = minuend->extents;
+    return pixman_region_subtract(result, unchanged(minuend), unchanged(subtrahend)) || settle_for(result, around);
+}
+
+unsigned region_failures()
+{
+    return failures;
 }
 
 [[gnu::hot]] void region_translate(Region *region, int32_t dx, int32_t dy)

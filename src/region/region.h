@@ -32,6 +32,8 @@ inline const Box *region_rects(const Region *region)
     return region->data != nullptr ? reinterpret_cast<const Box *>(region->data + 1) : &region->extents;
 }
 
+// Where an operation finds no memory, 0 is returned and the result is one rectangle, which needs none: that around what
+// it should be, or more. It is never left as pixman marks such regions, broken: they stay empty whatever is added.
 int region_copy(Region *dst, const Region *src);
 int region_union(Region *result, const Region *a, const Region *b);
 // An empty rectangle returns 0 and leaves `result` untouched.
@@ -46,6 +48,8 @@ int region_add_boxes(Region *region, const Box *boxes, int n);
 int region_intersect(Region *result, const Region *a, const Region *b);
 int region_intersect_rect(Region *result, const Region *src, const Rect *rect);
 int region_subtract(Region *result, const Region *minuend, const Region *subtrahend);
+// How many operations have found no memory so far.
+unsigned region_failures();
 void region_translate(Region *region, int32_t dx, int32_t dy);
 // Makes the region exactly `rect`, or empty when rect is empty or inverted.
 void region_reset(Region *region, const Rect *rect);

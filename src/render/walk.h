@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "../composite/records.h"
 #include "../kernels/kernels.h"
@@ -56,47 +55,19 @@ template <typename Src, typename Dst> int32_t walk(const Call &call, Kernel<Src,
     return 0;
 }
 
-// A call for each row of up to this many bytes would cost more than the copy does.
-constexpr size_t SHORT_ROW = 256;
-
-// `size` is at least STEP. The last step begins earlier where the row is no whole number of them.
-template <size_t STEP> void copy_by_steps(void *to, const void *from, size_t size)
-{
-    auto *dst = static_cast<uint8_t *>(to);
-    const auto *src = static_cast<const uint8_t *>(from);
-    for (size_t at = 0; at + STEP < size; at += STEP)
-        memcpy(dst + at, src + at, STEP); // of a constant size: no call
-    memcpy(dst + size - STEP, src + size - STEP, STEP);
-}
-
-// `copy` is called with each row's first pixels.
-template <typename Pixel, typename Copy> void walk_rows(const Call &call, int32_t rows, Copy copy)
-{
-    const ptrdiff_t src_pitch = pitch_of<Pixel>(call.sstride);
-    const ptrdiff_t dst_pitch = pitch_of<Pixel>(call.dstride);
-    const Pixel *src = source_start<Pixel>(call);
-    Pixel *dst = destination_start<Pixel>(call);
-    for (; rows > 0; rows--) {
-        copy(dst, src);
-        src += src_pitch;
-        dst += dst_pitch;
-    }
-}
-
-// Words unchanged: a copy for each row, and one for all of them where nothing lies between.
-template <typename Pixel> [[gnu::always_inline]] inline int32_t walk_copy(const Call &call)
+// Words unchanged: row by row, or as one row where nothing lies between.
+template <typename Pixel> int32_t walk_copy(const Call &call)
 {
     if (call_is_empty(call))
         return 0;
-    const bool whole = pitch_of<Pixel>(call.sstride) == call.w && pitch_of<Pixel>(call.dstride) == call.w;
-    const int32_t rows = whole ? 1 : call.h;
+    const ptrdiff_t src_pitch = pitch_of<Pixel>(call.sstride);
+    const ptrdiff_t dst_pitch = pitch_of<Pixel>(call.dstride);
+    const bool whole = src_pitch == call.w && dst_pitch == call.w;
     const size_t size = sizeof(Pixel) * static_cast<size_t>(call.w) * static_cast<size_t>(whole ? call.h : 1);
-    if (size < 16 || size > SHORT_ROW)
-        walk_rows<Pixel>(call, rows, [size](Pixel *dst, const Pixel *src) { memcpy(dst, src, size); });
-    else if (size <= 32)
-        walk_rows<Pixel>(call, rows, [size](Pixel *dst, const Pixel *src) { copy_by_steps<16>(dst, src, size); });
-    else
-        walk_rows<Pixel>(call, rows, [size](Pixel *dst, const Pixel *src) { copy_by_steps<32>(dst, src, size); });
+    constexpr ptrdiff_t bytes = sizeof(Pixel);
+    kernels->copy(reinterpret_cast<const uint8_t *>(source_start<Pixel>(call)), src_pitch * bytes,
+                  reinterpret_cast<uint8_t *>(destination_start<Pixel>(call)), dst_pitch * bytes, size,
+                  whole ? 1 : call.h);
     return 0;
 }
 

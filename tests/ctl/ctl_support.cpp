@@ -54,9 +54,13 @@ std::string ctl_done(const RunningServer &server, const Words &words)
     return result.out;
 }
 
-Foreground::Foreground(const RunningServer &server, const Words &words) : file_(next_file(server, "foreground"))
+Foreground::Foreground(const RunningServer &server, const Words &words)
+    : Foreground(beside(server, from_build("PFB_TEST_CTL"), words), next_file(server, "foreground"))
 {
-    ProgramStart start = beside(server, from_build("PFB_TEST_CTL"), words);
+}
+
+Foreground::Foreground(ProgramStart start, const std::string &file) : file_(file)
+{
     const int fd = open(file_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     start.out_fd = start.err_fd = fd;
     pid_ = program_start(start);

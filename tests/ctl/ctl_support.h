@@ -23,6 +23,7 @@ std::string ctl_done(const RunningServer &server, const Words &words);
 class Foreground {
 public:
     Foreground(const RunningServer &server, const Words &words);
+    Foreground(ProgramStart start, const std::string &file);
     ~Foreground(); // ends it, if it still runs
     Foreground(const Foreground &) = delete;
     Foreground &operator=(const Foreground &) = delete;

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "../support/lasting_panel.h"
 #include "../support/test_client.h"
 #include "ctl_support.h"
 
@@ -336,15 +337,50 @@ TEST_F(Verbs, WatchCountsWhereThePanelChanges)
     }
 }
 
-TEST_F(Verbs, ShowEndsWithTheServer)
+// On a panel of its own: its server comes and goes.
+class VerbsAndDeaths : public testing::Test {
+protected:
+    VerbsAndDeaths() { start_server(); }
+
+    void start_server()
+    {
+        panel.start_server();
+        EXPECT_TRUE(wait_until([&] { return is_listened_at(panel.folder() + "/pfb.mc"); }));
+    }
+    ProgramStart fill(const Words &words) const
+    {
+        ProgramStart start;
+        start.words = {from_build("PFB_TEST_CTL"), "fill", "red", "--size", "20x20"};
+        start.words.insert(start.words.end(), words.begin(), words.end());
+        start.environment = {{"MC_RUNTIME_DIR", panel.folder()}, {"LSAN_OPTIONS", from_build("PFB_TEST_LSAN")}};
+        return start;
+    }
+    bool turns_red() const
+    {
+        return wait_until([&] { return panel.view().picture().at(1, 1) == 0xFF0000; });
+    }
+
+    LastingPanel panel;
+};
+
+TEST_F(VerbsAndDeaths, WhatIsShownComesBackWithTheServer)
 {
-    RunningServer brief;
-    Foreground fill(brief, {"fill", "red", "--size", "20x20"});
-    EXPECT_TRUE(wait_until([&] { return brief.panel().picture().at(1, 1) == 0xFF0000; }));
-    EXPECT_EQ(brief.stop(SIGTERM), 0);
-    EXPECT_EQ(fill.end(0), 3);
-    EXPECT_EQ(fill.out(), "pfbctl fill: the server has ended\n");
-    setenv("MC_RUNTIME_DIR", server.folder().c_str(), 1);
+    Foreground shown(fill({}), panel.folder() + "/shown");
+    EXPECT_TRUE(turns_red());
+    panel.stop_server(SIGKILL);
+    panel.erase();
+    start_server();
+    EXPECT_TRUE(turns_red());
+    EXPECT_EQ(shown.end(SIGTERM), 0);
+    EXPECT_EQ(shown.out(), "pfbctl fill: the server has ended: waiting for the next one\n");
+}
+
+TEST_F(VerbsAndDeaths, TheTimeOfForEndsWithoutAServerToo)
+{
+    Foreground shown(fill({"--for", "1"}), panel.folder() + "/shown");
+    EXPECT_TRUE(turns_red());
+    panel.stop_server(SIGKILL);
+    EXPECT_EQ(shown.end(0), 0);
 }
 
 TEST_F(Verbs, WithoutAServerEveryVerbSaysSo)

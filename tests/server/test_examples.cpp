@@ -104,6 +104,20 @@ TEST(Examples, HelloShowsItsRectangleAndEnds)
     EXPECT_EQ(hello.printed(), "");
 }
 
+TEST(Examples, HelloIsThereAgainWhenTheServerIsStartedAgain)
+{
+    LastingPanel panel(SCREEN);
+    Example hello(panel, {built("hello"), "1000"});
+    constexpr int EDGE = 200 * 120 - 192 * 112;
+    EXPECT_TRUE(wait_until([&] { return spot_of(panel, 0xff8000).count == EDGE; }));
+    panel.stop_server(SIGKILL);
+    panel.erase();
+    panel.start_server();
+    EXPECT_TRUE(wait_until([&] { return spot_of(panel, 0xff8000).count == EDGE; }));
+    EXPECT_EQ(hello.stop(), 128 + SIGTERM);
+    EXPECT_EQ(hello.printed(), "");
+}
+
 // Its first second is half transparent white over the black of the panel, with black hands.
 TEST(Examples, TheClockIsTranslucentAndTicks)
 {

@@ -326,6 +326,37 @@ TEST(Recovery, AnOutstandingBlockComesBack)
     EXPECT_EQ(pfb_get_color_depth(client.client, &client.events[0]), PFB_OK);
 }
 
+// The display is turned as the last one back expects it. When that is another turn than the shown one's, the picture
+// stands still until a surface of the right turn comes and goes, as pfb.h says.
+TEST(Recovery, TheLastOneBackTurnsTheDisplay)
+{
+    LastingPanel panel;
+    panel.start_server();
+    Client hidden("fb.hidden", pixels_new(PixelFormat::XRGB, 10, 10), 0, 0, 0, 0);
+    Client shown("fb.shown", pixels_new(PixelFormat::XRGB, HEIGHT, WIDTH), 0, 0, 1, 90);
+    pfb_show(shown.client);
+    const auto colour_after_drawing = [&](uint32_t colour) {
+        shown.draw(pixels_filled(PixelFormat::XRGB, HEIGHT, WIDTH, 0xFF000000 | colour));
+        pfb_dirty(shown.client, 0, 0, HEIGHT, WIDTH);
+        shown.settle();
+        return panel.view().picture().at(80, 60);
+    };
+    const auto come_back = [&](Client &first, Client &second) {
+        panel.stop_server(SIGKILL);
+        panel.start_server();
+        first.settle();
+        second.settle();
+    };
+    come_back(hidden, shown);
+    EXPECT_EQ(colour_after_drawing(0x0000FF), 0x0000FFu) << "in the order in which they were made";
+    come_back(shown, hidden);
+    EXPECT_EQ(colour_after_drawing(0x00FF00), 0x0000FFu) << "the display is not turned as the last one back expects it";
+    {
+        const Client remedy("fb.remedy", pixels_new(PixelFormat::XRGB, 1, 1), 0, 0, 2, 90);
+    }
+    EXPECT_EQ(colour_after_drawing(0x00FF00), 0x00FF00u);
+}
+
 TEST(Recovery, ServersThatComeAndGoLeaveNothingBehind)
 {
     LastingPanel panel;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -145,6 +146,25 @@ TEST_F(McClient, CallTimesOutBehindAServerThatReadsNothing)
     EXPECT_EQ(errno, ETIMEDOUT);
 }
 
+// Answers to earlier requests come all the time, each well before the time is over.
+TEST_F(McClient, WhatIsSkippedDoesNotProlongACall)
+{
+    constexpr int many = 10000; // half a minute of them
+    std::atomic<bool> done = false;
+    int sent = 0;
+    std::thread chatter([&] {
+        for (; !done && sent < many; sent++) {
+            raw_send(server, header(0, "", ""));
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+    });
+    EXPECT_EQ(mc_call(client, request.get(), 100), nullptr);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    done = true;
+    chatter.join();
+    EXPECT_LT(sent, many);
+}
+
 TEST_F(McClient, ASignalDoesNotEndACall)
 {
     struct sigaction action = {}, before;
@@ -246,6 +266,71 @@ TEST_F(McClient, AnswersThatComeLateAreThrownAwaySoon)
         ASSERT_EQ(mc_send(client, request.get()), 0);
         EXPECT_EQ(recv(mc_fd(client), &byte, 1, MSG_DONTWAIT), -1);
     }
+}
+
+TEST_F(McClient, WhatIsNotAnsweredIsNoLastRequest)
+{
+    next_request();
+    mc_packet_build_args(request.get(), "i", 7);
+    EXPECT_EQ(mc_send(client, request.get()), 0);
+    Packet report(mc_packet_new_command("tell"), mc_packet_free);
+    mc_packet_build_args(report.get(), "s", "text");
+    EXPECT_EQ(mc_send_unanswered(client, report.get(), -1), 0);
+    EXPECT_EQ(next_request(), header(1, "ask", "i") + u32(7));
+    EXPECT_EQ(next_request(), header(2, "tell", "s") + padded_text("text"));
+    ASSERT_TRUE(raw_send(server, header(1, "", "i") + u32(5)));
+    int32_t value = 0;
+    Packet answer(mc_packet_new(0), mc_packet_free);
+    EXPECT_EQ(mc_take_answer(client, answer.get(), 30000), 0);
+    EXPECT_EQ(mc_packet_parse_args(answer.get(), "i", &value), 1);
+    EXPECT_EQ(value, 5);
+    EXPECT_EQ(mc_take_answer(client, answer.get(), 0), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+// While answers to given up requests may come they are looked for, so that the server can always send; once the answer
+// to the last one has been taken there are none.
+TEST_F(McClient, SendingUnansweredLooksForAnswersOnlyWhileSomeMayCome)
+{
+    const auto is_left = [&] {
+        char byte;
+        return recv(mc_fd(client), &byte, 1, MSG_DONTWAIT | MSG_PEEK) >= 0;
+    };
+    ASSERT_EQ(mc_send(client, request.get()), 0);
+    ASSERT_EQ(mc_send(client, request.get()), 0);
+    Packet report(mc_packet_new_command("tell"), mc_packet_free);
+    ASSERT_EQ(mc_send_unanswered(client, report.get(), 0), 0);
+    ASSERT_TRUE(raw_send(server, header(1, "", "")));
+    ASSERT_EQ(mc_send_unanswered(client, report.get(), 0), 0);
+    EXPECT_FALSE(is_left());
+    ASSERT_TRUE(raw_send(server, header(2, "", "")));
+    Packet answer(mc_packet_new(0), mc_packet_free);
+    ASSERT_EQ(mc_take_answer(client, answer.get(), 30000), 0);
+    ASSERT_TRUE(raw_send(server, header(2, "", ""))); // no server does
+    for (int i = 0; i < 30; i++)
+        ASSERT_EQ(mc_send_unanswered(client, report.get(), 0), 0);
+    EXPECT_TRUE(is_left());
+}
+
+TEST_F(McClient, SendingUnansweredWaitsNoLongerThanAllowed)
+{
+    int sent = 0;
+    while (sent < 10000 && mc_send_unanswered(client, request.get(), 0) == 0)
+        sent++;
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(mc_send_unanswered(client, request.get(), 10), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    std::thread reader([&] {
+        for (int i = 0; i < sent + 2; i++) // the greeting, those that were sent, and one more
+            EXPECT_FALSE(next_request().empty());
+    });
+    EXPECT_EQ(mc_send_unanswered(client, request.get(), -1), 0);
+    reader.join();
+    server.reset();
+    EXPECT_EQ(mc_send_unanswered(client, request.get(), -1), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(mc_send_unanswered(client, nullptr, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
 }
 
 TEST_F(McClient, SendingInTimeGivesUpBehindAServerThatReadsNothing)

@@ -156,6 +156,47 @@ TEST(Packet, HoldsExactlyMaxBytes)
     EXPECT_EQ(fault_of(bytes_of(packet)), "none");
 }
 
+// Over what a longer packet has left, and at every remainder of the word's and the signature's length.
+TEST(Packet, RewritingGivesTheBytesOfANewOne)
+{
+    const std::vector<int32_t> values = {INT32_MIN, -1, 0, 1, 2, 3, 4, 5, INT32_MAX};
+    Packet packet = command("");
+    for (const std::string word : {"", "a", "ab", "abc", "abcd", "abcde"}) {
+        for (size_t n = 0; n <= values.size(); n++) {
+            Packet fresh = command(word.c_str());
+            for (size_t i = 0; i < n; i++)
+                ASSERT_EQ(mc_packet_build_args(fresh.get(), "i", values[i]), 1);
+            memset(packet->bytes + 4, 0x55, sizeof packet->bytes - 4);
+            ASSERT_EQ(mc_packet_rewrite(packet.get(), word.c_str(), values.data(), static_cast<int>(n)), 0);
+            EXPECT_EQ(bytes_of(packet).substr(4), bytes_of(fresh).substr(4)) << word << " " << n;
+            ASSERT_EQ(mc_packet_build_args(fresh.get(), "s", "text"), 1);
+            ASSERT_EQ(mc_packet_build_args(packet.get(), "s", "text"), 1);
+            EXPECT_EQ(bytes_of(packet).substr(4), bytes_of(fresh).substr(4)) << word << " " << n;
+            EXPECT_STREQ(mc_packet_command(packet.get()), word.c_str());
+            EXPECT_EQ(mc_packet_signature(packet.get()), std::string(n, 'i') + "s");
+        }
+    }
+}
+
+TEST(Packet, RewritingIsAllOrNothing)
+{
+    const std::vector<int32_t> values(MC_ARGS_MAX + 1);
+    const std::string longest(MC_PACKET_MAX - 4 - 4 - 4,
+                              'x'); // beside the serial number, "\0i\0" filled up, an integer
+    Packet packet = command("word");
+    mc_packet_build_args(packet.get(), "is", 1, "text");
+    const std::string before = bytes_of(packet);
+    EXPECT_EQ(mc_packet_rewrite(packet.get(), "w", values.data(), MC_ARGS_MAX + 1), -1);
+    EXPECT_EQ(mc_packet_rewrite(packet.get(), "w", values.data(), -1), -1);
+    EXPECT_EQ(mc_packet_rewrite(packet.get(), (longest + "xx").c_str(), values.data(), 1), -1);
+    EXPECT_EQ(mc_packet_rewrite(packet.get(), longest.c_str(), values.data(), 2), -1);
+    EXPECT_EQ(mc_packet_rewrite(packet.get(), std::string(MC_PACKET_MAX * 2, 'x').c_str(), nullptr, 0), -1);
+    EXPECT_EQ(bytes_of(packet), before);
+    EXPECT_EQ(mc_packet_rewrite(packet.get(), longest.c_str(), values.data(), 1), 0);
+    EXPECT_EQ(packet->size, static_cast<uint32_t>(MC_PACKET_MAX));
+    EXPECT_EQ(mc_packet_rewrite(packet.get(), "w", values.data(), MC_ARGS_MAX), 0);
+}
+
 TEST(Packet, CommandWordMustFit)
 {
     EXPECT_EQ(mc_packet_new_command(nullptr), nullptr);

@@ -5,6 +5,7 @@
 #include "pfb.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "pfb_service.h"
+#include "pfb_system.h"
 
 using Strings = std::vector<std::string>;
 
@@ -32,10 +34,26 @@ inline size_t entries(const char *folder, const std::string &prefix = "")
     return n;
 }
 
+inline std::string object_prefix()
+{
+    return "pfb." + std::to_string(getpid()) + ".";
+}
+
 inline size_t shared_objects()
 {
-    return entries("/dev/shm", "pfb." + std::to_string(getpid()) + ".");
+    return entries("/dev/shm", object_prefix());
 }
+
+// A process that was killed may have left some, and its number may be this one's now.
+inline bool remove_left_objects()
+{
+    for (const auto &entry : std::filesystem::directory_iterator("/dev/shm")) {
+        if (entry.path().filename().string().starts_with(object_prefix()))
+            std::filesystem::remove(entry.path());
+    }
+    return true;
+}
+inline const bool left_objects_are_gone = remove_left_objects();
 
 // A socket in the service's place that nobody takes connections from, with no room for one more.
 class FullSocket {
@@ -87,6 +105,7 @@ protected:
     {
         pfb_disconnect(client);
         EXPECT_EQ(shared_objects(), 0u);
+        pfb_system = {};
     }
 
     void create(pfb_format format = PFB_FORMAT_XRGB32)
@@ -98,8 +117,9 @@ protected:
     bool dispatch_until(const std::function<bool()> &done)
     {
         pollfd entry = {pfb_poll_fd(client), POLLIN, 0};
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(PATIENCE_MS);
         while (!done()) {
-            if (poll(&entry, 1, PATIENCE_MS) <= 0)
+            if (std::chrono::steady_clock::now() > end || poll(&entry, 1, PATIENCE_MS) <= 0)
                 return false;
             wakeups++;
             EXPECT_EQ(turn(), PFB_OK);

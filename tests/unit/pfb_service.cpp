@@ -106,6 +106,12 @@ void PfbService::run()
 
 void PfbService::on_connection(mc_factory *, mc_connection *connection, void *user_data)
 {
+    auto *self = static_cast<PfbService *>(user_data);
+    if (self->turns_away_) {
+        self->turned_away_++;
+        mc_close(connection);
+        return;
+    }
     mc_set_user_data(connection, user_data, 0);
     mc_glib_init(connection);
     mc_set_handler(connection, "", on_request, nullptr);

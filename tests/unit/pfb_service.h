@@ -37,6 +37,10 @@ public:
     // At the next request that begins with this text it closes, and handles nothing more.
     void die_of(const std::string &request);
 
+    // Hangs up on clients as soon as they have greeted, as a server that has no room for more; counted.
+    void turn_away(bool turns_away) { turns_away_ = turns_away; }
+    int turned_away() const { return turned_away_; }
+
     // Does as a server of another user does, who cannot remove the name of a client's memory.
     void leave_names() { leaves_names_ = true; }
 
@@ -58,6 +62,8 @@ private:
     std::string folder_;
     std::atomic<bool> answers_ = true;
     std::atomic<bool> leaves_names_ = false;
+    std::atomic<bool> turns_away_ = false;
+    std::atomic<int> turned_away_ = 0;
     std::mutex stall_;
     std::mutex mutex_; // of what follows
     std::condition_variable changed_;

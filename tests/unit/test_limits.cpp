@@ -3,7 +3,10 @@
 // tests that fill them run in a child.
 #include <climits>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 
@@ -16,6 +19,31 @@
 #include "../support/failing_memory.h"
 
 namespace {
+
+// What statvfs tells of the room in /dev/shm; 0: the truth.
+uint64_t room_in_memory;
+
+int told(int result, const char *path, struct statvfs *space)
+{
+    if (room_in_memory != 0 && strcmp(path, "/dev/shm") == 0)
+        space->f_blocks = room_in_memory / space->f_frsize;
+    return result;
+}
+
+// Where long files need it, the C library's statvfs is called by another name.
+extern "C" {
+int __real_statvfs(const char *path, struct statvfs *space);
+int __real_statvfs64(const char *path, struct statvfs *space);
+
+int __wrap_statvfs(const char *path, struct statvfs *space)
+{
+    return told(__real_statvfs(path, space), path, space);
+}
+int __wrap_statvfs64(const char *path, struct statvfs *space)
+{
+    return told(__real_statvfs64(path, space), path, space);
+}
+}
 
 class Limits : public CommandTest {
 protected:
@@ -77,6 +105,28 @@ TEST_F(Limits, MemoryOfSurfacesWithoutAnOwner)
                   "create: refused: the connection has a surface, and 2 without an owner are enough\n");
         EXPECT_EQ(server->n_surface, 3);
     });
+}
+
+// On a device with little memory they leave most of it to the others.
+TEST_F(Limits, SurfacesWithoutAnOwnerFillNoMoreThanAQuarterOfTheSharedMemory)
+{
+    in_child([this] {
+        create(client, {}); // 20 000 bytes, five pages
+        room_in_memory = 4 * 11 * 4096;
+        EXPECT_EQ(created(client), NOTHING);
+        EXPECT_EQ(created(client), NOTHING);
+        EXPECT_EQ(created(client),
+                  "create: refused: the connection has a surface, and 2 without an owner are enough\n");
+        room_in_memory = 4 * 15 * 4096;
+        EXPECT_EQ(created(client), NOTHING) << "there is more room now";
+    });
+}
+
+TEST_F(Limits, SurfacesWithoutAnOwnerFillNoMoreThanAnEighthOfTheMachinesMemory)
+{
+    const auto machine = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    EXPECT_LE(client_limits.left_bytes, machine / 8);
+    EXPECT_GE(client_limits.left_bytes, std::min(machine / 8, 256 * MIB));
 }
 
 TEST_F(Limits, AThousandSurfacesWithoutAnOwnerMayBe)

@@ -31,6 +31,14 @@ TEST_F(PfbRecovery, WhatTheServerDiedOfIsNotSentAgain)
     }
 }
 
+TEST_F(PfbRecovery, ALockThatTheServerDiedOfTellsOfIt)
+{
+    create();
+    service.die_of("lock_area ");
+    EXPECT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_OK);
+    EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST));
+}
+
 TEST_F(PfbRecovery, AQuestionThatTheServerDiedOfIsAnsweredByTheNext)
 {
     create();
@@ -61,7 +69,8 @@ TEST_F(PfbRecovery, ACreateThatTheServerDiedOfIsNotSentAgain)
     create();
 }
 
-// A change that ends every server is left out after the second one; what an earlier server has lived through stays.
+// A change that ends every server is left out when it has ended the second one; what an earlier server has lived
+// through stays.
 TEST_F(PfbRecovery, ADeadlyChangeIsLeftOutInTheEnd)
 {
     create();
@@ -73,10 +82,7 @@ TEST_F(PfbRecovery, ADeadlyChangeIsLeftOutInTheEnd)
     service.die_of(deadly);
     EXPECT_EQ(pfb_resize(client, 66, 6), PFB_OK);
     EXPECT_EQ(service.take(1).back(), deadly);
-    for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(std::count(events.begin(), events.end(), PFB_EVENT_REDUCED), 0);
-        die_on_return(deadly);
-    }
+    die_on_return(deadly);
     service.close();
     service.open();
     EXPECT_TRUE(come_back());
@@ -94,8 +100,7 @@ TEST_F(PfbRecovery, DrawingDoesNotBringADeadlyChangeBack)
     service.die_of(deadly);
     EXPECT_EQ(pfb_resize(client, 66, 6), PFB_OK);
     EXPECT_EQ(service.take(1).back(), deadly);
-    for (int i = 0; i < 2; i++)
-        die_on_return(deadly);
+    die_on_return(deadly);
     service.close();
     service.open();
     EXPECT_TRUE(come_back());
@@ -112,9 +117,8 @@ TEST_F(PfbRecovery, AResizeIsCheckedAgainstWhatIsLeft)
     service.die_of(deadly);
     EXPECT_EQ(pfb_set_scale(client, 0, 0, 100, 50, 0, 0, 200, 100), PFB_OK);
     service.take(1);
-    die_on_return(deadly);
     service.close();
-    service.die_of("set_scale ");
+    service.die_of(deadly);
     service.open();
     int result = PFB_OK;
     turn = [&] { return result = pfb_resize(client, 150, 80), PFB_OK; };
@@ -129,21 +133,47 @@ TEST_F(PfbRecovery, AResizeIsCheckedAgainstWhatIsLeft)
 }
 
 // A client that only draws is never answered. That a server has gone on is as good: others may end the next two.
-TEST_F(PfbRecovery, WhatAServerHasLivedWithIsNotLeftOut)
+class PfbLivedOn : public PfbRecovery {
+protected:
+    void expect_confirmed_after(const std::function<int()> &call)
+    {
+        create();
+        EXPECT_EQ(pfb_move(client, 30, 40), PFB_OK);
+        service.take(1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+        EXPECT_EQ(call(), PFB_OK);
+        for (int i = 0; i < 2; i++)
+            die_on_return(DEPTH);
+        service.close();
+        service.open();
+        EXPECT_TRUE(come_back());
+        EXPECT_EQ(service.take(2).front(), "create iiiiiiiiis 0 32 30 40 100 50 448 3 0 NAME");
+        EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_RESTORED));
+    }
+};
+
+TEST_F(PfbLivedOn, WhatARequestFindsIsNotLeftOut)
 {
-    create();
-    EXPECT_EQ(pfb_move(client, 30, 40), PFB_OK);
-    service.take(1);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    EXPECT_EQ(pfb_dirty(client, 0, 0, 1, 1), PFB_OK);
-    service.take(1);
-    for (int i = 0; i < 2; i++)
-        die_on_return("create ");
-    service.close();
-    service.open();
-    EXPECT_TRUE(come_back());
-    EXPECT_THAT(service.take(2), ElementsAre("create iiiiiiiiis 0 32 30 40 100 50 448 3 0 NAME", DEPTH));
-    EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_RESTORED));
+    expect_confirmed_after([&] {
+        const int result = pfb_dirty(client, 0, 0, 1, 1);
+        service.take(1);
+        return result;
+    });
+}
+
+TEST_F(PfbLivedOn, WhatALockFindsThatEndsTheServerIsNotLeftOut)
+{
+    expect_confirmed_after([&] {
+        service.die_of("lock_area ");
+        const int result = pfb_lock(client, 0, 0, 1, 1);
+        service.take(1);
+        return result;
+    });
+}
+
+TEST_F(PfbLivedOn, WhatALookFindsIsNotLeftOut)
+{
+    expect_confirmed_after([&] { return pfb_dispatch(client); });
 }
 
 // A server that is busy for long has not lived with what it has not read yet.
@@ -161,13 +191,47 @@ TEST_F(PfbRecovery, WhatAServerHasNotReadMayStillEndIt)
     EXPECT_EQ(pfb_dirty(client, 0, 0, 1, 1), PFB_OK);
     service.go_on();
     service.take(2);
-    for (int i = 0; i < 2; i++)
-        die_on_return(deadly);
+    die_on_return(deadly);
     service.close();
     service.open();
     EXPECT_TRUE(come_back());
     EXPECT_THAT(service.take(2), ElementsAre("create iiiiiiiiis 0 32 10 20 100 50 448 3 0 NAME", DEPTH));
     EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_REDUCED, PFB_EVENT_RESTORED));
+}
+
+// Nothing is unread in the socket of a server that has ended: it has not lived with anything for that.
+class PfbFoundDead : public PfbRecovery {
+protected:
+    void expect_unconfirmed_after(const std::function<int()> &call)
+    {
+        create();
+        const std::string deadly = "resize ii 66 6";
+        service.die_of(deadly);
+        EXPECT_EQ(pfb_resize(client, 66, 6), PFB_OK);
+        EXPECT_EQ(service.take(1).back(), deadly);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+        EXPECT_EQ(call(), PFB_OK);
+        die_on_return(deadly);
+        service.close();
+        service.open();
+        EXPECT_TRUE(come_back());
+        EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_REDUCED, PFB_EVENT_RESTORED));
+    }
+};
+
+TEST_F(PfbFoundDead, ByARequestItHasNotLivedOn)
+{
+    expect_unconfirmed_after([&] { return pfb_dirty(client, 0, 0, 1, 1); });
+}
+
+TEST_F(PfbFoundDead, ByALockItHasNotLivedOn)
+{
+    expect_unconfirmed_after([&] { return pfb_lock(client, 0, 0, 1, 1) == PFB_OK ? pfb_unlock(client) : pfb_error(); });
+}
+
+TEST_F(PfbFoundDead, ByALookItHasNotLivedOn)
+{
+    expect_unconfirmed_after([&] { return pfb_dispatch(client); });
 }
 
 // While it is away the client looks rarer and rarer: the number of times is bounded, however slow this machine is.
@@ -195,7 +259,7 @@ TEST_F(PfbRecovery, ServersThatEndAgainAndAgainAreLeftInPeace)
     service.take(0);
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 4; i++) {
-        service.die_of("create ");
+        service.die_of("lock_area ");
         service.open();
         EXPECT_TRUE(dispatch_until([&] { return !service.take(0).empty(); }));
         service.close();
@@ -309,6 +373,21 @@ TEST_F(PfbRecovery, AClientWithoutASurfaceIsConnectedAgain)
     EXPECT_EQ(depth, -1);
 }
 
+// Each look for a server that is not there comes well before the time is over.
+TEST_F(PfbRecovery, LookingAgainAndAgainDoesNotProlongACall)
+{
+    service.close();
+    pfb_set_timeout(client, 1500); // longer than from one look to the next
+    std::promise<void> done;
+    std::thread rescuer([&] {
+        if (done.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::timeout)
+            service.open();
+    });
+    EXPECT_EQ(pfb_status(client), PFB_ERROR_TIMEOUT);
+    done.set_value();
+    rescuer.join();
+}
+
 TEST_F(PfbRecovery, SwitchedOffItStaysGoneUntilItIsSwitchedOn)
 {
     create();
@@ -344,6 +423,28 @@ TEST_F(PfbRecovery, TheCallbackMayAskForMore)
         ASSERT_EQ(pfb_move(client, 5, 6), PFB_OK);
     EXPECT_EQ(wakeups, 1);
     EXPECT_THAT(service.take(3), testing::Contains("show "));
+}
+
+// What there is to tell goes before what the callback asks for.
+TEST_F(PfbRecovery, ARequestOfTheCallbackFindsEverythingTold)
+{
+    std::vector<pfb_event> order;
+    pfb_set_event_func(
+        client,
+        [](pfb_client *c, pfb_event event, void *data) {
+            auto *told = static_cast<std::vector<pfb_event> *>(data);
+            told->push_back(event);
+            if (event == PFB_EVENT_LOST) {
+                EXPECT_EQ(pfb_move(c, 1, 2), PFB_OK) << pfb_error_text();
+                EXPECT_THAT(*told, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_RESTORED));
+            }
+        },
+        &order);
+    service.close();
+    service.open();
+    EXPECT_EQ(pfb_dispatch(client), PFB_OK);
+    EXPECT_THAT(order, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_RESTORED));
+    EXPECT_THAT(service.take(1), ElementsAre("move ii 1 2"));
 }
 
 void unlock_when_restored(pfb_client *client, pfb_event event, void *)

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 
 namespace {
 
@@ -24,17 +25,23 @@ int listen_at(const std::string &path)
     return bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && listen(fd, 8) == 0 ? fd : -1;
 }
 
-// Answers each question of one client with the number 18.
+// A question is answered with the number 18.
+void answer(int fd, const char *packet)
+{
+    if (strcmp(packet + 4, "get_native_color_depth") != 0) // behind the serial number
+        return;
+    char reply[12] = "\0\0\0\0\0i\0\0\x12\0\0";
+    memcpy(reply, packet, 4);
+    send(fd, reply, sizeof reply, MSG_NOSIGNAL);
+}
+
+// Answers each question of one client.
 void serve_one(int listener)
 {
     const int fd = accept(listener, nullptr, nullptr);
-    char packet[4096];
-    for (ssize_t n; (n = recv(fd, packet, sizeof packet, 0)) > 0;) {
-        if (strncmp(packet + 4, "get_native_color_depth", sizeof packet - 4) != 0)
-            continue;
-        memcpy(packet + 4, "\0i\0\0\x12\0\0\0", 8); // behind the serial number
-        send(fd, packet, 12, MSG_NOSIGNAL);
-    }
+    char packet[4096] = {};
+    while (recv(fd, packet, sizeof packet, 0) > 0)
+        answer(fd, packet);
 }
 
 // A server that listens at two places, and a process that still has its sockets when it has ended: what the kernel
@@ -112,6 +119,53 @@ std::string shared_object()
             return entry.path().filename();
     }
     return "";
+}
+
+// Takes one client, answers its questions, and does not read beyond "lock_area", which it does not answer either.
+class DeafServer {
+public:
+    explicit DeafServer(const std::string &path) : listener_(listen_at(path)), thread_([this] { run(); }) {}
+    ~DeafServer()
+    {
+        thread_.join();
+        close(connection_);
+        close(listener_);
+    }
+    DeafServer(const DeafServer &) = delete;
+    DeafServer &operator=(const DeafServer &) = delete;
+
+private:
+    void run()
+    {
+        connection_ = accept(listener_, nullptr, nullptr);
+        char packet[4096] = {};
+        while (strcmp(packet + 4, "lock_area") != 0 && recv(connection_, packet, sizeof packet, 0) > 0)
+            answer(connection_, packet);
+        EXPECT_EQ(shutdown(connection_, SHUT_RD), 0);
+    }
+
+    int listener_, connection_ = -1;
+    std::thread thread_;
+};
+
+// The lock that is taken back would have ended the block as well: the next server has neither.
+TEST_F(PfbRecovery, ABlockThatALockTookWithItDoesNotComeBack)
+{
+    pfb_disconnect(client);
+    service.close();
+    service.take(0);
+    const DeafServer server(service.socket_path());
+    SetUp();
+    ASSERT_EQ(pfb_create(client, PFB_FORMAT_XRGB32, 10, 20, 100, 50, 3, 0), PFB_OK) << pfb_error_text();
+    unlink(service.socket_path().c_str());
+    service.open();
+    EXPECT_EQ(pfb_block_until_unlock(client), PFB_OK);
+    pfb_set_timeout(client, 2000); // long enough for the server to have read it
+    EXPECT_EQ(pfb_lock(client, 0, 0, 1, 1), PFB_ERROR_TIMEOUT);
+    pfb_set_timeout(client, PATIENCE_MS);
+    EXPECT_TRUE(come_back());
+    EXPECT_THAT(service.take(2), ElementsAre(HasSubstr("create "), DEPTH));
+    EXPECT_EQ(pfb_unlock(client), PFB_ERROR_STATE);
 }
 
 // What it takes on its way out is neither one more death to be careful of nor a reason to leave changes out.

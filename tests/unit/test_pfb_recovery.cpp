@@ -153,6 +153,7 @@ TEST_F(PfbRecovery, MemoryThatIsNotToBeHadIsTriedForAgain)
 {
     create();
     EXPECT_EQ(pfb_move(client, 1000001, 0), PFB_ERROR_ARGUMENT);
+    const std::string text = pfb_error_text();
     rlimit limit;
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
     const auto handler = signal(SIGXFSZ, SIG_IGN);
@@ -163,7 +164,8 @@ TEST_F(PfbRecovery, MemoryThatIsNotToBeHadIsTriedForAgain)
     service.open();
     EXPECT_TRUE(dispatch_until([&] { return wakeups > 4; }));
     EXPECT_EQ(pfb_is_connected(client), 0);
-    EXPECT_EQ(pfb_error(), PFB_ERROR_ARGUMENT) << pfb_error_text();
+    EXPECT_EQ(pfb_error(), PFB_ERROR_ARGUMENT);
+    EXPECT_EQ(pfb_error_text(), text);
     EXPECT_EQ(shared_objects(), 0u);
     EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
     signal(SIGXFSZ, handler);

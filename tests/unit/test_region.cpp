@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "../support/failing_memory.h"
+#include "../support/failing_regions.h"
 #include "../support/rects.h"
 #include "../support/stderr_capture.h"
 
@@ -73,6 +74,96 @@ TEST_F(Regions, NewWithoutMemoryIsOneSharedEmptyRegionThatNobodyFrees)
     pixman_region_destroy(first);
     pixman_region_destroy(second);
     EXPECT_EQ(region_num_rects(first), 0);
+}
+
+// Two rectangles far from each other in a, two others in b; nothing can be had for what is made of them.
+class RegionsWithoutMemory : public Regions {
+protected:
+    RegionsWithoutMemory()
+    {
+        add(a, {0, 0, 10, 10});
+        add(a, {20, 20, 30, 30});
+        add(b, {5, 5, 25, 8});
+        add(b, {22, 22, 40, 28});
+        fail_regions(1, 1000);
+    }
+    ~RegionsWithoutMemory() override { regions_failed(); }
+
+    // What has been made is one rectangle, and a region like any other.
+    static void expect_box(Region *region, Rect around)
+    {
+        EXPECT_EQ(regions_failed(), 1);
+        EXPECT_THAT(rects_of(region), ElementsAre(around));
+        const Rect far{1000, 1000, 1001, 1001};
+        EXPECT_EQ(region_union_rect(region, region, &far), 1);
+        EXPECT_THAT(rects_of(region), ElementsAre(around, far));
+    }
+};
+
+TEST_F(RegionsWithoutMemory, UnionIsTheBoxAroundBoth)
+{
+    const unsigned before = region_failures();
+    EXPECT_EQ(region_union(&result, &a, &b), 0);
+    EXPECT_EQ(region_failures(), before + 1);
+    expect_box(&result, {0, 0, 40, 30});
+}
+
+TEST_F(RegionsWithoutMemory, UnionInPlaceIsTheBoxAroundBoth)
+{
+    EXPECT_EQ(region_add_i(&a, &b), 0);
+    expect_box(&a, {0, 0, 40, 30});
+}
+
+TEST_F(RegionsWithoutMemory, UnionWithAnEmptyOneIsTheBoxAroundTheOther)
+{
+    region_make_empty(&result);
+    EXPECT_EQ(region_union(&result, &result, &b), 0);
+    expect_box(&result, {5, 5, 40, 28});
+}
+
+TEST_F(RegionsWithoutMemory, CopyIsTheBoxAround)
+{
+    EXPECT_EQ(region_copy(&result, &a), 0);
+    expect_box(&result, {0, 0, 30, 30});
+}
+
+TEST_F(RegionsWithoutMemory, IntersectionIsWhatTheBoxesHaveInCommon)
+{
+    EXPECT_EQ(region_intersect(&a, &a, &b), 0);
+    expect_box(&a, {5, 5, 30, 28});
+}
+
+TEST_F(RegionsWithoutMemory, IntersectionWithARectangleIsWhatTheBoxHasInCommonWithIt)
+{
+    const Rect rect{5, 5, 28, 27};
+    EXPECT_EQ(region_intersect_rect(&result, &a, &rect), 0);
+    expect_box(&result, {5, 5, 28, 27});
+}
+
+TEST_F(RegionsWithoutMemory, DifferenceIsTheBoxAroundTheMinuend)
+{
+    EXPECT_EQ(region_subtract(&result, &a, &b), 0);
+    expect_box(&result, {0, 0, 30, 30});
+}
+
+TEST_F(RegionsWithoutMemory, BoxesAreAddedAsTheBoxAroundThem)
+{
+    const Box boxes[] = {{50, 50, 60, 60}, {1, 1, 1, 500}, {70, 2, 71, 3}};
+    EXPECT_EQ(region_add_boxes(&a, boxes, 3), 0);
+    expect_box(&a, {0, 0, 71, 60});
+}
+
+// Most damage is one rectangle, and this is why that never fails.
+TEST_F(RegionsWithoutMemory, OneRectangleNeedsNone)
+{
+    Region one;
+    const Box box{0, 0, 100, 100};
+    region_init(&one, &box);
+    EXPECT_EQ(region_union(&result, &one, &a), 1);
+    EXPECT_EQ(region_add_i(&b, &one), 1);
+    EXPECT_EQ(regions_failed(), 0);
+    EXPECT_THAT(rects_of(result), ElementsAre(Rect{0, 0, 100, 100}));
+    EXPECT_THAT(rects_of(b), ElementsAre(Rect{0, 0, 100, 100}));
 }
 
 TEST_F(Regions, DestroyTakesNull)

@@ -131,6 +131,38 @@ TEST_F(SurfaceMemory, WithoutMemoryForItsNameABackendStillWorks)
     });
 }
 
+// Otherwise it would show nothing until its last surface goes.
+TEST_F(SurfaceMemory, WithoutMemoryForItsImagesAnOutputIsNotHadAndTheNextSurfaceTriesAgain)
+{
+    in_child([this] {
+        int refused = 0;
+        for (int nth = 1; nth <= 3; nth++) { // the work image, its pixels, the frame image
+            SCOPED_TRACE(nth);
+            close_server();
+            open_server();
+            primary_output.calls.clear();
+            ImageSurface *first = nullptr;
+            const std::string message = complained([&] {
+                fail_allocation(CALLOC, nth + 1); // after the surface's own record
+                first = add("fb.first", SOMEWHERE, XRGB32);
+            });
+            ASSERT_TRUE(allocation_failed());
+            ASSERT_NE(first, nullptr);
+            if (first->backend != nullptr)
+                continue; // it was another allocation
+            refused++;
+            EXPECT_EQ(message, "init failed\n");
+            EXPECT_EQ(primary_output.count(OutputCall::RELEASE), 1);
+            ImageSurface *second = add_shown("fb.second", SOMEWHERE, XRGB32);
+            ASSERT_NE(second->backend, nullptr);
+            paint(second, 0x123456);
+            settle();
+            EXPECT_EQ(primary_output.pixel(5, 5) & 0xFFFFFF, 0x123456u);
+        }
+        EXPECT_GE(refused, 2);
+    });
+}
+
 // Each allocation of the whole way from the first surface to its picture fails once. None of it may end the server.
 TEST_F(SurfaceMemory, NoFailedAllocationEndsTheServer)
 {
