@@ -57,7 +57,7 @@ void fs_update_drawing_area(const FbServer *fs, ImageSurface *surface);
 
 // Client damage in surface coordinates (of the client's image when scaled).
 void fs_add_dirty(FbServer *fs, ImageSurface *surface, int32_t x, int32_t y, int32_t width, int32_t height);
-// Brings the reports that still wait into dirty_region; or forgets them.
+// Brings the reports that still wait into dirty_region; or forgets them, and gives back much room.
 void fs_fold_reports(const FbServer *fs, ImageSurface *surface);
 void fs_drop_reports(ImageSurface *surface);
 // Screen damage of the surface's drawing_area; schedules a render whatever the area.

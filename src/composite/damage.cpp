@@ -99,14 +99,14 @@ int boxes_at_once(const Region *region)
 
 [[gnu::hot]] void fs_fold_reports(const FbServer *fs, ImageSurface *surface)
 {
-    const ReportBatch *batch = &surface->reports;
+    ReportBatch *batch = &surface->reports;
     for (int32_t done = 0; done < batch->n;) {
         const int n = std::min(batch->n - done, boxes_at_once(&surface->dirty_region));
         region_add_boxes(&surface->dirty_region, batch->boxes + done, n);
         bound_reports(fs, surface);
         done += n;
     }
-    fs_drop_reports(surface);
+    batch->n = 0;
 }
 
 [[gnu::hot]] void fs_drop_reports(ImageSurface *surface)

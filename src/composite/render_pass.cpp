@@ -76,8 +76,10 @@ bool is_unchanged(const ImageSurface *surface)
 // What opaque surfaces hide is not taken out here but when it is assigned: all visible damage reaches the outputs.
 void collect_surface(const FbServer *fs, ImageSurface *surface)
 {
-    if (surface->reports.n > 0)
+    if (surface->reports.n > 0) {
         fs_fold_reports(fs, surface);
+        fs_drop_reports(surface);
+    }
     if (surface->scale_state != nullptr) {
         if (surface_has(surface, SURFACE_DIRTY))
             region_union_rect(&surface->dirty_region, &surface->dirty_region, &surface->scale_state->src_rect);

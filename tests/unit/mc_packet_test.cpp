@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Packets: building, parsing, the exact bytes, and every way in which bytes are not a packet.
+#include "../support/failing_memory.h"
 #include "mc_support.h"
 
 #include <memory>
@@ -45,6 +46,21 @@ TEST(Packet, NewOneIsEmpty)
     EXPECT_STREQ(mc_packet_signature(packet.get()), "");
     EXPECT_EQ(bytes_of(packet).substr(4), std::string(4, '\0'));
     mc_packet_free(nullptr);
+}
+
+// So that a server answers without allocating; a second one at the same time has memory of its own.
+TEST(Packet, TheOneThatWasFreedLastIsTheNext)
+{
+    Packet old = command("a word that is longer");
+    ASSERT_EQ(mc_packet_build_args(old.get(), "is", 7, "text"), 2);
+    old.reset();
+    fail_allocation(ANY_ALLOCATION, 1);
+    const Packet packet = command("w");
+    ASSERT_NE(packet, nullptr);
+    EXPECT_EQ(bytes_of(packet).substr(4), std::string("w\0\0\0", 4));
+    EXPECT_THAT(command("w"), IsNull());
+    EXPECT_TRUE(allocation_failed());
+    EXPECT_NE(command("w"), nullptr);
 }
 
 TEST(Packet, HasExactlyTheseBytes)

@@ -173,19 +173,17 @@ TEST_F(Damage, RoomForAFewReportsIsKept)
             fs_add_dirty(server, surface, i % 50 * 2, i / 50 * 2, 1, 1);
     };
     report(5);
-    const Box *room = surface->reports.boxes;
-    EXPECT_NE(room, nullptr);
+    const int32_t room = surface->reports.capacity;
+    EXPECT_GE(room, 4);
     settle();
     EXPECT_EQ(surface->reports.n, 0);
-    report(5);
-    EXPECT_EQ(surface->reports.boxes, room);
-    settle();
+    EXPECT_EQ(surface->reports.capacity, room);
     report(1250);
     EXPECT_GT(surface->reports.capacity, 256);
     settle();
     EXPECT_EQ(surface->reports.capacity, 0);
     EXPECT_EQ(surface->reports.boxes, nullptr);
-    EXPECT_EQ(renders(), 3);
+    EXPECT_EQ(renders(), 2);
 }
 
 TEST_F(Damage, ReportsThatAreOneRectangleNeedNoRoom)
