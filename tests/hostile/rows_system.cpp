@@ -2,6 +2,8 @@
 // What surrounds the server: its log, its memory, its folder, other servers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -153,7 +155,35 @@ constexpr Squatter SQUATTERS[] = {
      [](const Stage &stage, const std::string &folder, const std::string &) { // a live socket without its lock
          EXPECT_EQ(link(stage.socket_path().c_str(), (folder + "/pfb.mc").c_str()), 0);
      }},
+    // A file of the lock's name that nobody locks, beside what is in the way.
+    {"is in the way: it is not a socket",
+     [](const Stage &, const std::string &folder, const std::string &) {
+         write_file(folder + "/pfb.mc", "a file");
+         write_file(folder + "/pfb.mc.lock", "a file");
+     }},
+    {"another server already listens",
+     [](const Stage &stage, const std::string &folder, const std::string &) {
+         EXPECT_EQ(link(stage.socket_path().c_str(), (folder + "/pfb.mc").c_str()), 0);
+         write_file(folder + "/pfb.mc.lock", "");
+     }},
 };
+
+// What lies there: whatever is made, removed, replaced, written to or given other rights changes this.
+std::string listing(const std::string &folder)
+{
+    std::vector<std::string> names = folder_entries(folder);
+    std::sort(names.begin(), names.end());
+    std::string text;
+    for (const std::string &name : names) {
+        const std::string path = folder + "/" + name;
+        struct stat file {};
+        EXPECT_EQ(lstat(path.c_str(), &file), 0) << path << ": " << strerror(errno);
+        text += name + ": inode " + std::to_string(file.st_ino) + ", mode " + std::to_string(file.st_mode) +
+                ", owner " + std::to_string(file.st_uid) + ":" + std::to_string(file.st_gid) + " " + link_target(path) +
+                (S_ISREG(file.st_mode) ? file_text(path) : "") + "\n";
+    }
+    return text;
+}
 
 void squatters(Stage &stage)
 {
@@ -163,11 +193,10 @@ void squatters(Stage &stage)
         ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
         write_file(treasure, "untouched");
         squatter.settle(stage, folder, treasure);
-        const std::string link = link_target(folder + "/pfb.mc") + link_target(folder + "/pfb.mc.lock");
+        const std::string before = listing(folder);
         expect_refusal(folder, squatter.line);
+        EXPECT_EQ(listing(folder), before) << squatter.line;
         EXPECT_EQ(file_text(treasure), "untouched");
-        EXPECT_FALSE(file_exists(folder + "/nowhere"));
-        EXPECT_EQ(link_target(folder + "/pfb.mc") + link_target(folder + "/pfb.mc.lock"), link);
         std::filesystem::remove_all(folder);
         std::filesystem::remove(treasure);
         stage.done()++;
@@ -229,7 +258,7 @@ std::vector<Misbehaviour> system_rows()
          second_server},
         {"Squatters",
          "links, files, folders or a live socket stand where a server's socket or lock would be",
-         "it says so in one line; nothing is followed, removed or written to",
+         "it says so in one line; nothing is followed, made, removed or written to",
          "servers",
          {"hung up without a greeting"},
          squatters},
