@@ -79,6 +79,13 @@ void end_server(pid_t pid)
     EXPECT_EQ(shell_status(status), 0);
 }
 
+// What a server had to say, but for GLib's complaint about a signal that came before the main loop.
+void expect_one_line(const std::string &err, const std::string &line)
+{
+    EXPECT_EQ(count_of(err, "libmc: "), 1u) << err;
+    EXPECT_EQ(count_of(err, line), 1u) << err << "\nexpected: " << line;
+}
+
 void second_server(Stage &stage)
 {
     for (int i = 0; i < 5; i++) {
@@ -88,10 +95,9 @@ void second_server(Stage &stage)
         const pid_t second = program_start(start);
         err.close_write();
         EXPECT_TRUE(wait_until([&] { return count_of(err.text(), "\n") > 0; }));
-        EXPECT_NE(err.text().find("another server already listens at " + stage.socket_path()), std::string::npos)
-            << err.text();
         EXPECT_TRUE(process_exists(second)) << "it stays, and serves nobody";
         end_server(second);
+        expect_one_line(err.text(), "another server already listens at " + stage.socket_path());
         stage.done()++;
     }
 }
@@ -107,9 +113,9 @@ void expect_refusal(const std::string &folder, const std::string &line)
     const pid_t server = program_start(start);
     err.close_write();
     EXPECT_TRUE(wait_until([&] { return count_of(err.text(), "\n") > 0; }));
-    EXPECT_NE(err.text().find(line), std::string::npos) << err.text() << "\nexpected: " << line;
     EXPECT_FALSE(is_listened_at(folder + "/pfb.mc"));
     end_server(server);
+    expect_one_line(err.text(), line);
 }
 
 void write_file(const std::string &path, const std::string &text)
@@ -260,7 +266,7 @@ std::vector<Misbehaviour> system_rows()
          "links, files, folders or a live socket stand where a server's socket or lock would be",
          "it says so in one line; nothing is followed, made, removed or written to",
          "servers",
-         {"hung up without a greeting"},
+         {times(2, "hung up without a greeting")},
          squatters},
         {"LockTaken",
          "somebody else holds the lock of a server's folder",

@@ -3,6 +3,7 @@
 // of them afterwards.
 #pragma once
 
+#include <climits>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,6 +13,28 @@
 #include "../support/test_client.h"
 #include "bystander.h"
 #include "namespace.h"
+
+// A line that the server's log has afterwards, by a part of it, and how often.
+struct LogLine {
+    std::string part;
+    unsigned long least = 1;
+    unsigned long most = ULONG_MAX;
+};
+
+inline LogLine times(unsigned long n, const std::string &part)
+{
+    return {part, n, n};
+}
+
+inline LogLine some(const std::string &part)
+{
+    return {part};
+}
+
+inline LogLine perhaps(const std::string &part)
+{
+    return {part, 0};
+}
 
 enum class Reader { FILE, CLOSED, BLOCKED, GONE }; // of the server's standard output
 
@@ -53,6 +76,8 @@ public:
     // Runs a client in a process of its own until the bystander has made this many further updates, and kills it.
     // Whatever it does without end adds to done().
     void until_updates(unsigned updates, const std::function<void(std::atomic<unsigned long> &done)> &client);
+    // What the log has to have at the end beside the row's own lines: where the number shows only while it is done.
+    void expect_line(const LogLine &line) { lines_.push_back(line); }
     // Waits until only so many clients are connected beside the bystander: the server has seen the others go.
     void expect_connections_of_clients(size_t n) const;
     // How often it was done, for the table.
@@ -68,7 +93,7 @@ public:
 
     // After the misbehaviour: the server lives, the bystander goes on and has missed nothing, descriptors, connections
     // and memory are back, the log says what is expected and nothing else, and the picture is the bystander's.
-    void expect_outcome(const std::vector<std::string> &lines);
+    void expect_outcome(const std::vector<LogLine> &lines);
 
     // What was measured, in words.
     std::string figures(const std::string &unit) const;
@@ -83,7 +108,7 @@ private:
     Usage usage() const;
     bool uses_no_more() const;
     void expect_usage_is_back();
-    void expect_log(const std::vector<std::string> &lines) const;
+    void expect_log() const;
     bool has_ended() const;
 
     StageOptions options_;
@@ -94,6 +119,7 @@ private:
     pid_t server_ = -1;
     std::unique_ptr<Bystander> bystander_;
     SharedCount done_;
+    std::vector<LogLine> lines_;
     Usage before_{};
     Usage after_{};
     unsigned ends_ = 0;
