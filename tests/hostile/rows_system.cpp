@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -14,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "../../src/base/output.h"
 #include "misbehaviour.h"
 #include "server_limit.h"
 
@@ -40,6 +42,25 @@ void output_closed(Stage &stage)
         EXPECT_EQ(link_target("/proc/" + std::to_string(stage.server()) + "/fd/" + stream), "/dev/null");
     much_output(stage);
     EXPECT_EQ(file_text(stage.socket_path() + ".lock"), "");
+}
+
+// Each line is read or counted once the reader is back, and the lists are whole again from then on.
+void output_blocked(Stage &stage)
+{
+    much_output(stage);
+    stage.expect_connections_of_clients(0); // what it has sent is handled
+    const std::string notice = " lines of output dropped: nobody was reading\n";
+    EXPECT_TRUE(wait_until([&] { return count_of(stage.piped(), notice) > 0; }));
+    const std::string text = stage.piped();
+    const size_t kept = text.rfind('\n', text.find(notice)) + 1;
+    const size_t dropped = strtoul(text.c_str() + kept, nullptr, 10);
+    EXPECT_GT(dropped, 0u);
+    stage.expect_lists(count_of(text.substr(0, kept), "\n") + dropped);
+    EXPECT_LE(kept, OUT_BUFFER_SIZE + stage.pipe_size()) << "more waited than there is room";
+    EXPECT_EQ(text.substr(text.find('\n', kept) + 1), "") << "something comes after the notice";
+    stage.ctl({"status"});
+    const std::string list = "# of surface: 2\ncount of lock: 0\n";
+    EXPECT_TRUE(wait_until([&] { return stage.piped().compare(text.size(), list.size(), list) == 0; }));
 }
 
 // Of a process; bytes.
@@ -238,10 +259,10 @@ std::vector<Misbehaviour> system_rows()
          {.reader = Reader::CLOSED}},
         {"OutputBlocked",
          "the reader of its output stops reading",
-         "lines wait in a bounded buffer, then they are dropped and counted",
+         "lines wait in a bounded buffer, then they are dropped; their number is printed once it reads again",
          "lists",
          {},
-         much_output,
+         output_blocked,
          {.reader = Reader::BLOCKED}},
         {"OutputGone",
          "the reader of its output is gone",

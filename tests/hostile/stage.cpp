@@ -186,6 +186,18 @@ void Stage::expect_connections_of_clients(size_t n) const
     EXPECT_TRUE(wait_until([&] { return connections_at(socket_path()) == before_.connections + n; }));
 }
 
+void Stage::expect_lists(size_t lines) const
+{
+    constexpr size_t FIRST_LINES = 9; // the options and the screen
+    constexpr size_t HEAD = 2, SURFACE = 5, SURFACES = 3;
+    constexpr size_t LIST = HEAD + SURFACES * SURFACE;
+    ASSERT_GE(lines, FIRST_LINES);
+    EXPECT_EQ((lines - FIRST_LINES) % LIST, 0u) << "lines of lists that are not whole";
+    const size_t lists = (lines - FIRST_LINES) / LIST;
+    EXPECT_GE(lists, *done_);
+    EXPECT_LE(lists, *done_ + 1);
+}
+
 void Stage::expect_end(int status)
 {
     EXPECT_TRUE(wait_finely([&] { return has_ended(); })) << "the server goes on";

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <climits>
+#include <fcntl.h>
 #include <functional>
 #include <memory>
 #include <string>
@@ -62,6 +63,9 @@ public:
     const std::string &panel_folder() const { return panel_folder_; }
     pid_t server() const { return server_; }
     std::string out() const { return file_text(folder() + "/server-out"); }
+    // What has come out of the pipe that nobody reads otherwise.
+    const std::string &piped() { return pipe_->text(); }
+    size_t pipe_size() const { return static_cast<size_t>(fcntl(pipe_->read_end(), F_GETPIPE_SZ)); }
     std::string err() const { return without_emulators_line(file_text(folder() + "/server-err")); }
     Bystander &bystander() { return *bystander_; }
     bool has_small_memory() const { return memory_ != nullptr && memory_->is_entered(); }
@@ -80,6 +84,9 @@ public:
     void expect_line(const LogLine &line) { lines_.push_back(line); }
     // Waits until only so many clients are connected beside the bystander: the server has seen the others go.
     void expect_connections_of_clients(size_t n) const;
+    // After a flood of "status" by a client with one surface: so many lines are the server's first ones and one list
+    // for each request. There may be one more, whose sender was killed before it had counted it.
+    void expect_lists(size_t lines) const;
     // How often it was done, for the table.
     std::atomic<unsigned long> &done() { return *done_; }
     void add_done(unsigned long n) { *done_ += n; }
