@@ -273,40 +273,91 @@ void send_request(TestClient &client, const std::string &word)
     client.send(word.c_str(), {12, 13, 14, 15});
 }
 
-enum class Instant { BEFORE, RIGHT_AFTER, IN_THE_MIDST };
+// All that a request needs to be a right one goes with it: it must not end the server, wherever its client stops.
+void send_whole(TestClient &client, const std::string &word)
+{
+    if (word == "unlock" || word == "block_until_unlock")
+        client.send("lock_area", {0, 0, 10, 10});
+    send_request(client, word);
+    if (word == "block_until_unlock") // the unlock takes back two
+        client.send("unlock");
+}
 
-// What a request needs, so that it is a right one; "block_until_unlock" must get its unlock, else the server has to
-// end.
-void die_at(const std::string &word, Instant instant)
+enum class Instant { BEFORE, QUEUED, HANDLED };
+
+void send_many(TestClient &client, const std::string &word)
+{
+    constexpr int MANY = 30;
+    for (int i = 0; i < MANY; i++)
+        send_whole(client, word);
+}
+
+// What is handled when the client dies: it does so over an answer in the midst. Of "create" there is only one, since
+// all but the last one would leave a surface behind for good.
+void send_around_an_answer(TestClient &client, const std::string &word)
+{
+    if (word == "create")
+        client.send_text("set_surface", "fb.background");
+    else
+        send_many(client, word);
+    client.send("get_native_color_depth");
+    if (word == "create")
+        send_whole(client, word);
+    else
+        send_many(client, word);
+}
+
+// Two steps: before the requests, and when all of them have been sent.
+void send_and_die(ClientSteps &steps, const std::string &word, Instant instant)
 {
     TestClient client("fb.victim");
     if (word != "create") {
         client.create(small_surface());
         client.send("show");
+        client.native_depth();
     }
-    if (word == "unlock")
-        client.lock(0, 0, 10, 10);
-    if (word == "block_until_unlock" && instant != Instant::BEFORE)
-        client.send("lock_area", {0, 0, 10, 10}); // the unlock takes back two
-    if (instant == Instant::IN_THE_MIDST && word != "create")
-        client.native_depth(); // the request meets a server that waits
-    if (instant != Instant::BEFORE)
-        send_request(client, word);
-    if (word == "block_until_unlock" && instant != Instant::BEFORE)
-        client.send("unlock");
+    steps.reached();
+    if (instant == Instant::QUEUED)
+        send_whole(client, word);
+    if (instant == Instant::HANDLED)
+        send_around_an_answer(client, word);
+    steps.reached();
+    if (instant == Instant::HANDLED)
+        client.wait_for_answer();
     raise(SIGKILL);
+}
+
+void stop(pid_t server)
+{
+    kill(server, SIGSTOP);
+    int status = 0;
+    EXPECT_EQ(waitpid(server, &status, WUNTRACED), server);
+    EXPECT_TRUE(WIFSTOPPED(status));
+}
+
+// The server does nothing while the client sends: all of it is in its queue. It goes on when the client is dead, or
+// with the client waiting for an answer.
+void die_at(Stage &stage, const std::string &word, Instant instant)
+{
+    ClientProcess victim([&](ClientSteps &steps) { send_and_die(steps, word, instant); });
+    victim.wait();
+    stop(stage.server());
+    victim.go();
+    victim.wait();
+    victim.go();
+    if (instant == Instant::HANDLED)
+        kill(stage.server(), SIGCONT);
+    EXPECT_EQ(victim.join(), 128 + SIGKILL) << word;
+    kill(stage.server(), SIGCONT);
+    stage.done()++;
 }
 
 void killed_at_every_request(Stage &stage)
 {
     for (const char *word : WORDS) {
-        for (const Instant instant : {Instant::BEFORE, Instant::RIGHT_AFTER, Instant::IN_THE_MIDST}) {
-            for (int i = 0; i < 2; i++) {
-                ClientProcess victim([&](ClientSteps &) { die_at(word, instant); });
-                EXPECT_EQ(victim.join(), 128 + SIGKILL) << word;
-                stage.done()++;
-            }
-        }
+        for (const Instant instant :
+             {Instant::BEFORE, Instant::QUEUED, Instant::HANDLED, Instant::HANDLED, Instant::HANDLED, Instant::HANDLED})
+            die_at(stage, word, instant);
     }
 }
 
@@ -316,7 +367,8 @@ std::vector<Misbehaviour> lock_rows()
 {
     return {
         {"KilledAtEveryRequest",
-         "is killed (SIGKILL) before, right after or while any of the 19 requests is handled",
+         "is killed (SIGKILL) before any of the 19 requests, with it in the server's queue, or while 50 such are "
+         "handled",
          "its surface goes, with its locks; what lies below is drawn",
          "kills",
          {},

@@ -178,6 +178,12 @@ void TestClient::settle()
     }
 }
 
+void TestClient::wait_for_answer()
+{
+    pollfd entry{mc_fd(connection_), POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, ANSWER_MS), 1) << "no answer";
+}
+
 void TestClient::shut(int direction)
 {
     EXPECT_EQ(shutdown(mc_fd(connection_), direction), 0) << strerror(errno);

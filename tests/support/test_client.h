@@ -59,6 +59,8 @@ public:
     int native_depth();
     // Waits until every earlier request is handled and every render that was due then has run.
     void settle();
+    // Waits until any answer can be read.
+    void wait_for_answer();
     // Shuts a direction of the connection: SHUT_RD or SHUT_WR. With either no more answers can be waited for.
     void shut(int direction);
     // True once the server has closed the connection. Does not wait, and takes what can be read.
