@@ -128,12 +128,6 @@ bool draws_upside_down(const Action &a)
     return false;
 }
 
-// The list of surfaces was lost with an allocation.
-bool hangs_up_after_loss(const Action &a)
-{
-    return a.kind == Action::HANG_UP && fuzz_system.memory_refused;
-}
-
 constexpr RequiredAbort REQUIRED[] = {
     {"src/fbserver/create.cpp", "create", "0", could_not_open},
     {"src/composite/rotation.cpp", "fs_rotate_display", "0", turns_oddly},
@@ -143,7 +137,6 @@ constexpr RequiredAbort REQUIRED[] = {
     {"src/composite/geometry.cpp", "fs_resize_surface", "h > 0", has_no_height},
     {"src/composite/damage.cpp", "fs_set_unlock", "surface->lock_counter >= 0", unlocks_too_often},
     {"src/composite/image_render.cpp", "image_render", "0", draws_upside_down},
-    {"src/composite/surface.cpp", "fs_remove_surface", "i < fs->n_surface", hangs_up_after_loss},
     {"src/backend/fb.cpp", "fb_init", "0", creates},
     {"src/backend/fb2.cpp", "qarno_fb2_init", "0", creates},
 };

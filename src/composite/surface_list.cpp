@@ -15,17 +15,12 @@ size_t bytes(int32_t entries)
     return sizeof(ImageSurface *) * static_cast<size_t>(entries);
 }
 
-bool make_room(FbServer *fs)
+void lose(FbServer *fs)
 {
-    if (fs->n_surface < fs->surface_capacity)
-        return true;
-    fs->surface_capacity = fs->surface_capacity == 0 ? FIRST_CAPACITY : 2 * fs->surface_capacity;
-    fs->surfaces = static_cast<ImageSurface **>(realloc(fs->surfaces, bytes(fs->surface_capacity)));
-    if (fs->surfaces != nullptr)
-        return true;
     err_printf("***********************error\n");
+    free(fs->surfaces);
+    fs->surfaces = nullptr;
     fs->n_surface = fs->surface_capacity = 0;
-    return false;
 }
 
 int32_t first_above(const FbServer *fs, int32_t level)
@@ -38,10 +33,25 @@ int32_t first_above(const FbServer *fs, int32_t level)
 
 } // namespace
 
+bool surface_list_reserve(FbServer *fs)
+{
+    if (fs->n_surface < fs->surface_capacity)
+        return true;
+    const int32_t capacity = fs->surface_capacity == 0 ? FIRST_CAPACITY : 2 * fs->surface_capacity;
+    auto *larger = static_cast<ImageSurface **>(realloc(fs->surfaces, bytes(capacity)));
+    if (larger == nullptr)
+        return false;
+    fs->surfaces = larger;
+    fs->surface_capacity = capacity;
+    return true;
+}
+
 void surface_list_add(FbServer *fs, ImageSurface *surface)
 {
-    if (!make_room(fs))
+    if (!surface_list_reserve(fs)) {
+        lose(fs);
         return;
+    }
     const int32_t index = first_above(fs, surface->level);
     memmove(fs->surfaces + index + 1, fs->surfaces + index, bytes(fs->n_surface - index));
     fs->surfaces[index] = surface;

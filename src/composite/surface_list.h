@@ -4,6 +4,8 @@
 
 #include "records.h"
 
+// Room for one more, so that adding it does not fail. False without memory, with the list as it was.
+bool surface_list_reserve(FbServer *fs);
 // Above all surfaces of the same or a lower level. Without memory for a larger array the list is lost, after a message
 // on standard error, and the surface is in no list.
 void surface_list_add(FbServer *fs, ImageSurface *surface);

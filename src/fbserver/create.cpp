@@ -11,6 +11,7 @@
 #include "../base/wrap.h"
 #include "../composite/client_memory.h"
 #include "../composite/client_limits.h"
+#include "../composite/surface_list.h"
 
 namespace {
 
@@ -123,6 +124,11 @@ void create(mc_connection *connection, const CreateRequest &request)
     if (format < 0) {
         out_printf("unsupported color depth&alpha combination:depth=%d alpha=%d\n", request.depth, request.alpha);
         keep_unused(pixels);
+        return;
+    }
+    if (!surface_list_reserve(fs)) { // everybody else's surfaces would be lost with the list
+        out_printf("%s: refused: no memory for one more surface\n", "create");
+        client_memory_retire(pixels);
         return;
     }
     client_memory_leave(pixels_left_by(connection));

@@ -57,18 +57,32 @@ bool lock_is_of_path(int fd, const char *path)
     return fstat(fd, &locked) == 0 && same_file(path, locked.st_dev, locked.st_ino);
 }
 
+// What a killed server leaves. Anything else of that name serves as a lock, and stays where it is.
+bool is_left_lock(int fd)
+{
+    struct stat locked;
+    return fstat(fd, &locked) == 0 && S_ISREG(locked.st_mode) && locked.st_size == 0;
+}
+
 enum class Lock { held, failed, again };
 
-Lock lock_try(const char *path, const char *socket_path, int *lock_fd)
+Lock lock_try(const char *path, Listener *listener)
 {
-    const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, LOCK_MODE);
+    constexpr int FLAGS = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    int fd = open(path, FLAGS | O_CREAT | O_EXCL, LOCK_MODE);
+    const bool made = fd >= 0;
+    if (fd < 0 && errno == EEXIST) {
+        fd = open(path, FLAGS);
+        if (fd < 0 && errno == ENOENT) // its server has ended meanwhile
+            return Lock::again;
+    }
     if (fd < 0) {
         complain("cannot open", path);
         return Lock::failed;
     }
     if (flock(fd, LOCK_EX | LOCK_NB) < 0) {
         if (errno == EWOULDBLOCK)
-            complain_taken(socket_path);
+            complain_taken(listener->address.sun_path);
         else
             complain("cannot lock", path);
         close(fd);
@@ -78,7 +92,8 @@ Lock lock_try(const char *path, const char *socket_path, int *lock_fd)
         close(fd);
         return Lock::again;
     }
-    *lock_fd = fd;
+    listener->lock_fd = fd;
+    listener->own_lock = made;
     return Lock::held;
 }
 
@@ -86,7 +101,7 @@ bool lock_take(Listener *listener)
 {
     const LockPath path = lock_path(listener->address);
     for (int i = 0; i < 100; i++) {
-        const Lock lock = lock_try(path.text, listener->address.sun_path, &listener->lock_fd);
+        const Lock lock = lock_try(path.text, listener);
         if (lock != Lock::again)
             return lock == Lock::held;
     }
@@ -150,7 +165,12 @@ bool open_own(Listener *listener, const char *service)
     if (!lock_take(listener) || !place_clear(listener->address))
         return false;
     listener->fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    return listener->fd < 0 ? complain("cannot make a socket for", service) : bind_and_listen(listener);
+    if (listener->fd < 0)
+        return complain("cannot make a socket for", service);
+    if (!bind_and_listen(listener))
+        return false;
+    listener->own_lock |= is_left_lock(listener->lock_fd);
+    return true;
 }
 
 } // namespace
@@ -183,11 +203,13 @@ void listener_close(Listener *listener)
         unlink(listener->address.sun_path);
     if (listener->fd >= 0)
         close(listener->fd);
-    if (listener->lock_fd >= 0) {
-        unlink(lock_path(listener->address).text); // while the lock is still held
+    const LockPath lock = lock_path(listener->address);
+    if (listener->own_lock && lock_is_of_path(listener->lock_fd, lock.text))
+        unlink(lock.text); // while the lock is still held
+    if (listener->lock_fd >= 0)
         close(listener->lock_fd);
-    }
     listener->fd = listener->lock_fd = -1;
+    listener->own_lock = false;
     listener->inode = 0;
 }
 

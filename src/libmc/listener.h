@@ -12,14 +12,16 @@ namespace libmc {
 inline constexpr int QUEUE_MAX = 256;
 
 struct Listener {
-    int fd;       // listening, non-blocking; -1: closed
-    int lock_fd;  // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
-    dev_t device; // what was bound, so that nothing else is ever removed
+    int fd;        // listening, non-blocking; -1: closed
+    int lock_fd;   // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
+    bool own_lock; // its file goes with us: made here, or taken over from a killed server
+    dev_t device;  // what was bound, so that nothing else is ever removed
     ino_t inode;
     sockaddr_un address;
 };
 
-// Opens the socket of `service`. False after one line in the log; there is then nothing to close.
+// Opens the socket of `service`. False after one line in the log; there is then nothing to close, and what was there
+// before still is.
 bool listener_open(Listener *listener, const char *service);
 // Closes it and removes the files that are ours.
 void listener_close(Listener *listener);

@@ -18,7 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int WINDOW_X = 100, WINDOW_Y = 20, WINDOW_SIZE = 24;
 constexpr int WINDOW_LEVEL = 1000, BACKGROUND_LEVEL = -1000;
 constexpr auto FRAME = std::chrono::microseconds(1000000 / 30);
 
@@ -136,6 +135,7 @@ struct Bystander::Work {
             const Clock::time_point start = Clock::now();
             const uint32_t colour = colour_of(board.updates + 1);
             update(colour);
+            board.reported = board.updates + 1;
             expect_on_panel(colour, start);
             board.updates++;
             while (Clock::now() < start + FRAME)
@@ -164,6 +164,11 @@ void Bystander::expect_progress(unsigned updates)
     const unsigned wanted = board_->updates + updates;
     EXPECT_TRUE(wait_until([&] { return board_->updates >= wanted || board_->failed; })) << "no update gets through";
     EXPECT_FALSE(board_->failed) << board_->fault;
+}
+
+bool Bystander::is_shown(unsigned update) const
+{
+    return window_shows(panel_, colour_of(update));
 }
 
 unsigned Bystander::returns() const

@@ -10,6 +10,9 @@
 #include "../support/test_client.h"
 #include "shared.h"
 
+// Where its window is, whose colour changes all the time.
+inline constexpr int WINDOW_X = 100, WINDOW_Y = 20, WINDOW_SIZE = 24;
+
 class Bystander {
 public:
     // Starts it on the server that this process's clients are pointed at.
@@ -18,6 +21,9 @@ public:
 
     // How many updates it has seen on the panel.
     unsigned updates() const { return board_->updates; }
+    // The last one that it has reported to the server, and whether the panel shows one.
+    unsigned reported() const { return board_->reported; }
+    bool is_shown(unsigned update) const;
     // Waits for so many further ones. A test failure, with what it says, when they do not come.
     void expect_progress(unsigned updates);
     // The longest that an update took to reach the panel, in milliseconds.
@@ -36,7 +42,7 @@ public:
 
 private:
     struct Board {
-        std::atomic<unsigned> updates, worst_us;
+        std::atomic<unsigned> updates, reported, worst_us;
         std::atomic<unsigned> lost, restored, reduced;
         std::atomic<bool> rest, resting, failed;
         char fault[256];

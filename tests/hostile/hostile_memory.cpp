@@ -39,6 +39,12 @@ void ChangingMemory::resize(off_t bytes) const
     EXPECT_EQ(ftruncate(fd_, bytes), 0) << strerror(errno);
 }
 
+void ChangingMemory::fill(off_t bytes, int byte) const
+{
+    const std::string text(static_cast<size_t>(bytes), static_cast<char>(byte));
+    EXPECT_EQ(pwrite(fd_, text.data(), text.size(), 0), static_cast<ssize_t>(text.size())) << strerror(errno);
+}
+
 void send_word(mc_connection *connection, const char *word)
 {
     mc_packet *packet = mc_packet_new_command(word);
@@ -62,4 +68,13 @@ bool is_answered(mc_connection *connection)
     mc_packet_free(question);
     mc_packet_free(answer);
     return answered;
+}
+
+bool settles(mc_connection *connection)
+{
+    for (int i = 0; i < QUESTIONS_TO_SETTLE; i++) {
+        if (!is_answered(connection))
+            return false;
+    }
+    return true;
 }

@@ -17,6 +17,8 @@ public:
     // Sends "create" of a 32-bit surface over it, and "show".
     void create(mc_connection *connection, int width, int height, int stride, int alpha) const;
     void resize(off_t bytes) const;
+    // Writes the same byte everywhere up to `bytes`, which must be there.
+    void fill(off_t bytes, int byte) const;
 
 private:
     std::string name_;
@@ -28,3 +30,6 @@ void send_word(mc_connection *connection, const char *word);
 void send_dirty(mc_connection *connection, int width, int height);
 // Asks for the depth and waits for the answer: false when the connection ends instead.
 bool is_answered(mc_connection *connection);
+// Waits until every earlier request is handled and every render that was due then has run. False when the connection
+// ends instead.
+bool settles(mc_connection *connection);

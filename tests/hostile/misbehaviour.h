@@ -9,12 +9,11 @@
 #include "stage.h"
 
 struct Misbehaviour {
-    const char *name;    // of the test
-    const char *words;   // what is done
-    const char *outcome; // what has to come of it
-    const char *unit;    // of Stage::done
-    // Parts of the lines that the server's log then has (after a question mark: may have); it has no others.
-    std::vector<std::string> lines;
+    const char *name;           // of the test
+    const char *words;          // what is done
+    const char *outcome;        // what has to come of it
+    const char *unit;           // of Stage::done
+    std::vector<LogLine> lines; // what the server's log then has; it has no others
     void (*run)(Stage &stage);
     StageOptions stage = {};
 };

@@ -196,7 +196,7 @@ std::vector<Misbehaviour> access_rows()
          "another user connects, of another group",
          "refused by the kernel: the socket has mode 0660",
          "attempts",
-         {"?hung up without a greeting"},
+         {times(1, "hung up without a greeting")},
          another_user},
         {"TheGroup",
          "another user connects, of the group of a folder with the setgid bit",

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <sys/resource.h>
@@ -28,36 +29,67 @@ void one_after_the_other(Stage &stage)
     });
 }
 
-// Asked and not answered: it was turned away.
-unsigned connect_many(Stage &stage, unsigned wanted)
+using Crowd = std::vector<std::unique_ptr<RawClient>>;
+
+// So many more join the crowd. Returns how many are served: who asks and is not answered was turned away.
+unsigned connect_many(Stage &stage, Crowd &crowd, unsigned wanted)
 {
-    std::vector<std::unique_ptr<RawClient>> clients;
     unsigned served = 0;
     for (unsigned i = 0; i < wanted; i++) {
-        clients.push_back(std::make_unique<RawClient>(stage.socket_path()));
+        crowd.push_back(std::make_unique<RawClient>(stage.socket_path()));
         const std::string greeting = RawClient::greeting("fb.crowd");
-        send(clients.back()->fd(), greeting.data(), greeting.size(), MSG_NOSIGNAL);
+        send(crowd.back()->fd(), greeting.data(), greeting.size(), MSG_NOSIGNAL);
         const std::string question = RawClient::request("get_native_color_depth");
-        send(clients.back()->fd(), question.data(), question.size(), MSG_NOSIGNAL);
+        send(crowd.back()->fd(), question.data(), question.size(), MSG_NOSIGNAL);
         char answer[64];
-        served += recv(clients.back()->fd(), answer, sizeof answer, 0) > 0 ? 1 : 0;
+        served += recv(crowd.back()->fd(), answer, sizeof answer, 0) > 0 ? 1 : 0;
+        stage.done()++;
     }
     return served;
+}
+
+// How many the log's lines speak of: those that came soon after another one are told of by a later line.
+unsigned long refusals_told(const std::string &log)
+{
+    const std::string before = " (and ";
+    unsigned long told = 0;
+    for (const std::string &line : lines_of(log)) {
+        if (count_of(line, "refused a client: ") == 0)
+            continue;
+        const size_t at = line.find(before);
+        told += 1 + (at != std::string::npos ? strtoul(line.c_str() + at + before.size(), nullptr, 10) : 0);
+    }
+    return told;
+}
+
+// While the crowd fills all places, another one connects again and again, until the log has told of all.
+void expect_refusals_told(Stage &stage, Crowd &crowd, unsigned long refused)
+{
+    EXPECT_TRUE(wait_until([&] {
+        EXPECT_EQ(connect_many(stage, crowd, 1), 0u);
+        return refusals_told(stage.err()) >= ++refused;
+    })) << refused
+        << " were turned away: " << stage.err();
+    EXPECT_EQ(refusals_told(stage.err()), refused) << stage.err();
 }
 
 void many_at_once(Stage &stage)
 {
     constexpr unsigned WANTED = 400, PLACES = 256 - 2; // the bystander has two
     stage.in_process([&] {
-        for (int round = 0; round < 3; round++)
-            EXPECT_EQ(connect_many(stage, WANTED), PLACES) << round;
+        for (unsigned long round = 1; round <= 3; round++) {
+            Crowd crowd;
+            EXPECT_EQ(connect_many(stage, crowd, WANTED), PLACES) << round;
+            if (round == 3)
+                expect_refusals_told(stage, crowd, round * (WANTED - PLACES));
+        }
     });
-    stage.add_done(3 * WANTED);
 }
+
+constexpr unsigned SILENT = 100;
 
 void never_greets(Stage &stage)
 {
-    constexpr unsigned SILENT = 100;
     stage.in_process([&] {
         std::vector<std::unique_ptr<RawClient>> clients;
         for (unsigned i = 0; i < SILENT; i++)
@@ -98,6 +130,11 @@ void comes_and_goes(Stage &stage)
             done++;
         }
     });
+    // Another one at most has come and not been counted. When more than 32 are there at once, the oldest makes way and
+    // has no line of its own.
+    stage.expect_connections_of_clients(0);
+    const bool all_have_lines = count_of(stage.err(), "clients have not greeted yet") == 0;
+    stage.expect_line({"hung up without a greeting", all_have_lines ? stage.done().load() : 1, stage.done() + 1});
 }
 
 void never_reads(Stage &stage)
@@ -113,23 +150,47 @@ void never_reads(Stage &stage)
     });
 }
 
-// What a client sends into a connection whose other direction it has shut counts; one that says it has no more to say
-// is gone.
+constexpr int SIDE = 20;
+
+// What the panel shows at the corners of a place of the small surfaces' size.
+bool shows(const PanelView &panel, int x, int y, uint32_t word)
+{
+    return (panel.raw(x, y) & 0xFFFFFF) == word && (panel.raw(x + SIDE - 1, y + SIDE - 1) & 0xFFFFFF) == word;
+}
+
+// What a client sends into a connection whose other direction it has shut counts, before and after, also where the
+// answer to it cannot reach it.
+void stop_reading(const PanelView &panel, uint32_t colour)
+{
+    TestClient deaf("fb.deaf");
+    deaf.create(pixels_filled(PixelFormat::XRGB, SIDE, SIDE, 0xFF000000 | colour), 10, 10, 1);
+    deaf.send("show");
+    deaf.shut(SHUT_RD);
+    EXPECT_TRUE(wait_until([&] { return shows(panel, 10, 10, colour); })) << "what was sent before does not count";
+    deaf.send("get_native_color_depth");
+    deaf.send("move", {60, 70});
+    EXPECT_TRUE(wait_until([&] { return shows(panel, 60, 70, colour); })) << "what is sent after it does not count";
+}
+
+// A client that says it has no more to say is gone: its connection ends, and so does its surface.
+void stop_writing(const PanelView &panel, uint32_t colour, uint32_t below)
+{
+    TestClient mute("fb.mute");
+    mute.create(pixels_filled(PixelFormat::XRGB, SIDE, SIDE, 0xFF000000 | colour), 10, 10, 1);
+    mute.send("show");
+    EXPECT_TRUE(wait_until([&] { return shows(panel, 10, 10, colour); }));
+    mute.shut(SHUT_WR);
+    EXPECT_TRUE(wait_until([&] { return mute.is_dropped(); })) << "it still has its connection";
+    EXPECT_TRUE(wait_until([&] { return (panel.raw(10, 10) & 0xFFFFFF) == below; })) << "it still has its surface";
+}
+
 void half_closed(Stage &stage)
 {
     stage.in_process([&] {
-        for (int i = 0; i < 100; i++) {
-            TestClient client("fb.half");
-            RawClient deaf(stage.socket_path(), "fb.half");
-            shutdown(deaf.fd(), SHUT_RD);
-            deaf.send_bytes(RawClient::request("get_native_color_depth"));
-            deaf.send_bytes(RawClient::request("status"));
-            RawClient mute(stage.socket_path(), "fb.half");
-            shutdown(mute.fd(), SHUT_WR);
-            EXPECT_TRUE(mute.is_dropped());
-            client.create({.x = 10, .y = 10, .width = 20, .height = 20, .level = 1});
-            client.send("show");
-            EXPECT_TRUE(client.is_connected());
+        const uint32_t below = stage.panel().raw(10, 10) & 0xFFFFFF;
+        for (uint32_t i = 1; i <= 100; i++) {
+            stop_reading(stage.panel(), i * 0x010203);
+            stop_writing(stage.panel(), i * 0x020301, below);
             stage.done() += 2;
         }
     });
@@ -158,10 +219,16 @@ void shared_by_fork(Stage &stage)
 void descriptors_exhausted(Stage &stage)
 {
     const ServerLimit limit(stage.server(), RLIMIT_NOFILE, process_descriptors(stage.server()) + 10);
-    stage.in_process([&] { EXPECT_EQ(connect_many(stage, 200), 10u); });
-    stage.add_done(200);
+    stage.in_process([&] {
+        Crowd crowd;
+        EXPECT_EQ(connect_many(stage, crowd, 200), 10u);
+        expect_refusals_told(stage, crowd, 190);
+    });
     stage.bystander().expect_progress(3);
-    stage.in_process([&] { EXPECT_EQ(connect_many(stage, 1), 1u) << "there is room again"; });
+    stage.in_process([&] {
+        Crowd crowd;
+        EXPECT_EQ(connect_many(stage, crowd, 1), 1u) << "there is room again";
+    });
 }
 
 } // namespace
@@ -177,33 +244,34 @@ std::vector<Misbehaviour> connection_rows()
          one_after_the_other},
         {"ManyAtOnce",
          "opens more than 256 connections at once",
-         "the others are turned away, with a line",
+         "the others are turned away; a line, one a second at most, says how many",
          "connections",
-         {"refused a client: 256 connections are open already"},
+         {some("refused a client: 256 connections are open already")},
          many_at_once},
         {"ComesAndGoes",
          "connects and hangs up at once, without end",
          "nothing but a line for each",
          "connections",
-         {"hung up without a greeting", "?clients have not greeted yet"},
+         {perhaps("clients have not greeted yet")},
          comes_and_goes},
         {"NeverGreets",
          "connects and says nothing",
          "it is closed after 5 seconds; of more than 32 such the oldest makes way",
          "connections",
-         {"no greeting in time", "32 clients have not greeted yet"},
+         {{"no greeting in time", 32, SILENT}, some("32 clients have not greeted yet")},
          never_greets},
         {"GreetsWrongly",
          "greets with another version, no name, too long a name, or something else",
          "its connection is closed, with a line",
          "connections",
-         {"its first packet is not a greeting", "its name is too long", "another version", "malformed packet"},
+         {times(80, "its first packet is not a greeting"), times(40, "its name is too long"),
+          times(40, "another version"), times(40, "malformed packet")},
          greets_wrongly},
         {"NeverReads",
          "asks without end and never reads an answer",
          "it is dropped, with a line; nobody waits for it",
          "questions",
-         {"does not read its replies"},
+         {times(10, "does not read its replies")},
          never_reads},
         {"HalfClosed",
          "shuts one direction of its connection",
@@ -219,9 +287,9 @@ std::vector<Misbehaviour> connection_rows()
          shared_by_fork},
         {"DescriptorsExhausted",
          "connects until the server has no descriptor left",
-         "newcomers are turned away, with a line, until there is one again",
+         "newcomers are turned away until there is one again; a line, one a second at most, says how many",
          "connections",
-         {"refused a client: no descriptor is free"},
+         {some("refused a client: no descriptor is free")},
          descriptors_exhausted},
     };
 }

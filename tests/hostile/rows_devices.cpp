@@ -11,13 +11,13 @@
 
 namespace {
 
-constexpr int ATTEMPTS = 10;
+constexpr unsigned ATTEMPTS = 10;
 
 // Surfaces for the second layer, one after the other.
 void second_layer(Stage &stage)
 {
     stage.in_process([&] {
-        for (int i = 0; i < ATTEMPTS; i++) {
+        for (unsigned i = 0; i < ATTEMPTS; i++) {
             TestClient client("fb2.client");
             client.create({.x = 0, .y = 0, .width = 50, .height = 50});
             client.send("show");
@@ -41,14 +41,14 @@ void repair(const Stage &stage)
 void screen_mended(Stage &stage, const std::string &line)
 {
     const size_t descriptors = process_descriptors(stage.server());
-    for (int i = 0; i < ATTEMPTS; i++) {
+    for (unsigned i = 0; i < ATTEMPTS; i++) {
         TestClient client("fb.client");
         client.create({.x = 0, .y = 0, .width = 50, .height = 50});
         client.send("show");
         EXPECT_EQ(client.native_depth(), 0);
         stage.done()++;
     }
-    EXPECT_EQ(count_of(stage.err(), line), static_cast<size_t>(ATTEMPTS)) << stage.err();
+    EXPECT_EQ(count_of(stage.err(), line), ATTEMPTS) << stage.err();
     EXPECT_TRUE(wait_until([&] { return process_descriptors(stage.server()) <= descriptors + 1; }));
     repair(stage);
     TestClient client("fb.client");
@@ -88,14 +88,14 @@ std::vector<Misbehaviour> device_rows()
          "the second layer's requests (ioctl) fail",
          "a message each time, and the next surface tries again; the main screen goes on",
          "surfaces",
-         {"FBIOGET_FSCREENINFO: Input/output error", "init failed"},
+         {times(ATTEMPTS, "FBIOGET_FSCREENINFO: Input/output error"), times(ATTEMPTS, "init failed")},
          second_layer,
          layer_fault("fb2-fix")},
         {"LayerMmapFails",
          "the second layer cannot be mapped",
          "a message each time, and the next surface tries again; the main screen goes on",
          "surfaces",
-         {"mmap: No such device", "init failed"},
+         {times(ATTEMPTS, "mmap: No such device"), times(ATTEMPTS, "init failed")},
          second_layer,
          layer_fault("fb2-mmap")},
         {"LayerControlFails",

@@ -73,6 +73,15 @@ void status(TestClient &client, int)
     client.send("status");
 }
 
+void flood_of_status(Stage &stage)
+{
+    flood<status>(stage);
+    stage.expect_connections_of_clients(0); // what it has sent is handled
+    const std::string out = stage.out();
+    stage.expect_lists(count_of(out, "\n"));
+    EXPECT_GE(count_of(out, "# of surface: 3\n"), stage.done());
+}
+
 void lock(TestClient &client, int i)
 {
     client.lock(i % 50, i % 40, 20, 20);
@@ -136,7 +145,7 @@ std::vector<Misbehaviour> flood_rows()
          "the same; the list is printed each time",
          "requests",
          {},
-         flood<status>},
+         flood_of_status},
         {"FloodOfLocks",
          "locks and unlocks without a pause",
          "the picture gets through between two locks",

@@ -15,14 +15,22 @@ namespace {
 
 constexpr unsigned UPDATES = 10;
 
-// Nothing is drawn: the bystander sees no further update, but for one that was on the panel already. `asker` makes sure
-// that everything due would have been drawn meanwhile.
+// What the bystander has reported is not drawn, though `asker` makes sure that everything due would have been.
+bool is_held_back(const Bystander &bystander, unsigned update, TestClient &asker)
+{
+    asker.settle();
+    return !bystander.is_shown(update) && bystander.reported() == update;
+}
+
+// Nothing is drawn. The update that the bystander has reported last may have come before.
 void expect_standstill(Stage &stage, TestClient &asker)
 {
-    const unsigned before = stage.bystander().updates();
-    asker.settle();
-    asker.settle();
-    EXPECT_LE(stage.bystander().updates(), before + 1) << "drawn in spite of a lock";
+    const Bystander &bystander = stage.bystander();
+    const unsigned last = bystander.reported();
+    if (is_held_back(bystander, last, asker))
+        return;
+    EXPECT_TRUE(wait_until([&] { return bystander.reported() > last; }));
+    EXPECT_TRUE(is_held_back(bystander, last + 1, asker)) << "drawn in spite of a lock";
 }
 
 // What `pfbctl status` makes the server print.
@@ -65,27 +73,56 @@ void nested_locks(Stage &stage)
     EXPECT_EQ(holder.join(), 0);
 }
 
-void stopped_holder(Stage &stage)
+// Stops itself with the lock held. When it goes on it says so, and gives the lock back as soon as it may.
+void hold_and_stop(ClientSteps &steps)
 {
-    TestClient asker("x.asker");
-    asker.create(small_surface());
-    ClientProcess holder([](ClientSteps &) {
-        TestClient client("fb.holder");
-        client.create(small_surface());
-        client.send("show");
-        client.lock(0, 0, 10, 10);
-        raise(SIGSTOP);
-    });
+    TestClient client("fb.holder");
+    client.create(small_surface());
+    client.send("show");
+    client.lock(0, 0, 10, 10);
+    raise(SIGSTOP);
+    steps.reached();
+    client.send("unlock");
+    steps.reached();
+}
+
+void expect_stopped(Stage &stage, TestClient &asker, const ClientProcess &holder)
+{
     int status = 0;
     EXPECT_EQ(waitpid(holder.pid(), &status, WUNTRACED), holder.pid());
     EXPECT_TRUE(WIFSTOPPED(status));
     expect_standstill(stage, asker);
     expect_locks(stage, 1);
-    stage.add_done(1);
-    holder.kill(SIGKILL);
-    EXPECT_EQ(holder.join(), 128 + SIGKILL);
+}
+
+void expect_picture_back(Stage &stage)
+{
     stage.bystander().expect_progress(UPDATES);
     expect_locks(stage, 0);
+}
+
+void stopped_holder(Stage &stage)
+{
+    TestClient asker("x.asker");
+    asker.create(small_surface());
+
+    ClientProcess killed(hold_and_stop);
+    expect_stopped(stage, asker, killed);
+    killed.kill(SIGKILL);
+    EXPECT_EQ(killed.join(), 128 + SIGKILL);
+    expect_picture_back(stage);
+
+    ClientProcess continued(hold_and_stop);
+    expect_stopped(stage, asker, continued);
+    continued.kill(SIGCONT);
+    continued.wait();
+    expect_standstill(stage, asker); // it goes on, and has the lock
+    continued.go();
+    continued.wait();
+    expect_picture_back(stage);
+    continued.go();
+    EXPECT_EQ(continued.join(), 0);
+    stage.add_done(2);
 }
 
 // The picture goes on before the holder has drawn; had the holder sent its own unlock, the server would have ended.
@@ -160,8 +197,7 @@ void orphan_with_a_lock(Stage &stage)
         program_run(stage.beside({from_build("PFB_TEST_PYTHON"), "-c", unlock_program(), "fb.orphan"}));
     EXPECT_EQ(shell_status(result.status), 0) << result.err;
     stage.add_done(1);
-    stage.bystander().expect_progress(UPDATES);
-    expect_locks(stage, 0);
+    expect_picture_back(stage);
 }
 
 void turn_display(Stage &stage)
@@ -185,8 +221,7 @@ void rotation_that_waits(Stage &stage)
     expect_standstill(stage, asker);
     expect_locks(stage, 1);
     stage.ctl({"fill", "black", "--size", "1x1", "--rotation", "0", "--for", "0.1"});
-    stage.bystander().expect_progress(UPDATES);
-    expect_locks(stage, 0);
+    expect_picture_back(stage);
 }
 
 // The other way out: what is still shown for the old turn is hidden, and a surface of the new turn comes and goes.
@@ -238,40 +273,91 @@ void send_request(TestClient &client, const std::string &word)
     client.send(word.c_str(), {12, 13, 14, 15});
 }
 
-enum class Instant { BEFORE, RIGHT_AFTER, IN_THE_MIDST };
+// All that a request needs to be a right one goes with it: it must not end the server, wherever its client stops.
+void send_whole(TestClient &client, const std::string &word)
+{
+    if (word == "unlock" || word == "block_until_unlock")
+        client.send("lock_area", {0, 0, 10, 10});
+    send_request(client, word);
+    if (word == "block_until_unlock") // the unlock takes back two
+        client.send("unlock");
+}
 
-// What a request needs, so that it is a right one; "block_until_unlock" must get its unlock, else the server has to
-// end.
-void die_at(const std::string &word, Instant instant)
+enum class Instant { BEFORE, QUEUED, HANDLED };
+
+void send_many(TestClient &client, const std::string &word)
+{
+    constexpr int MANY = 30;
+    for (int i = 0; i < MANY; i++)
+        send_whole(client, word);
+}
+
+// What is handled when the client dies: it does so over an answer in the midst. Of "create" there is only one, since
+// all but the last one would leave a surface behind for good.
+void send_around_an_answer(TestClient &client, const std::string &word)
+{
+    if (word == "create")
+        client.send_text("set_surface", "fb.background");
+    else
+        send_many(client, word);
+    client.send("get_native_color_depth");
+    if (word == "create")
+        send_whole(client, word);
+    else
+        send_many(client, word);
+}
+
+// Two steps: before the requests, and when all of them have been sent.
+void send_and_die(ClientSteps &steps, const std::string &word, Instant instant)
 {
     TestClient client("fb.victim");
     if (word != "create") {
         client.create(small_surface());
         client.send("show");
+        client.native_depth();
     }
-    if (word == "unlock")
-        client.lock(0, 0, 10, 10);
-    if (word == "block_until_unlock" && instant != Instant::BEFORE)
-        client.send("lock_area", {0, 0, 10, 10}); // the unlock takes back two
-    if (instant == Instant::IN_THE_MIDST && word != "create")
-        client.native_depth(); // the request meets a server that waits
-    if (instant != Instant::BEFORE)
-        send_request(client, word);
-    if (word == "block_until_unlock" && instant != Instant::BEFORE)
-        client.send("unlock");
+    steps.reached();
+    if (instant == Instant::QUEUED)
+        send_whole(client, word);
+    if (instant == Instant::HANDLED)
+        send_around_an_answer(client, word);
+    steps.reached();
+    if (instant == Instant::HANDLED)
+        client.wait_for_answer();
     raise(SIGKILL);
+}
+
+void stop(pid_t server)
+{
+    kill(server, SIGSTOP);
+    int status = 0;
+    EXPECT_EQ(waitpid(server, &status, WUNTRACED), server);
+    EXPECT_TRUE(WIFSTOPPED(status));
+}
+
+// The server does nothing while the client sends: all of it is in its queue. It goes on when the client is dead, or
+// with the client waiting for an answer.
+void die_at(Stage &stage, const std::string &word, Instant instant)
+{
+    ClientProcess victim([&](ClientSteps &steps) { send_and_die(steps, word, instant); });
+    victim.wait();
+    stop(stage.server());
+    victim.go();
+    victim.wait();
+    victim.go();
+    if (instant == Instant::HANDLED)
+        kill(stage.server(), SIGCONT);
+    EXPECT_EQ(victim.join(), 128 + SIGKILL) << word;
+    kill(stage.server(), SIGCONT);
+    stage.done()++;
 }
 
 void killed_at_every_request(Stage &stage)
 {
     for (const char *word : WORDS) {
-        for (const Instant instant : {Instant::BEFORE, Instant::RIGHT_AFTER, Instant::IN_THE_MIDST}) {
-            for (int i = 0; i < 2; i++) {
-                ClientProcess victim([&](ClientSteps &) { die_at(word, instant); });
-                EXPECT_EQ(victim.join(), 128 + SIGKILL) << word;
-                stage.done()++;
-            }
-        }
+        for (const Instant instant :
+             {Instant::BEFORE, Instant::QUEUED, Instant::HANDLED, Instant::HANDLED, Instant::HANDLED, Instant::HANDLED})
+            die_at(stage, word, instant);
     }
 }
 
@@ -281,7 +367,8 @@ std::vector<Misbehaviour> lock_rows()
 {
     return {
         {"KilledAtEveryRequest",
-         "is killed (SIGKILL) before, right after or while any of the 19 requests is handled",
+         "is killed (SIGKILL) before any of the 19 requests, with it in the server's queue, or while 50 such are "
+         "handled",
          "its surface goes, with its locks; what lies below is drawn",
          "kills",
          {},
@@ -294,7 +381,7 @@ std::vector<Misbehaviour> lock_rows()
          nested_locks},
         {"StoppedHolder",
          "is stopped (SIGSTOP) while it holds the lock",
-         "nothing is drawn until it goes on or is killed; killing it gives the picture back",
+         "nothing is drawn until it goes on and unlocks, or is killed; either gives the picture back",
          "times",
          {},
          stopped_holder},

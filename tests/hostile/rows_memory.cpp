@@ -2,13 +2,16 @@
 // Shared memory that is not, or not any more, what "create" said.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "hostile_memory.h"
@@ -19,6 +22,7 @@ namespace {
 
 constexpr int WIDTH = 150, HEIGHT = 100, STRIDE = 4 * WIDTH;
 constexpr off_t WHOLE = off_t{STRIDE} * HEIGHT;
+constexpr const char *TOO_SHORT = "is too short: what is missing shows as zero";
 
 // A child that changes the memory's size as fast as it can, whatever the server does with it at that moment.
 template <typename Change> pid_t change_without_end(const Change &change)
@@ -34,16 +38,71 @@ template <typename Change> pid_t change_without_end(const Change &change)
         change(i);
 }
 
+// What the panel shows where ChangingMemory::create puts the surface, row by row; 0 where the bystander's window is.
+using Place = std::vector<uint32_t>;
+
+bool is_in_window(int x, int y)
+{
+    return x >= WINDOW_X && x < WINDOW_X + WINDOW_SIZE && y >= WINDOW_Y && y < WINDOW_Y + WINDOW_SIZE;
+}
+
+Place place_on(const PanelView &panel)
+{
+    Place place;
+    for (int y = 5; y < 5 + HEIGHT; y++) {
+        for (int x = 5; x < 5 + WIDTH; x++)
+            place.push_back(is_in_window(x, y) ? 0 : panel.raw(x, y) & 0xFFFFFF);
+    }
+    return place;
+}
+
+// White as far as so many bytes of memory reach, and what is missing like `rest`.
+Place white_until(off_t bytes, const Place &rest)
+{
+    Place place = rest;
+    for (int i = 0; i < WIDTH * HEIGHT && 4 * (off_t{i} + 1) <= bytes; i++)
+        place[static_cast<size_t>(i)] = is_in_window(5 + i % WIDTH, 5 + i / WIDTH) ? 0 : 0xFFFFFF;
+    return place;
+}
+
+constexpr int BYTE = 0xFF; // of white, opaque or not
+
+Place black()
+{
+    return Place(static_cast<size_t>(WIDTH) * HEIGHT, 0);
+}
+
+Place white()
+{
+    return white_until(WHOLE, black());
+}
+
+// In a client that goes on without end.
+void require(bool holds, const char *what)
+{
+    if (!holds)
+        throw std::runtime_error(what); // ends it, which is a failure
+}
+
+void require_shown(mc_connection *connection, const PanelView &panel, const Place &place, const char *what)
+{
+    send_dirty(connection, WIDTH, HEIGHT);
+    require(settles(connection) && place_on(panel) == place, what);
+}
+
 // The memory of each surface is whole when it is shown, and is cut at any moment of the frames after that; what is
 // covered by zeros once stays so, and the next surface begins anew.
 void truncate_mid_frame(Stage &stage)
 {
-    stage.until_updates(30, [](std::atomic<unsigned long> &done) {
+    const SharedCount surfaces;
+    const Place below = place_on(stage.panel());
+    stage.until_updates(30, [&](std::atomic<unsigned long> &done) {
         for (;;) {
             const ChangingMemory memory(WHOLE);
+            memory.fill(WHOLE, BYTE);
             mc_connection *connection = mc_connect("pfb", "fb.cut");
             memory.create(connection, WIDTH, HEIGHT, STRIDE, 1);
-            is_answered(connection);
+            require_shown(connection, stage.panel(), white(), "what is there is not drawn");
             const pid_t cutter = change_without_end([&](unsigned i) {
                 memory.resize(i % 8 == 7 ? WHOLE : WHOLE - off_t{4096} * (i % 8 + 1));
                 done++;
@@ -52,24 +111,34 @@ void truncate_mid_frame(Stage &stage)
                 send_dirty(connection, WIDTH, HEIGHT);
                 is_answered(connection);
             }
-            memory.resize(0);
-            send_dirty(connection, WIDTH, HEIGHT);
-            is_answered(connection);
             kill(cutter, SIGKILL);
             program_wait(cutter);
+            memory.resize(0);
+            require_shown(connection, stage.panel(), below, "what is missing is seen");
+            (*surfaces)++;
             mc_close(connection);
         }
     });
+    // The last one may have been killed with its line or without.
+    stage.expect_line({TOO_SHORT, *surfaces, *surfaces + 1});
 }
 
 void grow_and_shrink(Stage &stage)
 {
-    stage.until_updates(30, [](std::atomic<unsigned long> &done) {
+    const Place below = place_on(stage.panel());
+    stage.until_updates(30, [&](std::atomic<unsigned long> &done) {
         const ChangingMemory memory(WHOLE);
+        memory.fill(WHOLE, BYTE);
         mc_connection *connection = mc_connect("pfb", "fb.breathing");
         memory.create(connection, WIDTH, HEIGHT, STRIDE, 1);
-        is_answered(connection);
-        memory.resize(0);
+        require_shown(connection, stage.panel(), white(), "what is there is not drawn");
+        for (const off_t bytes : {off_t{8 * 4096}, off_t{0}}) {
+            memory.resize(bytes);
+            require_shown(connection, stage.panel(), white_until(bytes, below), "what is missing is seen");
+        }
+        memory.resize(WHOLE);
+        memory.fill(WHOLE, BYTE);
+        require_shown(connection, stage.panel(), below, "what was missing once does not stay zero");
         change_without_end([&](unsigned i) {
             memory.resize(WHOLE * (i % 2) * 3);
             done++;
@@ -84,17 +153,33 @@ void grow_and_shrink(Stage &stage)
 void too_small(Stage &stage)
 {
     stage.in_process([&] {
+        const Place below = place_on(stage.panel());
         for (int i = 0; i < 50; i++) {
-            const ChangingMemory memory(i % 3 == 0 ? 0 : 1 + i * 100);
+            const off_t bytes = i % 3 == 0 ? 0 : i * 100;
+            const bool alpha = i % 2 == 1;
+            const ChangingMemory memory(bytes);
+            memory.fill(bytes, BYTE);
             mc_connection *connection = mc_connect("pfb", "fb.small");
-            memory.create(connection, WIDTH, HEIGHT, STRIDE, i % 2);
-            EXPECT_TRUE(is_answered(connection));
-            send_dirty(connection, WIDTH, HEIGHT);
-            EXPECT_TRUE(is_answered(connection));
+            memory.create(connection, WIDTH, HEIGHT, STRIDE, alpha);
+            EXPECT_TRUE(settles(connection));
+            EXPECT_TRUE(place_on(stage.panel()) == white_until(bytes, alpha ? below : black())) << i;
             mc_close(connection);
             stage.done()++;
         }
     });
+}
+
+// All that lies inside of the memory is white. A row begins `stride` bytes behind the one before, wherever that ends.
+void expect_existing(const Place &place, int stride)
+{
+    const Place whole = white();
+    for (int y = 0; y < HEIGHT; y++) {
+        const int there = std::min(stride * (HEIGHT - y) / 4, WIDTH);
+        for (int x = 0; x < there; x++) {
+            const auto i = static_cast<size_t>(y * WIDTH + x);
+            ASSERT_EQ(place[i], whole[i]) << "stride " << stride << ": " << x << "," << y;
+        }
+    }
 }
 
 void odd_strides(Stage &stage)
@@ -103,15 +188,24 @@ void odd_strides(Stage &stage)
         for (const int stride : {1, 3, 5, 64, 599, 601, 4096, 65536}) {
             for (const int alpha : {0, 1}) {
                 const ChangingMemory memory(off_t{stride} * HEIGHT);
+                memory.fill(off_t{stride} * HEIGHT, BYTE);
                 mc_connection *connection = mc_connect("pfb", "fb.odd");
                 memory.create(connection, WIDTH, HEIGHT, stride, alpha);
                 send_dirty(connection, WIDTH, HEIGHT);
-                EXPECT_TRUE(is_answered(connection));
+                EXPECT_TRUE(settles(connection));
+                expect_existing(place_on(stage.panel()), stride);
                 mc_close(connection);
                 stage.done()++;
             }
         }
     });
+}
+
+off_t room_in_shared_memory()
+{
+    struct statvfs space {};
+    EXPECT_EQ(statvfs("/dev/shm", &space), 0) << strerror(errno);
+    return static_cast<off_t>(space.f_bavail * space.f_frsize);
 }
 
 // Where no /dev/shm of one's own can be had, a limit on the size of files stands in for one that is full: the library
@@ -126,14 +220,23 @@ void shared_memory_full(Stage &stage)
             EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
         }
         for (int i = 0; i < 10; i++) {
+            EXPECT_TRUE(wait_until([] { return room_in_shared_memory() > 0; })) << "all of it is still there";
             const ChangingMemory memory(own ? off_t{8} << 20 : 4096);
+            memory.fill(4096, BYTE);
+            const ChangingMemory others(own ? room_in_shared_memory() : 0);
+            others.fill(own ? room_in_shared_memory() : 0, BYTE);
             mc_connection *connection = mc_connect("pfb", "fb.greedy");
             memory.create(connection, 1024, 2048, 4096, 0);
-            for (int y = 0; y < 4; y++)
-                send_dirty(connection, 1024, 2048);
-            EXPECT_TRUE(is_answered(connection));
+            EXPECT_TRUE(settles(connection));
+            EXPECT_TRUE(place_on(stage.panel()) == white_until(STRIDE, black())) << i; // the first row
             pfb_client *client = pfb_connect("fb.careful");
             EXPECT_NE(pfb_create(client, PFB_FORMAT_XRGB32, 0, 0, 1024, 1024, 0, 0), PFB_OK);
+            EXPECT_NE(strstr(pfb_error_text(), own ? "No space left on device" : "File too large"), nullptr)
+                << pfb_error_text();
+            send_word(connection, "status");
+            EXPECT_TRUE(is_answered(connection));
+            EXPECT_EQ(count_of(stage.out(), "name=fb.greedy"), static_cast<size_t>(i) + 1);
+            EXPECT_EQ(count_of(stage.out(), "name=fb.careful"), 0u) << "it has sent something";
             pfb_disconnect(client);
             mc_close(connection);
             stage.done()++;
@@ -145,26 +248,24 @@ void shared_memory_full(Stage &stage)
 
 std::vector<Misbehaviour> memory_rows()
 {
-    const char *const missing = "what is missing shows as zero";
-    const char *const too_short = "is too short: what is missing shows as zero";
     return {
         {"TruncateMidFrame",
          "cuts its memory short again and again while it is drawn, several times a frame",
-         "what is missing shows as zero, with one line",
+         "what is missing shows as zero, with one line for each surface",
          "truncations",
-         {too_short},
+         {},
          truncate_mid_frame},
         {"GrowAndShrink",
          "grows and shrinks its memory without end",
          "what was missing once shows as zero, with one line",
          "changes",
-         {too_short},
+         {times(1, TOO_SHORT)},
          grow_and_shrink},
         {"TooSmall",
          "has less memory than it said, or none",
-         "the pixels that exist are drawn, with one line",
+         "the pixels that exist are drawn, the others as zero, with one line for each surface",
          "surfaces",
-         {too_short},
+         {times(50, TOO_SHORT)},
          too_small},
         {"OddStrides",
          "gives rows that overlap, or bytes that are no whole pixels",
@@ -174,9 +275,9 @@ std::vector<Misbehaviour> memory_rows()
          odd_strides},
         {"SharedMemoryFull",
          "finds /dev/shm full, or has pages there that cannot be had any more",
-         "libpfb says so before anything is sent; the missing pages show as zero, with one line",
+         "libpfb says so before anything is sent; the missing pages show as zero, with one line for each surface",
          "surfaces",
-         {missing},
+         {times(10, "what is missing shows as zero")},
          shared_memory_full,
          {.small_memory = true}},
     };

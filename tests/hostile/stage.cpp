@@ -47,6 +47,14 @@ std::pair<std::string, std::string> sanitizer_options()
     return {"ASAN_OPTIONS", "detect_leaks=0:quarantine_size_mb=1:allocator_may_return_null=1"};
 }
 
+size_t lines_with(const std::string &log, const std::string &part)
+{
+    size_t n = 0;
+    for (const std::string &line : lines_of(log))
+        n += count_of(line, part) > 0 ? 1 : 0;
+    return n;
+}
+
 // Enough of a log that may be long.
 std::string end_of(const std::string &log)
 {
@@ -178,6 +186,18 @@ void Stage::expect_connections_of_clients(size_t n) const
     EXPECT_TRUE(wait_until([&] { return connections_at(socket_path()) == before_.connections + n; }));
 }
 
+void Stage::expect_lists(size_t lines) const
+{
+    constexpr size_t FIRST_LINES = 9; // the options and the screen
+    constexpr size_t HEAD = 2, SURFACE = 5, SURFACES = 3;
+    constexpr size_t LIST = HEAD + SURFACES * SURFACE;
+    ASSERT_GE(lines, FIRST_LINES);
+    EXPECT_EQ((lines - FIRST_LINES) % LIST, 0u) << "lines of lists that are not whole";
+    const size_t lists = (lines - FIRST_LINES) / LIST;
+    EXPECT_GE(lists, *done_);
+    EXPECT_LE(lists, *done_ + 1);
+}
+
 void Stage::expect_end(int status)
 {
     EXPECT_TRUE(wait_finely([&] { return has_ended(); })) << "the server goes on";
@@ -230,30 +250,30 @@ void Stage::expect_usage_is_back()
     EXPECT_LE(after_.resident_kb, before_.resident_kb + (is_sanitized(server_) ? GROWTH_SANITIZED_KIB : GROWTH_KIB));
 }
 
-// A part that begins with a question mark may be there or not.
-void Stage::expect_log(const std::vector<std::string> &parts) const
+void Stage::expect_log() const
 {
-    std::vector<std::string> known = {USUAL_LINE};
-    for (const std::string &part : parts) {
-        known.push_back(part.substr(part[0] == '?' ? 1 : 0));
-        if (part[0] == '?')
-            continue;
-        EXPECT_TRUE(wait_until([&] { return count_of(err(), part) > 0; })) << "not in the log: " << part << "\n"
-                                                                           << end_of(err());
+    for (const LogLine &line : lines_) {
+        EXPECT_TRUE(wait_until([&] { return lines_with(err(), line.part) >= line.least; }))
+            << lines_with(err(), line.part) << " times in the log, instead of " << line.least << ": " << line.part
+            << "\n"
+            << end_of(err());
+        EXPECT_LE(lines_with(err(), line.part), line.most) << line.part << "\n" << end_of(err());
     }
     for (const std::string &line : lines_of(err())) {
-        const bool is_known =
-            std::any_of(known.begin(), known.end(), [&](const std::string &part) { return count_of(line, part) > 0; });
+        const bool is_known = count_of(line, USUAL_LINE) > 0 ||
+                              std::any_of(lines_.begin(), lines_.end(),
+                                          [&](const LogLine &known) { return count_of(line, known.part) > 0; });
         ASSERT_TRUE(is_known) << "an unexpected line in the log: " << line;
     }
 }
 
-void Stage::expect_outcome(const std::vector<std::string> &lines)
+void Stage::expect_outcome(const std::vector<LogLine> &lines)
 {
+    lines_.insert(lines_.end(), lines.begin(), lines.end());
     ASSERT_FALSE(has_ended()) << "the server has ended: " << end_of(err());
     bystander_->expect_progress(UPDATES_AFTERWARDS);
     expect_usage_is_back();
-    expect_log(lines);
+    expect_log();
     bystander_->rest();
     EXPECT_EQ(panel_shows(panel(), bystander_->picture()), "");
     if (panel().depth() == 32) {

@@ -3,6 +3,8 @@
 // of them afterwards.
 #pragma once
 
+#include <climits>
+#include <fcntl.h>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,6 +14,28 @@
 #include "../support/test_client.h"
 #include "bystander.h"
 #include "namespace.h"
+
+// A line that the server's log has afterwards, by a part of it, and how often.
+struct LogLine {
+    std::string part;
+    unsigned long least = 1;
+    unsigned long most = ULONG_MAX;
+};
+
+inline LogLine times(unsigned long n, const std::string &part)
+{
+    return {part, n, n};
+}
+
+inline LogLine some(const std::string &part)
+{
+    return {part};
+}
+
+inline LogLine perhaps(const std::string &part)
+{
+    return {part, 0};
+}
 
 enum class Reader { FILE, CLOSED, BLOCKED, GONE }; // of the server's standard output
 
@@ -39,6 +63,9 @@ public:
     const std::string &panel_folder() const { return panel_folder_; }
     pid_t server() const { return server_; }
     std::string out() const { return file_text(folder() + "/server-out"); }
+    // What has come out of the pipe that nobody reads otherwise.
+    const std::string &piped() { return pipe_->text(); }
+    size_t pipe_size() const { return static_cast<size_t>(fcntl(pipe_->read_end(), F_GETPIPE_SZ)); }
     std::string err() const { return without_emulators_line(file_text(folder() + "/server-err")); }
     Bystander &bystander() { return *bystander_; }
     bool has_small_memory() const { return memory_ != nullptr && memory_->is_entered(); }
@@ -53,8 +80,13 @@ public:
     // Runs a client in a process of its own until the bystander has made this many further updates, and kills it.
     // Whatever it does without end adds to done().
     void until_updates(unsigned updates, const std::function<void(std::atomic<unsigned long> &done)> &client);
+    // What the log has to have at the end beside the row's own lines: where the number shows only while it is done.
+    void expect_line(const LogLine &line) { lines_.push_back(line); }
     // Waits until only so many clients are connected beside the bystander: the server has seen the others go.
     void expect_connections_of_clients(size_t n) const;
+    // After a flood of "status" by a client with one surface: so many lines are the server's first ones and one list
+    // for each request. There may be one more, whose sender was killed before it had counted it.
+    void expect_lists(size_t lines) const;
     // How often it was done, for the table.
     std::atomic<unsigned long> &done() { return *done_; }
     void add_done(unsigned long n) { *done_ += n; }
@@ -68,7 +100,7 @@ public:
 
     // After the misbehaviour: the server lives, the bystander goes on and has missed nothing, descriptors, connections
     // and memory are back, the log says what is expected and nothing else, and the picture is the bystander's.
-    void expect_outcome(const std::vector<std::string> &lines);
+    void expect_outcome(const std::vector<LogLine> &lines);
 
     // What was measured, in words.
     std::string figures(const std::string &unit) const;
@@ -83,7 +115,7 @@ private:
     Usage usage() const;
     bool uses_no_more() const;
     void expect_usage_is_back();
-    void expect_log(const std::vector<std::string> &lines) const;
+    void expect_log() const;
     bool has_ended() const;
 
     StageOptions options_;
@@ -94,6 +126,7 @@ private:
     pid_t server_ = -1;
     std::unique_ptr<Bystander> bystander_;
     SharedCount done_;
+    std::vector<LogLine> lines_;
     Usage before_{};
     Usage after_{};
     unsigned ends_ = 0;

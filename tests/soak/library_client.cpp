@@ -133,7 +133,7 @@ void client_library(Plan &plan, Shared *shared)
     if (l.client == nullptr)
         return shared_fault(shared, pfb_error_text());
     pfb_set_reconnect(l.client, 0); // that the server has ended is not to be got over here
-    pfb_set_timeout(l.client, LONG_WAIT_SECONDS * 1000);
+    pfb_set_timeout(l.client, WAIT_SECONDS * 1000);
     expect(l, pfb_create(l.client, l.format, plan.x, plan.y, plan.width, plan.height, plan.level, plan.rotation));
     if (pfb_pixels(l.client) != nullptr) {
         draw(l);

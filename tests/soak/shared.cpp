@@ -52,21 +52,15 @@ pid_t process_fork(Shared *shared, const std::string &who, const std::function<v
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent || freopen("/dev/null", "w", stdout) == nullptr)
         _exit(1);
+    std::string fault;
     try {
         body();
-        if (testing::Test::HasFailure())
-            shared_fault(shared, who + ": " + first_failure());
     } catch (const std::exception &error) {
-        shared_fault(shared, who + ": " + error.what());
+        fault = error.what();
     }
+    if (testing::Test::HasFailure())
+        fault = first_failure();
+    if (!fault.empty())
+        shared_fault(shared, who + ": " + fault);
     _exit(0);
-}
-
-bool wait_long(const std::function<bool()> &predicate)
-{
-    for (int i = 0; i < LONG_WAIT_SECONDS / WAIT_SECONDS; i++) {
-        if (wait_until(predicate))
-            return true;
-    }
-    return false;
 }

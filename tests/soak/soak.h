@@ -43,9 +43,6 @@ void shared_fault(Shared *shared, const std::string &text);
 // Runs `body` in a process of its own, which is killed when this one ends, and whose first failure is a fault. Returns
 // its id, or -1.
 pid_t process_fork(Shared *shared, const std::string &who, const std::function<void()> &body);
-// As wait_until, for ten times as long: a soak may run beside much else, and without any claim to the processor.
-bool wait_long(const std::function<bool()> &predicate);
-inline constexpr int LONG_WAIT_SECONDS = 10 * WAIT_SECONDS;
 
 // ---- clients (plan.cpp, library_client.cpp, word_client.cpp, odd_clients.cpp, nonsense_client.cpp) ----
 
@@ -99,7 +96,7 @@ void client_stopped(Plan &plan, Shared *shared);
 void client_nonsense(Plan &plan, Shared *shared, const std::string &socket_path);
 void client_turning(Plan &plan, Shared *shared);
 void client_leaving(Plan &plan, Shared *shared);
-// Between two steps: waits a little; or kills the process, when the plan says so.
+// Between two steps: waits a little; or kills the process, when the plan says so. Throws after a failure.
 void client_pause(Plan &plan, int32_t step);
 
 // ---- those that stay (stayers.cpp) ----

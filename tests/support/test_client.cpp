@@ -21,10 +21,6 @@ namespace {
 
 constexpr int ANSWER_MS = WAIT_SECONDS * 1000;
 
-// More than the server handles of one connection in one turn of its main loop, several times over: a render that was
-// due before has had its turn after so many questions and answers.
-constexpr int QUESTIONS_TO_SETTLE = 80;
-
 int depth_of(const Pixels &pixels)
 {
     return pixels.format == PixelFormat::RGB565 ? 16 : pixels.format == PixelFormat::RGB666 ? 18 : 32;
@@ -180,6 +176,24 @@ void TestClient::settle()
         if (native_depth() < 0)
             return;
     }
+}
+
+void TestClient::wait_for_answer()
+{
+    pollfd entry{mc_fd(connection_), POLLIN, 0};
+    EXPECT_EQ(poll(&entry, 1, ANSWER_MS), 1) << "no answer";
+}
+
+void TestClient::shut(int direction)
+{
+    EXPECT_EQ(shutdown(mc_fd(connection_), direction), 0) << strerror(errno);
+}
+
+bool TestClient::is_dropped()
+{
+    char bytes[64];
+    const ssize_t n = recv(mc_fd(connection_), bytes, sizeof bytes, MSG_DONTWAIT);
+    return n == 0 || (n < 0 && errno == ECONNRESET);
 }
 
 // Everything that was sent is in the server's hands when this question is answered, or the connection is found closed.

@@ -25,6 +25,10 @@ struct SurfaceRequest {
     size_t bytes = 0;
 };
 
+// More than the server handles of one connection in one turn of its main loop, several times over: a render that was
+// due before has had its turn after so many questions and answers.
+inline constexpr int QUESTIONS_TO_SETTLE = 80;
+
 class TestClient {
 public:
     // Connects under a name. Throws when that is not possible.
@@ -55,6 +59,12 @@ public:
     int native_depth();
     // Waits until every earlier request is handled and every render that was due then has run.
     void settle();
+    // Waits until any answer can be read.
+    void wait_for_answer();
+    // Shuts a direction of the connection: SHUT_RD or SHUT_WR. With either no more answers can be waited for.
+    void shut(int direction);
+    // True once the server has closed the connection. Does not wait, and takes what can be read.
+    bool is_dropped();
     // False once the server has closed the connection. Waits for what is under way.
     bool is_connected();
     // Ends the connection; what it had in shared memory stays mapped here.

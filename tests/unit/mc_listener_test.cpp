@@ -137,6 +137,44 @@ TEST_F(McListener, WhatIsNotASocketStaysInTheWay)
     expect_refused("dir", "it is not a socket");
 }
 
+// A server that refuses takes away what it has made and nothing else, whoever has put it there.
+TEST_F(McListener, ARefusalLeavesTheFolderAsItWas)
+{
+    std::ofstream(path("svc.mc")) << "in the way";
+    expect_refused("svc", "it is not a socket");
+    EXPECT_FALSE(files::exists(path("svc.mc.lock")));
+    for (const char *text : {"", "precious"}) {
+        std::ofstream(path("svc.mc.lock")) << text;
+        expect_refused("svc", "it is not a socket");
+        ASSERT_TRUE(files::exists(path("svc.mc.lock")));
+        EXPECT_EQ(files::file_size(path("svc.mc.lock")), strlen(text));
+    }
+}
+
+TEST_F(McListener, WhatAKilledServerHasLeftIsTakenOverAndGoesAtTheEnd)
+{
+    std::ofstream(path("svc.mc.lock")) << "";
+    expect_open("svc");
+    EXPECT_TRUE(files::is_empty(folder));
+}
+
+TEST_F(McListener, AFileThatNoServerHasLeftStaysAtTheEnd)
+{
+    std::ofstream(path("svc.mc.lock")) << "precious";
+    expect_open("svc");
+    ASSERT_TRUE(files::exists(path("svc.mc.lock")));
+    EXPECT_EQ(files::file_size(path("svc.mc.lock")), 8u);
+}
+
+TEST_F(McListener, OnlyTheOwnLockFileIsRemoved)
+{
+    mc_factory *factory = open_noting("svc");
+    files::remove(path("svc.mc.lock"));
+    std::ofstream(path("svc.mc.lock")) << "";
+    mc_factory_close(factory);
+    EXPECT_TRUE(files::exists(path("svc.mc.lock")));
+}
+
 TEST_F(McListener, LinksAreNotFollowed)
 {
     const Fd stale = raw_listen(path("target"));
@@ -152,6 +190,7 @@ TEST_F(McListener, ALockFileOfAnotherKindDoesNotHang)
 {
     ASSERT_EQ(mkfifo(path("svc.mc.lock").c_str(), 0600), 0);
     expect_open("svc");
+    EXPECT_TRUE(files::is_fifo(path("svc.mc.lock")));
 }
 
 TEST_F(McListener, NamesAreChecked)

@@ -224,6 +224,37 @@ TEST_F(Limits, WithoutMemoryForASurfaceItsMappingIsGivenBack)
 }
 
 // To open it would wait for the client's leave, up to 45 seconds, and so would everybody's picture.
+// One create too many for the list's memory costs nobody but its client anything.
+TEST_F(Limits, WithoutMemoryForALongerList)
+{
+    in_child([this] {
+        create(client, {});
+        std::vector<mc_connection *> others;
+        for (int i = 0; i < 3; i++) {
+            others.push_back(connect("fb.other"));
+            EXPECT_EQ(created(others.back()), NOTHING);
+        }
+        const std::vector<ImageSurface *> before(server->surfaces, server->surfaces + 4);
+        const uint64_t bytes = client_memory_use().bytes;
+        for (mc_connection *connection : {client, connect("fb.late")}) {
+            ImageSurface *own = surface_of(connection);
+            fail_allocation(REALLOC, 1);
+            EXPECT_EQ(created(connection), "create: refused: no memory for one more surface\n");
+            EXPECT_TRUE(allocation_failed());
+            EXPECT_EQ(surface_of(connection), own);
+            EXPECT_EQ(server->n_surface, 4);
+            EXPECT_EQ(std::vector<ImageSurface *>(server->surfaces, server->surfaces + 4), before);
+            EXPECT_EQ(client_memory_use().bytes, bytes);
+            EXPECT_EQ(client_memory_use().n_left, 0u);
+        }
+        EXPECT_EQ(created(others[0]), NOTHING) << "and then there is some";
+        EXPECT_EQ(server->n_surface, 5);
+        for (mc_connection *other : others)
+            hang_up(other);
+        EXPECT_EQ(server->n_surface, 2);
+    });
+}
+
 TEST_F(Limits, AnObjectThatIsHeldByALease)
 {
     signal(SIGIO, SIG_IGN);
