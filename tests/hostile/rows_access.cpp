@@ -143,7 +143,7 @@ void the_set_group(Stage &stage)
 // "KEY=VALUE" of packaging/fbserver.socket, an octal number.
 mode_t unit_mode(const std::string &key)
 {
-    for (const std::string &line : lines_of(file_text(from_build("PFB_TEST_SOURCE") + "/packaging/fbserver.socket"))) {
+    for (const std::string &line : lines_of(file_text(from_build("PFB_TEST_SOCKET_UNIT")))) {
         if (line.rfind(key + "=", 0) == 0)
             return static_cast<mode_t>(std::stoul(line.substr(key.size() + 1), nullptr, 8));
     }
