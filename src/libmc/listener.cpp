@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "listener.h"
+#include "access.h"
 #include "log.h"
 #include "names.h"
 
@@ -16,9 +17,7 @@ namespace libmc {
 
 namespace {
 
-constexpr mode_t FOLDER_MODE = 0755;
 constexpr mode_t LOCK_MODE = 0600;
-constexpr mode_t SOCKET_MODE = 0660; // owner and group may connect
 
 struct LockPath {
     char text[sizeof(sockaddr_un::sun_path) + sizeof ".lock"];
@@ -29,6 +28,12 @@ LockPath lock_path(const sockaddr_un &address)
     LockPath path;
     snprintf(path.text, sizeof path.text, "%s.lock", address.sun_path);
     return path;
+}
+
+// Inside the folder. Every call but bind and connect, which know no folder, goes by it.
+const char *name_of(const char *path)
+{
+    return strrchr(path, '/') + 1;
 }
 
 bool complain(const char *what, const char *path)
@@ -43,43 +48,66 @@ bool complain_taken(const char *path)
     return false;
 }
 
-bool same_file(const char *path, dev_t device, ino_t inode)
+bool look_at(int folder_fd, const char *path, struct stat *file)
+{
+    return fstatat(folder_fd, name_of(path), file, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool same_file(int folder_fd, const char *path, dev_t device, ino_t inode)
 {
     struct stat named;
-    return lstat(path, &named) == 0 && named.st_dev == device && named.st_ino == inode;
+    return look_at(folder_fd, path, &named) && named.st_dev == device && named.st_ino == inode;
 }
 
 // The server before us removes its lock file when it ends, and may do so after we opened that very file: the lock is
 // then on a file that nobody else will ever meet.
-bool lock_is_of_path(int fd, const char *path)
+bool lock_is_of_path(int fd, int folder_fd, const char *path)
 {
     struct stat locked;
-    return fstat(fd, &locked) == 0 && same_file(path, locked.st_dev, locked.st_ino);
+    return fstat(fd, &locked) == 0 && same_file(folder_fd, path, locked.st_dev, locked.st_ino);
 }
 
-// What a killed server leaves. Anything else of that name serves as a lock, and stays where it is.
-bool is_left_lock(int fd)
+// Whoever may open the file may hold its lock, and one with a further name is somebody's who does not know of this.
+bool is_lock_file(const struct stat &file)
 {
-    struct stat locked;
-    return fstat(fd, &locked) == 0 && S_ISREG(locked.st_mode) && locked.st_size == 0;
+    return S_ISREG(file.st_mode) && file.st_uid == geteuid() && file.st_nlink <= 1;
+}
+
+bool complain_no_lock_file(const char *path)
+{
+    log_line("%s is in the way: it is not a lock file of this user", path);
+    return false;
+}
+
+// Looks before it opens as well: opening is felt by devices and pipes.
+int lock_file_open(int folder_fd, const char *path, bool *found)
+{
+    struct stat file;
+    *found = look_at(folder_fd, path, &file);
+    if (*found && !is_lock_file(file)) {
+        complain_no_lock_file(path);
+        return -1;
+    }
+    const ModeAtMost mode(LOCK_MODE);
+    const int fd = openat(folder_fd, name_of(path), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, LOCK_MODE);
+    if (fd < 0) {
+        complain("cannot open", path);
+        return -1;
+    }
+    if (fstat(fd, &file) == 0 && is_lock_file(file))
+        return fd;
+    complain_no_lock_file(path);
+    close(fd);
+    return -1;
 }
 
 enum class Lock { held, failed, again };
 
 Lock lock_try(const char *path, Listener *listener)
 {
-    constexpr int FLAGS = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-    int fd = open(path, FLAGS | O_CREAT | O_EXCL, LOCK_MODE);
-    const bool made = fd >= 0;
-    if (fd < 0 && errno == EEXIST) {
-        fd = open(path, FLAGS);
-        if (fd < 0 && errno == ENOENT) // its server has ended meanwhile
-            return Lock::again;
-    }
-    if (fd < 0) {
-        complain("cannot open", path);
+    const int fd = lock_file_open(listener->folder_fd, path, &listener->found_lock);
+    if (fd < 0)
         return Lock::failed;
-    }
     if (flock(fd, LOCK_EX | LOCK_NB) < 0) {
         if (errno == EWOULDBLOCK)
             complain_taken(listener->address.sun_path);
@@ -88,12 +116,11 @@ Lock lock_try(const char *path, Listener *listener)
         close(fd);
         return Lock::failed;
     }
-    if (!lock_is_of_path(fd, path)) {
+    if (!lock_is_of_path(fd, listener->folder_fd, path)) {
         close(fd);
         return Lock::again;
     }
     listener->lock_fd = fd;
-    listener->own_lock = made;
     return Lock::held;
 }
 
@@ -123,69 +150,87 @@ bool somebody_listens(const sockaddr_un &address)
 }
 
 // Clears the place of the socket. Only a dead socket is ever removed; a link is not followed.
-bool place_clear(const sockaddr_un &address)
+bool place_clear(const Listener &listener)
 {
-    const char *path = address.sun_path;
+    const char *path = listener.address.sun_path;
     struct stat found;
-    if (lstat(path, &found) < 0)
+    if (!look_at(listener.folder_fd, path, &found))
         return errno == ENOENT || complain("cannot look at", path);
     if (!S_ISSOCK(found.st_mode)) {
         log_line("%s is in the way: it is not a socket", path);
         return false;
     }
-    if (somebody_listens(address))
+    if (somebody_listens(listener.address))
         return complain_taken(path);
-    return unlink(path) == 0 || errno == ENOENT || complain("cannot remove", path);
+    return unlinkat(listener.folder_fd, name_of(path), 0) == 0 || errno == ENOENT || complain("cannot remove", path);
 }
 
-// The socket's mode holds whatever the umask is. It never opens wider than wanted on the way, and nobody can connect
-// before listen anyway.
-bool bind_and_listen(Listener *listener)
+// The socket has its mode from the first moment on, whatever the umask is: nothing is changed by a name that could be
+// another file's by then.
+bool bind_with_mode(const Listener &listener, mode_t mode)
+{
+    const ModeAtMost at_most(mode);
+    return bind(listener.fd, reinterpret_cast<const sockaddr *>(&listener.address), sizeof listener.address) == 0 ||
+           complain("cannot bind", listener.address.sun_path);
+}
+
+bool set_owner(const Listener &listener, const Access &access)
+{
+    const char *path = listener.address.sun_path;
+    if (access.user == NO_USER && access.group == NO_GROUP)
+        return true;
+    return fchownat(listener.folder_fd, name_of(path), access.user, access.group, AT_SYMLINK_NOFOLLOW) == 0 ||
+           complain("cannot set the owner and the group of", path);
+}
+
+// Nobody can connect before the last step.
+bool bind_and_listen(Listener *listener, const Access &access)
 {
     const char *path = listener->address.sun_path;
-    fchmod(listener->fd, SOCKET_MODE);
-    if (bind(listener->fd, reinterpret_cast<const sockaddr *>(&listener->address), sizeof listener->address) < 0)
-        return complain("cannot bind", path);
+    if (!bind_with_mode(*listener, access.mode))
+        return false;
     struct stat bound;
-    if (lstat(path, &bound) < 0)
+    if (!look_at(listener->folder_fd, path, &bound))
         return complain("cannot look at", path);
     listener->device = bound.st_dev;
     listener->inode = bound.st_ino;
-    if ((bound.st_mode & 0777) != SOCKET_MODE && fchmodat(AT_FDCWD, path, SOCKET_MODE, AT_SYMLINK_NOFOLLOW) < 0)
-        return complain("cannot set the mode of", path);
-    return listen(listener->fd, QUEUE_MAX) == 0 || complain("cannot listen at", path);
+    if ((bound.st_mode & 07777) != access.mode) {
+        log_line("%s has mode %o instead of %o", path, bound.st_mode & 07777, access.mode);
+        return false;
+    }
+    return set_owner(*listener, access) && (listen(listener->fd, QUEUE_MAX) == 0 || complain("cannot listen at", path));
 }
 
 bool open_own(Listener *listener, const char *service)
 {
+    Access access;
     if (service_address(service, &listener->address) < 0)
         return complain("cannot use the service name", service ? service : "(none)");
-    if (strcmp(runtime_folder(), DEFAULT_FOLDER) == 0 && folder_make(DEFAULT_FOLDER) < 0)
-        return complain("cannot make", DEFAULT_FOLDER);
-    if (!lock_take(listener) || !place_clear(listener->address))
+    if (!access_read(&access))
+        return false;
+    const char *folder = runtime_folder();
+    if (strcmp(folder, DEFAULT_FOLDER) == 0 && folder_make(folder) < 0)
+        return complain("cannot make", folder);
+    listener->folder_fd = folder_open(folder, access);
+    if (listener->folder_fd < 0 || !lock_take(listener) || !place_clear(*listener))
         return false;
     listener->fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listener->fd < 0)
-        return complain("cannot make a socket for", service);
-    if (!bind_and_listen(listener))
-        return false;
-    listener->own_lock |= is_left_lock(listener->lock_fd);
-    return true;
+    return listener->fd < 0 ? complain("cannot make a socket for", service) : bind_and_listen(listener, access);
+}
+
+void close_if_open(int *fd)
+{
+    if (*fd >= 0)
+        close(*fd);
+    *fd = -1;
 }
 
 } // namespace
 
-int folder_make(const char *folder)
-{
-    if (mkdir(folder, FOLDER_MODE) < 0)
-        return errno == EEXIST ? 0 : -1;
-    return chmod(folder, FOLDER_MODE); // whatever the umask took away
-}
-
 bool listener_open(Listener *listener, const char *service)
 {
     *listener = {};
-    listener->fd = listener->lock_fd = -1;
+    listener->fd = listener->folder_fd = listener->lock_fd = -1;
     if (listener_take_activated(&listener->fd)) {
         if (listener->fd < 0)
             log_line("the service manager handed over no listening SOCK_SEQPACKET Unix socket");
@@ -199,17 +244,17 @@ bool listener_open(Listener *listener, const char *service)
 
 void listener_close(Listener *listener)
 {
-    if (listener->inode && same_file(listener->address.sun_path, listener->device, listener->inode))
-        unlink(listener->address.sun_path);
-    if (listener->fd >= 0)
-        close(listener->fd);
+    const char *path = listener->address.sun_path;
     const LockPath lock = lock_path(listener->address);
-    if (listener->own_lock && lock_is_of_path(listener->lock_fd, lock.text))
-        unlink(lock.text); // while the lock is still held
-    if (listener->lock_fd >= 0)
-        close(listener->lock_fd);
-    listener->fd = listener->lock_fd = -1;
-    listener->own_lock = false;
+    if (listener->inode && same_file(listener->folder_fd, path, listener->device, listener->inode))
+        unlinkat(listener->folder_fd, name_of(path), 0);
+    close_if_open(&listener->fd);
+    // One that lay there goes with the socket that was made under it, not with a refusal.
+    const bool own_lock = listener->lock_fd >= 0 && (listener->inode || !listener->found_lock);
+    if (own_lock && lock_is_of_path(listener->lock_fd, listener->folder_fd, lock.text))
+        unlinkat(listener->folder_fd, name_of(lock.text), 0); // while the lock is still held
+    close_if_open(&listener->lock_fd);
+    close_if_open(&listener->folder_fd);
     listener->inode = 0;
 }
 

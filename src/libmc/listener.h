@@ -12,23 +12,19 @@ namespace libmc {
 inline constexpr int QUEUE_MAX = 256;
 
 struct Listener {
-    int fd;        // listening, non-blocking; -1: closed
-    int lock_fd;   // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
-    bool own_lock; // its file goes with us: made here, or taken over from a killed server
-    dev_t device;  // what was bound, so that nothing else is ever removed
+    int fd;          // listening, non-blocking; -1: closed
+    int folder_fd;   // the folder of both files, wherever it is moved to
+    int lock_fd;     // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
+    bool found_lock; // its file was there before
+    dev_t device;    // what was bound, so that nothing else is ever removed
     ino_t inode;
     sockaddr_un address;
 };
 
-// Opens the socket of `service`. False after one line in the log; there is then nothing to close, and what was there
-// before still is.
+// Opens the socket of `service`. False after one line in the log; there is then nothing to close.
 bool listener_open(Listener *listener, const char *service);
 // Closes it and removes the files that are ours.
 void listener_close(Listener *listener);
-
-// Makes the folder that only ever belongs to this library. An existing one is left as it is. Returns 0, or -1 with
-// errno set.
-int folder_make(const char *folder);
 
 // True when the service manager started this process with sockets; *fd is then the first listening SOCK_SEQPACKET
 // Unix socket among them, or -1. The hand-over is used up: the environment no longer shows it.

@@ -8,7 +8,8 @@
  *
  * The program stays, and sends everything again when it has lost the server and found it back. SIGUSR1 makes it report
  * its whole surface as dirty. With PIXELS "-" it makes no shared memory: "create" then names an object that does not
- * exist; such a client ends with the connection.
+ * exist; such a client ends with the connection. With PIXELS "." it sends its requests once and ends, with status 0, or
+ * with 1 and the reason when it cannot.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -56,6 +57,7 @@ static void make_memory(const char *name, const char *pixels)
     if (from < 0 || fstat(from, &info) < 0)
         die(pixels);
     size_t size = (size_t)info.st_size;
+    shm_unlink(name); /* a server that ended may have left the last one */
     int fd = shm_open(name, O_RDWR | O_CREAT | O_EXCL, 0600);
     if (fd < 0 || ftruncate(fd, info.st_size) < 0)
         die(name);
@@ -147,6 +149,12 @@ int main(int argc, char **argv)
         bool sent = server != NULL;
         for (int i = 3; i < argc && sent; i++)
             sent = send_request(server, argv[i], argv[2]);
+        if (strcmp(argv[2], ".") == 0) {
+            if (!sent)
+                die(server ? argv[3] : "cannot connect");
+            mc_close(server);
+            return 0;
+        }
         if (sent)
             stay(server);
         mc_close(server);

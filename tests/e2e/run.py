@@ -3,7 +3,7 @@
 """run.py FOLDER TREE PREFIX [MACHINE...]: boots the machines, as many at once as there are processors, prints each
 case's result, and writes FOLDER/report.html and FOLDER/cases.xml. It fails when a case has failed. TREE is the build
 with the programs of the cases, PREFIX where the server was installed below FOLDER/root. MACHINE: layers, bochs,
-cirrus, vesa, systemd, sysv; all without any."""
+cirrus, vesa, systemd, socket, sysv; all without any."""
 import concurrent.futures
 import os
 import sys
@@ -18,7 +18,7 @@ from report import Report, write_counts, write_page
 
 # The longest first.
 MACHINES = {'layers': layer_cases.layers, 'bochs': screen_cases.bochs, 'cirrus': screen_cases.cirrus,
-            'systemd': boot_cases.systemd, 'vesa': screen_cases.vesa, 'sysv': boot_cases.sysv}
+            'systemd': boot_cases.systemd, 'socket': boot_cases.socket, 'vesa': screen_cases.vesa, 'sysv': boot_cases.sysv}
 
 
 def run(build, name):

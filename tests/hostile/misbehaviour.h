@@ -26,5 +26,6 @@ std::vector<Misbehaviour> flood_rows();
 std::vector<Misbehaviour> lock_rows();
 std::vector<Misbehaviour> device_rows();
 std::vector<Misbehaviour> system_rows();
+std::vector<Misbehaviour> folder_rows();
 std::vector<Misbehaviour> access_rows();
 std::vector<Misbehaviour> end_rows();

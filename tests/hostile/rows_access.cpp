@@ -7,24 +7,17 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "another_user.h"
+#include "further_server.h"
 #include "misbehaviour.h"
 
 namespace {
-
-constexpr uid_t STRANGER = 65534;
-constexpr gid_t STRANGERS = 65534, DISPLAY_GROUP = 54321; // no group of anybody's
-
-bool is_root()
-{
-    return geteuid() == 0;
-}
 
 mode_t mode_of(const std::string &path)
 {
@@ -57,8 +50,7 @@ int try_to_connect(const std::string &socket_path)
 int try_as(gid_t group, const std::string &socket_path)
 {
     ClientProcess process([&](ClientSteps &) {
-        if (is_root() && (setgroups(0, nullptr) != 0 || setgid(group) != 0 || setuid(STRANGER) != 0))
-            _exit(255);
+        become_stranger(group);
         _exit(try_to_connect(socket_path));
     });
     return process.join();
@@ -125,10 +117,33 @@ void the_group(Stage &stage)
     program_wait(server);
 }
 
+// A server that gives its socket to a group, as the start-up script has it from the options of packaging.
+void the_set_group(Stage &stage)
+{
+    open_folder(stage);
+    const std::string folder = stage.folder() + "/set";
+    ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+    const std::string socket_path = folder + "/pfb.mc";
+    for (const mode_t mode : {0660, 0600, 0666}) {
+        char mode_text[8];
+        snprintf(mode_text, sizeof mode_text, "%04o", mode);
+        const FurtherServer server(
+            folder, {{"MC_SOCKET_GROUP", std::to_string(client_group())}, {"MC_SOCKET_MODE", mode_text}});
+        EXPECT_TRUE(server.listens());
+        EXPECT_EQ(mode_of(socket_path), mode);
+        EXPECT_EQ(group_of(socket_path), client_group());
+        for (int i = 0; i < 10; i++) { // an ordinary user tries as the owner
+            EXPECT_EQ(try_as(client_group(), socket_path), mode & 0060 || !is_root() ? 0 : EACCES) << mode_text;
+            EXPECT_EQ(try_as(STRANGERS, socket_path), mode & 0006 || !is_root() ? 0 : EACCES) << mode_text;
+        }
+        stage.add_done(20);
+    }
+}
+
 // "KEY=VALUE" of packaging/fbserver.socket, an octal number.
 mode_t unit_mode(const std::string &key)
 {
-    for (const std::string &line : lines_of(file_text(from_build("PFB_TEST_SOURCE") + "/packaging/fbserver.socket"))) {
+    for (const std::string &line : lines_of(file_text(from_build("PFB_TEST_SOCKET_UNIT")))) {
         if (line.rfind(key + "=", 0) == 0)
             return static_cast<mode_t>(std::stoul(line.substr(key.size() + 1), nullptr, 8));
     }
@@ -204,6 +219,13 @@ std::vector<Misbehaviour> access_rows()
          "attempts",
          {},
          the_group},
+        {"TheSetGroup",
+         "others connect, of the group that `MC_SOCKET_GROUP` names and of another one, under each of three "
+         "`MC_SOCKET_MODE`",
+         "the mode decides for the one and for the other",
+         "attempts",
+         {},
+         the_set_group},
         {"ServiceManagersSocket",
          "another user connects to the socket of `fbserver.socket`",
          "its `SocketMode` and `SocketGroup` decide",

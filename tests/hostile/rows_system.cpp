@@ -1,18 +1,9 @@
 // SPDX-License-Identifier: MIT
-// What surrounds the server: its log, its memory, its folder, other servers.
+// What surrounds the server: its log, its memory.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
 #include <fstream>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "../../src/base/output.h"
@@ -89,162 +80,6 @@ void memory_limit(Stage &stage)
     stage.bystander().expect_progress(3);
 }
 
-// A signal that comes before the main loop is not heeded: it is repeated.
-void end_server(pid_t pid)
-{
-    int status = 0;
-    EXPECT_TRUE(wait_until([&] {
-        kill(pid, SIGTERM);
-        return waitpid(pid, &status, WNOHANG) == pid;
-    }));
-    EXPECT_EQ(shell_status(status), 0);
-}
-
-// What a server had to say, but for GLib's complaint about a signal that came before the main loop.
-void expect_one_line(const std::string &err, const std::string &line)
-{
-    EXPECT_EQ(count_of(err, "libmc: "), 1u) << err;
-    EXPECT_EQ(count_of(err, line), 1u) << err << "\nexpected: " << line;
-}
-
-void second_server(Stage &stage)
-{
-    for (int i = 0; i < 5; i++) {
-        ProgramStart start = stage.beside({server_program()});
-        Pipe err;
-        start.err_fd = err.write_end();
-        const pid_t second = program_start(start);
-        err.close_write();
-        EXPECT_TRUE(wait_until([&] { return count_of(err.text(), "\n") > 0; }));
-        EXPECT_TRUE(process_exists(second)) << "it stays, and serves nobody";
-        end_server(second);
-        expect_one_line(err.text(), "another server already listens at " + stage.socket_path());
-        stage.done()++;
-    }
-}
-
-// A server in a folder where somebody has been before. It says one line, and listens to nobody.
-void expect_refusal(const std::string &folder, const std::string &line)
-{
-    ProgramStart start;
-    start.words = {server_program()};
-    start.environment = server_environment(folder);
-    Pipe err;
-    start.err_fd = err.write_end();
-    const pid_t server = program_start(start);
-    err.close_write();
-    EXPECT_TRUE(wait_until([&] { return count_of(err.text(), "\n") > 0; }));
-    EXPECT_FALSE(is_listened_at(folder + "/pfb.mc"));
-    end_server(server);
-    expect_one_line(err.text(), line);
-}
-
-void write_file(const std::string &path, const std::string &text)
-{
-    std::ofstream(path) << text;
-}
-
-struct Squatter {
-    const char *line;
-    void (*settle)(const Stage &stage, const std::string &folder, const std::string &treasure);
-};
-
-constexpr Squatter SQUATTERS[] = {
-    {"cannot open",
-     [](const Stage &, const std::string &folder, const std::string &treasure) {
-         EXPECT_EQ(symlink(treasure.c_str(), (folder + "/pfb.mc.lock").c_str()), 0);
-     }},
-    {"cannot open",
-     [](const Stage &, const std::string &folder, const std::string &) {
-         EXPECT_EQ(symlink((folder + "/nowhere").c_str(), (folder + "/pfb.mc.lock").c_str()), 0);
-     }},
-    {"cannot open", [](const Stage &, const std::string &folder,
-                       const std::string &) { EXPECT_EQ(mkdir((folder + "/pfb.mc.lock").c_str(), 0755), 0); }},
-    {"is in the way: it is not a socket",
-     [](const Stage &, const std::string &folder, const std::string &treasure) {
-         EXPECT_EQ(symlink(treasure.c_str(), (folder + "/pfb.mc").c_str()), 0);
-     }},
-    {"is in the way: it is not a socket",
-     [](const Stage &stage, const std::string &folder, const std::string &) {
-         EXPECT_EQ(symlink(stage.socket_path().c_str(), (folder + "/pfb.mc").c_str()), 0);
-     }},
-    {"is in the way: it is not a socket",
-     [](const Stage &, const std::string &folder, const std::string &) { write_file(folder + "/pfb.mc", "a file"); }},
-    {"is in the way: it is not a socket",
-     [](const Stage &, const std::string &folder, const std::string &) {
-         EXPECT_EQ(mkfifo((folder + "/pfb.mc").c_str(), 0600), 0);
-     }},
-    {"is in the way: it is not a socket",
-     [](const Stage &, const std::string &folder, const std::string &) {
-         EXPECT_EQ(mkdir((folder + "/pfb.mc").c_str(), 0755), 0);
-     }},
-    {"another server already listens",
-     [](const Stage &stage, const std::string &folder, const std::string &) { // a live socket without its lock
-         EXPECT_EQ(link(stage.socket_path().c_str(), (folder + "/pfb.mc").c_str()), 0);
-     }},
-    // A file of the lock's name that nobody locks, beside what is in the way.
-    {"is in the way: it is not a socket",
-     [](const Stage &, const std::string &folder, const std::string &) {
-         write_file(folder + "/pfb.mc", "a file");
-         write_file(folder + "/pfb.mc.lock", "a file");
-     }},
-    {"another server already listens",
-     [](const Stage &stage, const std::string &folder, const std::string &) {
-         EXPECT_EQ(link(stage.socket_path().c_str(), (folder + "/pfb.mc").c_str()), 0);
-         write_file(folder + "/pfb.mc.lock", "");
-     }},
-};
-
-// What lies there: whatever is made, removed, replaced, written to or given other rights changes this.
-std::string listing(const std::string &folder)
-{
-    std::vector<std::string> names = folder_entries(folder);
-    std::sort(names.begin(), names.end());
-    std::string text;
-    for (const std::string &name : names) {
-        const std::string path = folder + "/" + name;
-        struct stat file {};
-        EXPECT_EQ(lstat(path.c_str(), &file), 0) << path << ": " << strerror(errno);
-        text += name + ": inode " + std::to_string(file.st_ino) + ", mode " + std::to_string(file.st_mode) +
-                ", owner " + std::to_string(file.st_uid) + ":" + std::to_string(file.st_gid) + " " + link_target(path) +
-                (S_ISREG(file.st_mode) ? file_text(path) : "") + "\n";
-    }
-    return text;
-}
-
-void squatters(Stage &stage)
-{
-    for (const Squatter &squatter : SQUATTERS) {
-        const std::string folder = stage.folder() + "/squatted";
-        const std::string treasure = stage.folder() + "/treasure";
-        ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
-        write_file(treasure, "untouched");
-        squatter.settle(stage, folder, treasure);
-        const std::string before = listing(folder);
-        expect_refusal(folder, squatter.line);
-        EXPECT_EQ(listing(folder), before) << squatter.line;
-        EXPECT_EQ(file_text(treasure), "untouched");
-        std::filesystem::remove_all(folder);
-        std::filesystem::remove(treasure);
-        stage.done()++;
-    }
-}
-
-// Somebody else holds the lock of a folder in which no server runs.
-void lock_taken(Stage &stage)
-{
-    const std::string folder = stage.folder() + "/squatted";
-    ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
-    const int fd = open((folder + "/pfb.mc.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    EXPECT_EQ(flock(fd, LOCK_EX), 0);
-    for (int i = 0; i < 3; i++) {
-        expect_refusal(folder, "another server already listens");
-        stage.done()++;
-    }
-    close(fd);
-    std::filesystem::remove_all(folder);
-}
-
 } // namespace
 
 std::vector<Misbehaviour> system_rows()
@@ -277,23 +112,5 @@ std::vector<Misbehaviour> system_rows()
          "scales",
          {},
          memory_limit},
-        {"SecondServer",
-         "a second server is started",
-         "it says so in one line, and serves nobody",
-         "servers",
-         {},
-         second_server},
-        {"Squatters",
-         "links, files, folders or a live socket stand where a server's socket or lock would be",
-         "it says so in one line; nothing is followed, made, removed or written to",
-         "servers",
-         {times(2, "hung up without a greeting")},
-         squatters},
-        {"LockTaken",
-         "somebody else holds the lock of a server's folder",
-         "it says so in one line",
-         "servers",
-         {},
-         lock_taken},
     };
 }

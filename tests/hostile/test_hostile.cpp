@@ -17,7 +17,7 @@ const std::vector<Misbehaviour> &all_rows()
     static const std::vector<Misbehaviour> rows = [] {
         std::vector<Misbehaviour> all;
         for (const auto part : {packet_rows, connection_rows, name_rows, memory_rows, flood_rows, lock_rows,
-                                device_rows, system_rows, access_rows, end_rows}) {
+                                device_rows, system_rows, folder_rows, access_rows, end_rows}) {
             for (const Misbehaviour &row : part())
                 all.push_back(row);
         }

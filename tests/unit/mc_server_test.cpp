@@ -281,8 +281,8 @@ TEST_F(McServer, EveryDescriptorIsClosedOnExec)
     mc_connection *client = mc_connect("svc", "a");
     ASSERT_NE(client, nullptr);
     settle();
-    for (const int fd : {mc_fd(client), mc_fd(connections.at(0)), factory->listener.fd, factory->listener.lock_fd,
-                         factory->reserve_fd})
+    for (const int fd : {mc_fd(client), mc_fd(connections.at(0)), factory->listener.fd, factory->listener.folder_fd,
+                         factory->listener.lock_fd, factory->reserve_fd})
         EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC) << fd;
     mc_close(client);
 }

@@ -26,6 +26,10 @@ else
 PFB_CONF_OPTS += -Dtools=false -Dvnc=disabled
 endif
 
+ifneq ($(call qstrip,$(BR2_PACKAGE_PFB_SOCKET_GROUP)),)
+PFB_CONF_OPTS += -Dsocket_group=$(call qstrip,$(BR2_PACKAGE_PFB_SOCKET_GROUP))
+endif
+
 define PFB_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 0755 $(TARGET_DIR)/usr/share/pfb/fbserver.init \
 		$(TARGET_DIR)/etc/init.d/S20fbserver
