@@ -14,6 +14,9 @@
 template <typename Src, typename Dst>
 using Kernel = void (*)(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h);
 
+// Rows of `size` bytes as they are, at least one each of them and at least one row; pitches are in bytes.
+using CopyKernel = void (*)(const uint8_t *src, ptrdiff_t src_pitch, uint8_t *dst, ptrdiff_t dst_pitch, size_t size,
+                            int32_t h);
 // A rectangle of one colour; w may be 0.
 template <typename Pixel> using FillKernel = void (*)(Pixel *dst, ptrdiff_t pitch, Pixel value, int32_t w, int32_t h);
 // A row in place: n pixels, n at least 0. Dimming makes each colour byte p x strength / 256, strength at most 255, and
@@ -71,6 +74,7 @@ using PickKernel = void (*)(const PickRow *rows, int32_t count, const PickPlan *
 // "rgb" and "argb" are 32-bit words, "16" is 5-6-5, "18" is 6-6-6 in a word; pixel.h has the formulas.
 struct Kernels {
     const char *name;
+    CopyKernel copy;
     Kernel<uint32_t, uint16_t> rgb_to_16;
     Kernel<uint32_t, uint32_t> rgb_to_18;
     Kernel<uint32_t, uint32_t> rgb_to_argb; // alpha becomes 255

@@ -8,6 +8,12 @@
 
 namespace {
 
+void copy(const uint8_t *src, ptrdiff_t src_pitch, uint8_t *dst, ptrdiff_t dst_pitch, size_t size, int32_t h)
+{
+    for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
+        memcpy(dst, src, size);
+}
+
 template <typename Src, typename Dst, uint32_t pixel(uint32_t)>
 void convert(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
@@ -105,6 +111,7 @@ template <typename Pixel> void pick(const PickRow *rows, int32_t count, const Pi
 
 constinit const Kernels kernels_plain = {
     .name = "plain",
+    .copy = copy,
     .rgb_to_16 = convert<uint32_t, uint16_t, pixel_rgb_to_16>,
     .rgb_to_18 = convert<uint32_t, uint32_t, pixel_rgb_to_18>,
     .rgb_to_argb = convert<uint32_t, uint32_t, pixel_rgb_to_argb>,

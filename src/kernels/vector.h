@@ -33,24 +33,25 @@ inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
 
 template <typename Pixel> constexpr ptrdiff_t PER_VECTOR = LANES * 16 / static_cast<ptrdiff_t>(sizeof(Pixel));
 
-// N pixels of a row from src to dst. Written into each loop: two of them are done at a time.
+// N pixels of a row from src to dst. Written into each loop.
 template <typename Src, typename Dst> using Step = void (*)(const Src *, Dst *);
 
 // A row of at least N pixels. Where they are no whole steps, the last step begins earlier and does some pixels again.
-template <auto step, ptrdiff_t N, ptrdiff_t COPIES, typename Src, typename Dst>
-void convert_row(const Src *src, Dst *dst, ptrdiff_t n)
+template <auto step, ptrdiff_t N, ptrdiff_t TOGETHER, typename Src, typename Dst>
+[[gnu::always_inline]] inline void convert_row(const Src *src, Dst *dst, ptrdiff_t n)
 {
-    constexpr ptrdiff_t TOGETHER = 4 / LANES;
     ptrdiff_t i = 0;
-    for (; i + TOGETHER * N <= n; i += TOGETHER * N) {
+    for (; TOGETHER > 1 && i + TOGETHER * N < n; i += TOGETHER * N) {
         for (ptrdiff_t k = 0; k < TOGETHER; k++)
-            step(src + i + k * N, dst + COPIES * (i + k * N));
+            step(src + i + k * N, dst + i + k * N);
     }
-    for (; i + N <= n; i += N)
-        step(src + i, dst + COPIES * i);
-    if (i < n)
-        step(src + n - N, dst + COPIES * (n - N));
+    for (; i < n - N; i += N)
+        step(src + i, dst + i);
+    step(src + n - N, dst + n - N);
 }
+
+// Vectors of 16 bytes are too little for a turn of a loop. Short rows have few turns, and no time to choose a loop.
+constexpr ptrdiff_t LONG_ROW_STEPS = LANES == 1 ? 8 : PTRDIFF_MAX;
 
 template <typename Src, typename Dst, Kernel<Src, Dst> Kernels::*own, ptrdiff_t N, Step<Src, Dst> step>
 void convert(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
@@ -62,10 +63,13 @@ void convert(const Src *src, ptrdiff_t src_pitch, Dst *dst, ptrdiff_t dst_pitch,
     }
     if (width < N) {
         (NARROWER.*own)(src, src_pitch, dst, dst_pitch, static_cast<int32_t>(width), h);
-        return;
+    } else if (width / N >= LONG_ROW_STEPS) {
+        for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
+            convert_row<step, N, 4>(src, dst, width);
+    } else {
+        for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
+            convert_row<step, N, 1>(src, dst, width);
     }
-    for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
-        convert_row<step, N, 1>(src, dst, width);
 }
 
 } // namespace

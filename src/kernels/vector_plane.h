@@ -7,18 +7,12 @@
 namespace {
 
 // A row of at least one vector.
-template <typename V, typename Pixel> void fill_row(Pixel *row, V all, ptrdiff_t n)
+template <typename V, typename Pixel> [[gnu::always_inline]] inline void fill_row(Pixel *row, V all, ptrdiff_t n)
 {
     constexpr ptrdiff_t N = PER_VECTOR<Pixel>;
-    ptrdiff_t i = 0;
-    for (; i + 4 * N <= n; i += 4 * N) {
-        for (ptrdiff_t k = 0; k < 4; k++)
-            store(row + i + k * N, all);
-    }
-    for (; i + N <= n; i += N)
+    for (ptrdiff_t i = 0; i < n - N; i += N)
         store(row + i, all);
-    if (i < n)
-        store(row + n - N, all);
+    store(row + n - N, all);
 }
 
 template <typename Pixel, typename V, FillKernel<Pixel> Kernels::*own>

@@ -1,10 +1,27 @@
 // SPDX-License-Identifier: MIT
-// Conversions that leave a rectangle the way it stands.
+// Copies and conversions that leave a rectangle the way it stands.
 #pragma once
 
 #include "vector.h"
 
 namespace {
+
+// Bytes from which on memcpy is worth a call for each row.
+constexpr size_t LONG_ROW = LANES == 1 ? 64 : 512;
+
+inline void copy(const uint8_t *src, ptrdiff_t src_pitch, uint8_t *dst, ptrdiff_t dst_pitch, size_t size, int32_t h)
+{
+    if (size < sizeof(U8) || size > LONG_ROW) {
+        (size < sizeof(U8) ? NARROWER : kernels_plain).copy(src, src_pitch, dst, dst_pitch, size, h);
+        return;
+    }
+    const size_t last = size - sizeof(U8);
+    for (; h > 0; h--, src += src_pitch, dst += dst_pitch) {
+        for (size_t i = 0; i < last; i += sizeof(U8))
+            store(dst + i, load<U8>(src + i));
+        store(dst + last, load<U8>(src + last));
+    }
+}
 
 template <U32 pixel(U32)> [[gnu::always_inline]] inline void words_step(const uint32_t *src, uint32_t *dst)
 {

@@ -15,6 +15,7 @@ constexpr Kernels vector_kernels(const char *name, PickKernel pick_16, PickKerne
     constexpr ptrdiff_t N32 = PER_VECTOR<uint32_t>;
     return {
         .name = name,
+        .copy = copy,
         .rgb_to_16 = convert<uint32_t, uint16_t, &Kernels::rgb_to_16, N16, narrow_step<rgb_to_16_in_lanes>>,
         .rgb_to_18 = convert<uint32_t, uint32_t, &Kernels::rgb_to_18, N32, words_step<pixel_rgb_to_18>>,
         .rgb_to_argb = convert<uint32_t, uint32_t, &Kernels::rgb_to_argb, N32, words_step<pixel_rgb_to_argb>>,

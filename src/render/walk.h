@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "../composite/records.h"
 #include "../kernels/kernels.h"
@@ -56,7 +55,7 @@ template <typename Src, typename Dst> int32_t walk(const Call &call, Kernel<Src,
     return 0;
 }
 
-// Words unchanged: a copy for each row, and one for all of them where nothing lies between.
+// Words unchanged: row by row, or as one row where nothing lies between.
 template <typename Pixel> int32_t walk_copy(const Call &call)
 {
     if (call_is_empty(call))
@@ -65,13 +64,10 @@ template <typename Pixel> int32_t walk_copy(const Call &call)
     const ptrdiff_t dst_pitch = pitch_of<Pixel>(call.dstride);
     const bool whole = src_pitch == call.w && dst_pitch == call.w;
     const size_t size = sizeof(Pixel) * static_cast<size_t>(call.w) * static_cast<size_t>(whole ? call.h : 1);
-    const Pixel *src = source_start<Pixel>(call);
-    Pixel *dst = destination_start<Pixel>(call);
-    for (int32_t left = whole ? 1 : call.h; left > 0; left--) {
-        memcpy(dst, src, size);
-        src += src_pitch;
-        dst += dst_pitch;
-    }
+    constexpr ptrdiff_t bytes = sizeof(Pixel);
+    kernels->copy(reinterpret_cast<const uint8_t *>(source_start<Pixel>(call)), src_pitch * bytes,
+                  reinterpret_cast<uint8_t *>(destination_start<Pixel>(call)), dst_pitch * bytes, size,
+                  whole ? 1 : call.h);
     return 0;
 }
 
