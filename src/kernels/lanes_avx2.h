@@ -66,7 +66,7 @@ inline bool is_opaque(U32 v)
 inline bool may_be_plain(U32 v)
 {
     const __m256i alpha = _mm256_set1_epi32(static_cast<int>(0xFF000000));
-    return _mm256_testz_si256(bits(v), alpha) != 0 || _mm256_testc_si256(bits(v), alpha) != 0;
+    return _mm256_testnzc_si256(bits(v), alpha) == 0;
 }
 inline U16 alpha_in_halves(U32 v)
 {

@@ -20,57 +20,64 @@ namespace {
 
 // Several vectors are looked at together: where nothing shows nothing is done, and what hides all is copied. Between
 // them, one look at the first vector mostly tells that neither is so.
-constexpr ptrdiff_t GROUP = 128 / (LANES * 16);
-
-inline void over_group(const uint32_t *src, uint32_t *dst)
+template <ptrdiff_t COUNT> [[gnu::always_inline]] inline void over_group(const uint32_t *src, uint32_t *dst)
 {
     constexpr ptrdiff_t N = PER_VECTOR<uint32_t>;
-    U32 s[GROUP];
-    for (ptrdiff_t i = 0; i < GROUP; i++)
+    U32 s[COUNT];
+    for (ptrdiff_t i = 0; i < COUNT; i++)
         s[i] = load<U32>(src + i * N);
-    if (may_be_plain(s[0])) {
+    if (may_be_plain(s[0])) [[unlikely]] { // plain ones are quick enough
         U32 any = s[0];
         U32 all = s[0];
-        for (ptrdiff_t i = 1; i < GROUP; i++) {
+        for (ptrdiff_t i = 1; i < COUNT; i++) {
             any |= s[i];
             all &= s[i];
         }
         if (is_zero(any))
             return;
         if (is_opaque(all)) {
-            for (ptrdiff_t i = 0; i < GROUP; i++)
+            for (ptrdiff_t i = 0; i < COUNT; i++)
                 store(dst + i * N, s[i]);
             return;
         }
     }
-    for (ptrdiff_t i = 0; i < GROUP; i++)
+    for (ptrdiff_t i = 0; i < COUNT; i++)
         store(dst + i * N, over(s[i], load<U32>(dst + i * N)));
 }
 
-inline void over_rest(const uint32_t *src, uint32_t *dst, ptrdiff_t n)
+// A group in each row. Returns how wide it is.
+template <ptrdiff_t COUNT>
+ptrdiff_t over_columns(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_t dst_pitch, int32_t h)
 {
-    constexpr ptrdiff_t N = PER_VECTOR<uint32_t>;
-    for (; n >= N; n -= N, src += N, dst += N)
-        store(dst, over(load<U32>(src), load<U32>(dst)));
-    if (n > 0)
-        NARROWER.over(src, n, dst, n, static_cast<int32_t>(n), 1);
+    for (; h > 0; h--, src += src_pitch, dst += dst_pitch)
+        over_group<COUNT>(src, dst);
+    return COUNT * PER_VECTOR<uint32_t>;
 }
 
+// Large groups row by row; what that leaves is narrow, and done column by column. The last columns, fewer than a
+// vector's, are left to the narrower kernels: no pixel may be done twice.
 void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
-    constexpr ptrdiff_t N = GROUP * PER_VECTOR<uint32_t>;
+    constexpr ptrdiff_t N = PER_VECTOR<uint32_t>;
+    constexpr ptrdiff_t LARGE = 128 / (LANES * 16);
+    constexpr ptrdiff_t SMALL = 64 / (LANES * 16);
     ptrdiff_t width = w;
     if (src_pitch == w && dst_pitch == w) {
         width *= h;
         h = 1;
     }
-    for (; h > 0; h--, src += src_pitch, dst += dst_pitch) {
-        ptrdiff_t i = 0;
-        for (; i + N <= width; i += N)
-            over_group(src + i, dst + i);
-        if (i < width)
-            over_rest(src + i, dst + i, width - i);
+    const ptrdiff_t most = width - width % (LARGE * N);
+    for (int32_t j = 0; most > 0 && j < h; j++) {
+        for (ptrdiff_t i = 0; i < most; i += LARGE * N)
+            over_group<LARGE>(src + j * src_pitch + i, dst + j * dst_pitch + i);
     }
+    ptrdiff_t i = most;
+    while (i + SMALL * N <= width)
+        i += over_columns<SMALL>(src + i, src_pitch, dst + i, dst_pitch, h);
+    while (i + N <= width)
+        i += over_columns<1>(src + i, src_pitch, dst + i, dst_pitch, h);
+    if (i < width)
+        NARROWER.over(src + i, src_pitch, dst + i, dst_pitch, static_cast<int32_t>(width - i), h);
 }
 
 } // namespace
