@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The kernels of every instruction set beside the plain ones, on what the converters' own tests do not bring up: runs
-// of transparent and opaque pixels, rows that overlap, and the rows of scaled images.
+// The kernels of every instruction set beside the plain ones, on what the converters' own tests do not bring up: copied
+// rows of every length, runs of transparent and opaque pixels, turns between pitches of every kind, colour planes, and
+// the rows of scaled images.
 #include <algorithm>
 #include <cstring>
 #include <list>
@@ -36,6 +37,37 @@ TEST(Kernels, TheFastestOfThemIsInUse)
 #elif defined(__aarch64__)
     EXPECT_EQ(names.count("neon"), 1u);
 #endif
+}
+
+// ---- copies ----
+
+void check_copy(const Kernels *set, size_t size, int32_t h, size_t src_more, size_t dst_more, Random &random)
+{
+    const auto bytes = [&](size_t more) { return (size + more) * static_cast<size_t>(h - 1) + size; };
+    const GuardedBuffer::Side side = SIDES[between(random, 0, 1)];
+    const GuardedBuffer src(bytes(src_more), side);
+    const GuardedBuffer dst(bytes(dst_more), side);
+    std::ranges::generate(src.all(), [&] { return static_cast<uint8_t>(random()); });
+    std::ranges::fill(dst.all(), uint8_t{0xC3});
+    std::vector<uint8_t> expected(dst.all().begin(), dst.all().end());
+    uint8_t *to = expected.data() + (dst.data() - dst.all().data());
+    for (size_t y = 0; y < static_cast<size_t>(h); y++)
+        std::copy_n(src.data() + y * (size + src_more), size, to + y * (size + dst_more));
+    set->copy(src.data(), static_cast<ptrdiff_t>(size + src_more), dst.data(), static_cast<ptrdiff_t>(size + dst_more),
+              size, h);
+    ASSERT_TRUE(std::ranges::equal(expected, dst.all()))
+        << set->name << " " << size << " bytes + " << src_more << " to + " << dst_more << ", " << h << " rows";
+}
+
+TEST(KernelCopy, RowsOfEveryLength)
+{
+    Random random(8);
+    for (const Kernels *set : all_kernel_sets()) {
+        for (size_t size = 1; size < 700; size++) {
+            const auto more = [&] { return static_cast<size_t>(between(random, 0, 1) * between(random, 0, 9)); };
+            check_copy(set, size, between(random, 1, 4), more(), more(), random);
+        }
+    }
 }
 
 // ---- OVER ----
@@ -140,6 +172,40 @@ TEST(KernelTurn, TheLaterOfOverlappingRowsStays)
     });
 }
 
+// Of all pitches, those of a power of two decide which way through the rectangle is taken.
+template <typename Src, typename Dst> void check_pitched_turn(Kernel<Src, Dst> Kernels::*turn, Random &random)
+{
+    const int32_t w = between(random, 1, 200), h = between(random, 1, 100);
+    const int32_t unit = 1 << between(random, 0, 11);
+    const int32_t src_pitch = (w + unit - 1) / unit * unit;
+    const int32_t dst_pitch = h + between(random, 0, 1) * between(random, 0, 40);
+    const auto src_pixels = static_cast<size_t>(src_pitch * (h - 1) + w);
+    const auto dst_pixels = static_cast<size_t>(dst_pitch * (w - 1) + h);
+    const GuardedBuffer::Side side = SIDES[between(random, 0, 1)];
+    const GuardedBuffer src(src_pixels * sizeof(Src), side);
+    std::ranges::generate(src.all(), [&] { return static_cast<uint8_t>(random()); });
+    const auto *from = reinterpret_cast<const Src *>(src.data());
+    std::vector<Dst> expected(dst_pixels, Dst{0x5A5A});
+    (kernels_plain.*turn)(from, src_pitch, expected.data(), dst_pitch, w, h);
+    for (const Kernels *set : all_kernel_sets()) {
+        const GuardedBuffer dst(dst_pixels * sizeof(Dst), side);
+        auto *to = reinterpret_cast<Dst *>(dst.data());
+        std::fill_n(to, dst_pixels, Dst{0x5A5A});
+        (set->*turn)(from, src_pitch, to, dst_pitch, w, h);
+        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), to))
+            << set->name << " " << w << "x" << h << " pitches " << src_pitch << " " << dst_pitch;
+    }
+}
+
+TEST(KernelTurn, PitchesOfEveryPowerOfTwo)
+{
+    random_cases::run(200, [](Random &random) {
+        check_pitched_turn(&Kernels::turn_16, random);
+        check_pitched_turn(&Kernels::turn_32, random);
+        check_pitched_turn(&Kernels::turn_rgb_to_16, random);
+    });
+}
+
 // ---- colour planes ----
 
 // `more` pixels lie between the rows.
@@ -179,21 +245,31 @@ uint32_t dimmed(uint32_t p, uint32_t strength)
     return part(65536) + part(256) + part(1);
 }
 
-TEST(KernelPlane, DimsByEveryStrength)
+// The row ends in none or some of the pixels that are no whole vector.
+void check_dim(const Kernels *set, std::vector<uint32_t> pixels, uint32_t strength)
+{
+    pixels.resize(pixels.size() - strength % 16);
+    const GuardedBuffer row(pixels.size() * 4, SIDES[strength % 2]);
+    std::ranges::copy(pixels, words_of(row));
+    set->dim(words_of(row), strength, static_cast<int32_t>(pixels.size()));
+    for (size_t i = 0; i < pixels.size(); i++)
+        ASSERT_EQ(words_of(row)[i], dimmed(pixels[i], strength)) << set->name << " " << strength << " of " << pixels[i];
+}
+
+// Each value of each byte, among others that are random and among its likes.
+TEST(KernelPlane, DimsEveryValueByEveryStrength)
 {
     Random random(7);
+    std::vector<uint32_t> pixels;
+    for (uint32_t value = 0; value < 256; value++) {
+        pixels.push_back(value * 0x01010101);
+        for (int shift = 0; shift < 32; shift += 8)
+            pixels.push_back((static_cast<uint32_t>(random()) & ~(0xFFu << shift)) | value << shift);
+    }
+    pixels.resize(pixels.size() + 16, 0xFFFFFFFF); // some of them are cut off
     for (const Kernels *set : all_kernel_sets()) {
-        for (uint32_t strength = 0; strength < 256; strength++) {
-            const size_t n = 1 + strength % 77;
-            const GuardedBuffer row(n * 4, SIDES[strength % 2]);
-            std::vector<uint32_t> expected;
-            for (size_t i = 0; i < n; i++) {
-                words_of(row)[i] = i == 0 ? 0xFFFFFFFF : static_cast<uint32_t>(random());
-                expected.push_back(dimmed(words_of(row)[i], strength));
-            }
-            set->dim(words_of(row), strength, static_cast<int32_t>(n));
-            ASSERT_TRUE(std::equal(expected.begin(), expected.end(), words_of(row))) << set->name << " " << strength;
-        }
+        for (uint32_t strength = 0; strength < 256; strength++)
+            check_dim(set, pixels, strength);
     }
 }
 
@@ -205,11 +281,12 @@ PickPlan random_plan(Random &random, int32_t pixel_size)
     PickPlan plan = {};
     const int32_t steps[] = {0x2000,  0x8000,  0xA000,  0xE000,  0xFFFF,  0x10000,
                              0x14000, 0x18000, 0x20000, 0x24924, 0x30000, 0x90000};
-    const int32_t step = steps[between(random, 0, 11)] + between(random, -2, 2);
+    const int32_t step = steps[between(random, 0, 11)] + between(random, 0, 1) * between(random, -2, 2);
     plan.n = between(random, 0, 9) == 0 ? PICK_MOST : between(random, 1, 150);
-    const int64_t fraction = between(random, 0, 0xFFFF);
+    const int64_t fraction =
+        between(random, 0, 2) == 0 ? -1 : between(random, 0, 0xFFFF); // -1: rows of 32 bits begin so
     for (int64_t i = 0; i < plan.n; i++)
-        plan.columns[i] = static_cast<int32_t>((fraction + i * step) >> 16);
+        plan.columns[i] = static_cast<int32_t>(std::max<int64_t>(0, fraction + i * step) >> 16);
     // Now and then one long step among short ones.
     const int32_t far = between(random, 0, 3) == 0 ? between(random, 1, plan.n) : plan.n;
     for (int32_t i = far; i < plan.n; i++)
@@ -254,7 +331,8 @@ template <typename Pixel> void check_pick(const Kernels *set, PickKernel pick, c
     size_t k = 0;
     for (const GuardedBuffer &dst : made) {
         ASSERT_TRUE(std::ranges::equal(expected[k], dst.all()))
-            << set->name << " " << plan.n << " pixels, shape " << plan.shape << ", row " << k << " of " << rows.size();
+            << set->name << " " << plan.n << " pixels, shape " << plan.shape << ", rhythm " << plan.rhythm << ", row "
+            << k << " of " << rows.size();
         k++;
     }
 }
@@ -271,17 +349,23 @@ TEST(KernelPick, TakesTheColumns)
     });
 }
 
+// Columns that go on by `step` from `fraction`, both 65536ths; before 0 comes nothing.
+PickPlan plan_of(int32_t step, int32_t n, int32_t pixel_size, int32_t fraction = 0)
+{
+    PickPlan plan = {};
+    plan.n = n;
+    for (int32_t i = 0; i < n; i++)
+        plan.columns[i] = std::max(0, fraction + i * step) >> 16;
+    pick_plan_finish(&plan, pixel_size);
+    return plan;
+}
+
 // Every shape of a plan is one that usual factors lead to: none of the loops is there for nothing, and none is left out
 // of the test above.
 TEST(KernelPick, FactorsHaveTheirShapes)
 {
     const auto shape_of = [](int32_t step, int32_t n, int32_t pixel_size) {
-        PickPlan plan = {};
-        plan.n = n;
-        for (int32_t i = 0; i < n; i++)
-            plan.columns[i] = i * step >> 16;
-        pick_plan_finish(&plan, pixel_size);
-        return plan.shape;
+        return plan_of(step, n, pixel_size).shape;
     };
     for (int32_t step : {0x4000, 0x8000, 0xA000}) {
         EXPECT_EQ(shape_of(step, 300, 2), PICK_ONE) << step;
@@ -293,7 +377,29 @@ TEST(KernelPick, FactorsHaveTheirShapes)
         EXPECT_EQ(shape_of(0x20000, 300, pixel_size), PICK_TWO);
         EXPECT_EQ(shape_of(0x30000, 300, pixel_size), PICK_SINGLY);
         EXPECT_EQ(shape_of(0x8000, 7, pixel_size), PICK_SINGLY);  // shorter than a step
+        EXPECT_EQ(shape_of(0x8000, 15, pixel_size), PICK_SINGLY); // too short
         EXPECT_EQ(shape_of(0x4000, 20, pixel_size), PICK_SINGLY); // its source is shorter than a vector
+    }
+}
+
+// The same of what steps have in common. Rows of 32 bits begin a 65536th before a whole pixel: their first step
+// differs.
+TEST(KernelPick, FactorsHaveTheirRhythms)
+{
+    for (const auto &[step, rhythm] : {std::pair{0x8000, PICK_DOUBLED}, {0x20000, PICK_HALVED}, {0x14000, PICK_ANY}}) {
+        for (int32_t pixel_size : {2, 4}) {
+            for (int32_t fraction : {-1, 0, 0x8000}) {
+                const PickPlan plan = plan_of(step, 300, pixel_size, fraction);
+                const int32_t in_step = 32 / pixel_size;
+                EXPECT_EQ(plan.rhythm, rhythm) << step;
+                EXPECT_EQ(plan.alike, fraction < 0 ? in_step : 0) << step;
+                EXPECT_EQ(plan.advance, in_step * step / 0x10000) << step;
+                EXPECT_GE(plan.until, 200) << step;
+            }
+            const PickPlan uneven = plan_of(step + 1000, 300, pixel_size);
+            EXPECT_EQ(uneven.alike, 300) << step;
+            EXPECT_EQ(uneven.rhythm, PICK_ANY) << step;
+        }
     }
 }
 

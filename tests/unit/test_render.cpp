@@ -87,18 +87,27 @@ TEST(Pixel, DoublingCountsWordsOfTheDestination)
         EXPECT_EQ(dst[i], i == 14 || i == 15 || i == 20 || i == 21 ? one : 0) << i;
 }
 
-// A long row of pixels through a converter, in every instruction set, compared with the rule for each.
+// Pixels through a converter, in every instruction set, compared with the rule for each. They are one long row, or rows
+// of 256 where the converter does not leave them the way they stand.
 template <typename Src, typename Dst> void expect_rule(Converter run, const std::vector<Src> &src)
 {
     const ConverterFacts &facts = converter_facts_of(run);
+    const auto n = static_cast<int32_t>(src.size());
+    const bool doubled = facts.placement == Placement::doubled;
+    const int32_t w = facts.placement == Placement::unturned ? n : 256, h = n / w;
+    const int32_t dst_width = facts.placement == Placement::quarter_turn ? h : doubled ? 2 * w : w;
+    const ConverterArguments args = {h, 0, 0, 0, 0, w, h, w * int32_t{sizeof(Src)}, dst_width * int32_t{sizeof(Dst)}};
+    const size_t size = doubled ? 4 * src.size() : src.size();
+    std::vector<Dst> expected(size);
+    convert_slowly(facts, args, reinterpret_cast<const uint8_t *>(src.data()),
+                   reinterpret_cast<uint8_t *>(expected.data()));
     for (const Kernels *set : all_kernel_sets()) {
-        SCOPED_TRACE(std::string(facts.name) + " by " + set->name);
         const UsedKernels used(set);
-        std::vector<Dst> dst(src.size());
-        const auto n = static_cast<int32_t>(src.size());
-        run(nullptr, src.data(), dst.data(), 0, 0, 0, 0, n, 1, n * int32_t{sizeof(Src)}, n * int32_t{sizeof(Dst)});
-        for (size_t i = 0; i < src.size(); i++)
-            ASSERT_EQ(dst[i], facts.pixel(src[i], 0)) << "of " << std::hex << +src[i];
+        std::vector<Dst> dst(size);
+        convert_really(facts, args, reinterpret_cast<const uint8_t *>(src.data()),
+                       reinterpret_cast<uint8_t *>(dst.data()));
+        for (size_t i = 0; i < size; i++)
+            ASSERT_EQ(dst[i], expected[i]) << facts.name << " by " << set->name << ", place " << i;
     }
 }
 
@@ -110,7 +119,8 @@ TEST(Pixel, All16BitValues)
     expect_rule<uint16_t, uint32_t>(render_16_to_32, all);
     expect_rule<uint16_t, uint32_t>(render_16_to_18, all);
     expect_rule<uint16_t, uint16_t>(render_16_to_16, all);
-    expect_rule<uint16_t, uint16_t>(render_16_to_16_270, all);
+    for (Converter run : {render_16_to_16_270, render_16_to_16_90, render_16_to_16_x2})
+        expect_rule<uint16_t, uint16_t>(run, all);
 }
 
 TEST(Pixel, All18BitValues)
@@ -136,10 +146,11 @@ TEST(Pixel, ManyOf32BitsAndEveryValueOfEachChannel)
     }
     for (uint32_t i = 0; i < 1u << 19; i++)
         many.push_back(i * 2654435761u);
-    for (Converter run : {render_rgb_to_16, render_rgb_to_16_270})
+    for (Converter run : {render_rgb_to_16, render_rgb_to_16_90_quiet, render_rgb_to_16_270, render_rgb_to_16_x2})
         expect_rule<uint32_t, uint16_t>(run, many);
-    for (Converter run : {render_rgb_to_18, render_rgb_to_18_90, render_rgb_to_18_270, render_rgb_to_32,
-                          render_rgb_to_32a, render_argb_to_32_alpha4, render_rgb_to_32_alpha4})
+    for (Converter run :
+         {render_rgb_to_18, render_rgb_to_18_90, render_rgb_to_18_270, render_rgb_to_32, render_rgb_to_32a,
+          render_32_to_32, render_32_to_32_90, render_32_to_32_270, render_argb_to_32_alpha4, render_rgb_to_32_alpha4})
         expect_rule<uint32_t, uint32_t>(run, many);
 }
 
