@@ -122,22 +122,6 @@ template <typename Picked, bool SAME, int ROWS, int STEPS>
     }
 }
 
-// Steps that are all alike, from i on; returns where the next one begins.
-template <typename Picked, bool SAME, int ROWS>
-[[gnu::always_inline]] inline size_t pick_alike(const PickRow (&rows)[ROWS], const PickPlan *plan, size_t i)
-{
-    constexpr size_t size = sizeof(typename Picked::Pixel);
-    const Picked picked(plan, i);
-    const ptrdiff_t advance = plan->advance * static_cast<ptrdiff_t>(size);
-    for (ptrdiff_t on = 0; i < static_cast<size_t>(plan->until); i += 32 / size, on += advance) {
-        const auto first = picked.from(rows[0].src + on);
-        store(rows[0].dst + i * size, first);
-        for (int row = 1; row < ROWS; row++)
-            store(rows[row].dst + i * size, SAME ? first : picked.from(rows[row].src + on));
-    }
-    return i;
-}
-
 // Rest is for the end of a row.
 template <typename Picked, typename Rest, bool SAME, int ROWS>
 void pick_together(const PickRow *rows, const PickPlan *plan)
@@ -150,11 +134,6 @@ void pick_together(const PickRow *rows, const PickPlan *plan)
     const auto n = static_cast<size_t>(plan->n);
     const auto end = static_cast<size_t>(plan->end);
     size_t i = 0;
-    if (plan->alike < plan->until) {
-        for (; i < static_cast<size_t>(plan->alike); i += N)
-            pick_steps<Picked, SAME, ROWS, 1>(own, plan, i, i * size);
-        i = pick_alike<Picked, SAME, ROWS>(own, plan, i);
-    }
     for (; i + 2 * N <= end; i += 2 * N)
         pick_steps<Picked, SAME, ROWS, 2>(own, plan, i, i * size);
     if (i + N <= end) {
@@ -163,6 +142,59 @@ void pick_together(const PickRow *rows, const PickPlan *plan)
     }
     for (; i < n; i += N)
         pick_steps<Rest, SAME, ROWS, 1>(own, plan, i, (i + N <= n ? i : n - N) * size);
+}
+
+// One step of all rows.
+template <typename Picked>
+void pick_column(const PickRow *rows, int32_t count, const PickPlan *plan, int32_t i, int32_t to)
+{
+    constexpr ptrdiff_t size = sizeof(typename Picked::Pixel);
+    const Picked picked(plan, static_cast<size_t>(i));
+    for (int32_t k = 0; k < count; k++)
+        store(rows[k].dst + to * size, picked.from(rows[k].src));
+}
+
+// The steps that are alike.
+template <typename Picked, bool SAME, int ROWS>
+[[gnu::always_inline]] inline void pick_middle(const PickRow *rows, const PickPlan *plan, const Picked &picked)
+{
+    constexpr ptrdiff_t size = sizeof(typename Picked::Pixel);
+    PickRow own[ROWS];
+    for (int row = 0; row < ROWS; row++)
+        own[row] = rows[row];
+    const ptrdiff_t advance = plan->advance * size, end = plan->until * size;
+    ptrdiff_t on = 0;
+    for (ptrdiff_t to = plan->alike * size; to < end; to += 32, on += advance) {
+        const auto first = picked.from(own[0].src + on);
+        const auto second = ROWS == 1 || SAME ? first : picked.from(own[ROWS - 1].src + on);
+        store(own[0].dst + to, first);
+        if (ROWS == 2)
+            store(own[ROWS - 1].dst + to, second);
+    }
+}
+
+// Rows whose steps are mostly alike: first those that are not, at the beginning and at the end of each row, then the
+// others, of which the shuffle is known by now.
+template <typename Picked, typename Rest> void pick_alike(const PickRow *rows, int32_t count, const PickPlan *plan)
+{
+    constexpr int32_t N = 32 / sizeof(typename Picked::Pixel);
+    const int32_t n = plan->n;
+    for (int32_t i = 0; i < plan->alike; i += N)
+        pick_column<Picked>(rows, count, plan, i, i);
+    int32_t i = plan->until;
+    for (; i + N <= plan->end; i += N)
+        pick_column<Picked>(rows, count, plan, i, i);
+    for (; i < n; i += N)
+        pick_column<Rest>(rows, count, plan, i, i + N <= n ? i : n - N);
+    const Picked picked(plan, static_cast<size_t>(plan->alike));
+    for (; count >= 2; count -= 2, rows += 2) {
+        if (rows[0].src == rows[1].src)
+            pick_middle<Picked, true, 2>(rows, plan, picked);
+        else
+            pick_middle<Picked, false, 2>(rows, plan, picked);
+    }
+    if (count > 0)
+        pick_middle<Picked, true, 1>(rows, plan, picked);
 }
 
 template <int32_t N> bool have_own_sources(const PickRow *rows)
@@ -177,10 +209,14 @@ template <int32_t N> bool have_own_sources(const PickRow *rows)
 template <typename Picked, typename Rest = Picked, int32_t MOST = 2>
 void pick_windows(const PickRow *rows, int32_t count, const PickPlan *plan)
 {
-    if (MOST > 2 && plan->alike == plan->until) {
-        for (; count >= MOST && have_own_sources<MOST>(rows); count -= MOST, rows += MOST)
-            pick_together<Picked, Rest, false, MOST>(rows, plan);
+    constexpr int32_t AT_A_TIME = 16; // their ends are still near when the middle comes
+    if (plan->alike < plan->until) {
+        for (; count > 0; count -= AT_A_TIME, rows += AT_A_TIME)
+            pick_alike<Picked, Rest>(rows, count < AT_A_TIME ? count : AT_A_TIME, plan);
+        return;
     }
+    for (; MOST > 2 && count >= MOST && have_own_sources<MOST>(rows); count -= MOST, rows += MOST)
+        pick_together<Picked, Rest, false, MOST>(rows, plan);
     for (; count >= 2; count -= 2, rows += 2) {
         if (rows[0].src == rows[1].src)
             pick_together<Picked, Rest, true, 2>(rows, plan);
