@@ -28,6 +28,11 @@ inline U32 rgb_to_16_above(U32 p) // green stays where it is
     return (p & 0xFC00u) | (p >> 3 & 0x1F0000u) | (p << 2 & 0x03E0u);
 }
 
+inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+{
+    return pack_in_lanes<RGB_TO_16_SHIFT>(rgb_to_16_above(a), rgb_to_16_above(b));
+}
+
 inline U16 lanes_to_memory(U16 v)
 {
     return v;
