@@ -95,6 +95,9 @@ inline U32 unpack_pairs_high(U32 a, U32 b)
 
 inline void exchange_lanes(U32 &, U32 &) {} // there is one
 
+// On their way from memory into a vector, pixels would pass other registers or the stack, and wait there.
+constexpr bool GATHERS = false;
+
 // Every other pixel of both.
 inline U16 evens(U16 a, U16 b)
 {

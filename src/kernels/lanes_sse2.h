@@ -34,6 +34,8 @@ template <int SHIFT> U16 pack_in_lanes(U32 a, U32 b)
     return from_bits<U16>(_mm_packs_epi32(low, high));
 }
 
+constexpr bool GATHERS = true;
+
 // Every other pixel of both.
 inline U16 evens(U16 a, U16 b)
 {
