@@ -20,7 +20,16 @@
 
 namespace {
 
-constexpr int SIZES[][2] = {{16, 16}, {480, 272}, {800, 480}, {1920, 1080}};
+// Pixels from one row to the next, 0 where nothing lies in between.
+struct Size {
+    const char *name;
+    int w, h, pitch;
+};
+constexpr Size SIZES[] = {{"16x16", 16, 16, 0},
+                          {"16x16of480", 16, 16, 480},
+                          {"480x272", 480, 272, 0},
+                          {"800x480", 800, 480, 0},
+                          {"1920x1080", 1920, 1080, 0}};
 
 enum Content { RANDOM, TRANSPARENT, OPAQUE };
 
@@ -31,7 +40,8 @@ struct Picture {
     uint8_t *pixels;
     pixman_image_t *pixman; // null: no such format
 
-    int bytes() const { return stride * h; }
+    int pitch() const { return stride / pixel_size; }
+    int64_t bytes() const { return int64_t{w} * pixel_size * h; } // without what lies between the rows
 };
 
 // What a measured call gets to see.
@@ -74,9 +84,9 @@ template <typename Pixel> void fill(Field &f)
 {
     auto *dst = reinterpret_cast<Pixel *>(f.dst.pixels);
     if constexpr (sizeof(Pixel) == 4)
-        kernels->fill_32(dst, f.dst.w, 0xFF123456, f.dst.w, f.dst.h);
+        kernels->fill_32(dst, f.dst.pitch(), 0xFF123456, f.dst.w, f.dst.h);
     else
-        kernels->fill_16(dst, f.dst.w, 0x1234, f.dst.w, f.dst.h);
+        kernels->fill_16(dst, f.dst.pitch(), 0x1234, f.dst.w, f.dst.h);
 }
 
 void dim(Field &f)
@@ -169,7 +179,7 @@ void fill_content(const Picture &picture, Content content, int pixel_size)
 {
     std::mt19937 random(1);
     auto *words = reinterpret_cast<uint32_t *>(picture.pixels);
-    for (int i = 0; i < picture.bytes() / 4; i++) {
+    for (int i = 0; i < picture.stride * picture.h / 4; i++) {
         const auto word = static_cast<uint32_t>(random());
         const uint32_t alpha = word >> 24;
         const auto part = [&](int shift) { return (word >> shift & 255) * alpha / 255 << shift; };
@@ -181,11 +191,11 @@ void fill_content(const Picture &picture, Content content, int pixel_size)
     }
 }
 
-Picture make_picture(int w, int h, int pixel_size, pixman_format_code_t format)
+Picture make_picture(int w, int h, int pitch, int pixel_size, pixman_format_code_t format)
 {
-    Picture picture{w, h, pixel_size, w * pixel_size, nullptr, nullptr};
+    Picture picture{w, h, pixel_size, pitch * pixel_size, nullptr, nullptr};
     // Room for the largest memcpy, which takes half of what is read and written: for OVER, one and a half pictures.
-    const size_t size = (static_cast<size_t>(w) * static_cast<size_t>(h) * 6 + 4095) / 4096 * 4096;
+    const size_t size = (static_cast<size_t>(pitch) * static_cast<size_t>(h) * 6 + 4095) / 4096 * 4096;
     picture.pixels = static_cast<uint8_t *>(aligned_alloc(4096, size));
     memset(picture.pixels, 0x55, size);
     if (format != NONE)
@@ -219,15 +229,19 @@ void set_surface(Field &f, const Case &c)
     region_init(&f.surface.dirty_region, nullptr);
 }
 
-// w x h is the size of the larger picture.
-Field *make_field(const Case &c, int w, int h)
+// The size is that of the larger picture.
+Field *make_field(const Case &c, const Size &size)
 {
     auto *f = new Field{};
     const auto by = [](int n, double factor) { return static_cast<int>(n * factor); };
     const double src_scale = std::min(1.0, 1 / c.scale);
     const double dst_scale = std::min(1.0, c.scale);
-    f->src = make_picture(by(w, src_scale), by(h, src_scale), c.src_size, c.from);
-    f->dst = make_picture(by(c.turned ? h : w, dst_scale), by(c.turned ? w : h, dst_scale), c.dst_size, c.to);
+    const auto make = [&](int w, int h, int pixel_size, pixman_format_code_t format) {
+        return make_picture(w, h, std::max(w, size.pitch), pixel_size, format);
+    };
+    const int w = size.w, h = size.h;
+    f->src = make(by(w, src_scale), by(h, src_scale), c.src_size, c.from);
+    f->dst = make(by(c.turned ? h : w, dst_scale), by(c.turned ? w : h, dst_scale), c.dst_size, c.to);
     f->server.native_w = f->dst.w;
     fill_content(f->src, c.content, c.src_size);
     set_transform(*f, c);
@@ -244,23 +258,23 @@ void use_pixman(Field &f, pixman_op_t op)
 int64_t traffic(const Field &f, const Case &c)
 {
     const int64_t rows = c.scale < 1 ? f.dst.h : f.src.h;
-    return rows * f.src.stride + int64_t{c.dst_passes} * f.dst.bytes();
+    return rows * f.src.w * f.src.pixel_size + int64_t{c.dst_passes} * f.dst.bytes();
 }
 
 // Made when somebody first asks for it: all of them take half a gigabyte.
 class LateField {
 public:
-    LateField(const Case &of, int width, int height) : c(of), w(width), h(height) {}
+    LateField(const Case &of, const Size &in) : c(of), size(in) {}
     Field &get()
     {
         if (field == nullptr)
-            field = make_field(c, w, h);
+            field = make_field(c, size);
         return *field;
     }
 
 private:
     const Case &c;
-    int w, h;
+    const Size &size;
     Field *field = nullptr;
 };
 
@@ -277,10 +291,10 @@ template <typename Body> void add(const Case &c, LateField *late, const std::str
     });
 }
 
-void add_case(const Case &c, int w, int h)
+void add_case(const Case &c, const Size &size)
 {
-    auto *late = new LateField(c, w, h);
-    const std::string name = std::string(c.name) + "/" + std::to_string(w) + "x" + std::to_string(h) + "/";
+    auto *late = new LateField(c, size);
+    const std::string name = std::string(c.name) + "/" + size.name + "/";
     const KernelList list = kernels_available();
     for (int i = 0; i < list.count; i++) {
         const Kernels *set = list.sets[i];
@@ -302,8 +316,8 @@ void add_case(const Case &c, int w, int h)
 int main(int argc, char **argv)
 {
     for (const Case &c : CASES) {
-        for (const auto &size : SIZES)
-            add_case(c, size[0], size[1]);
+        for (const Size &size : SIZES)
+            add_case(c, size);
     }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))

@@ -40,6 +40,11 @@ inline U32 rgb_to_16_above(U32 p) // blue + 64 x green and red, each kept in a h
     return from_bits<U32>(_mm256_madd_epi16(halves, _mm256_set1_epi32(0x08000001)));
 }
 
+inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+{
+    return pack_in_lanes<RGB_TO_16_SHIFT>(rgb_to_16_above(a), rgb_to_16_above(b));
+}
+
 inline U16 lanes_to_memory(U16 v)
 {
     return from_bits<U16>(_mm256_permute4x64_epi64(bits(v), 0xD8));

@@ -28,6 +28,11 @@ inline U32 rgb_to_16_above(U32 p) // green stays where it is
     return (p & 0xFC00u) | (p >> 3 & 0x1F0000u) | (p << 2 & 0x03E0u);
 }
 
+inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+{
+    return pack_in_lanes<RGB_TO_16_SHIFT>(rgb_to_16_above(a), rgb_to_16_above(b));
+}
+
 inline U16 lanes_to_memory(U16 v)
 {
     return v;
@@ -89,6 +94,9 @@ inline U32 unpack_pairs_high(U32 a, U32 b)
 }
 
 inline void exchange_lanes(U32 &, U32 &) {} // there is one
+
+// On their way from memory into a vector, pixels would pass other registers or the stack, and wait there.
+constexpr bool GATHERS = false;
 
 // Every other pixel of both.
 inline U16 evens(U16 a, U16 b)

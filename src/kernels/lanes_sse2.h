@@ -34,12 +34,37 @@ template <int SHIFT> U16 pack_in_lanes(U32 a, U32 b)
     return from_bits<U16>(_mm_packs_epi32(low, high));
 }
 
+constexpr bool GATHERS = true;
+
+// Every other pixel of both.
+inline U16 evens(U16 a, U16 b)
+{
+    return pack_in_lanes<0>(reinterpret_cast<U32>(a), reinterpret_cast<U32>(b));
+}
+inline U32 evens(U32 a, U32 b)
+{
+    const __m128 both = _mm_shuffle_ps(_mm_castsi128_ps(bits(a)), _mm_castsi128_ps(bits(b)), _MM_SHUFFLE(2, 0, 2, 0));
+    return from_bits<U32>(_mm_castps_si128(both));
+}
+inline U32 odds(U32 a, U32 b)
+{
+    const __m128 both = _mm_shuffle_ps(_mm_castsi128_ps(bits(a)), _mm_castsi128_ps(bits(b)), _MM_SHUFFLE(3, 1, 3, 1));
+    return from_bits<U32>(_mm_castps_si128(both));
+}
+
 constexpr int RGB_TO_16_SHIFT = 5;
 inline U32 rgb_to_16_above(U32 p) // green stays where it is; red and blue come to it by multiplication
 {
     const __m128i red_blue = _mm_and_si128(bits(p), _mm_set1_epi32(0x00F800F8));
     const auto moved = from_bits<U32>(_mm_madd_epi16(red_blue, _mm_set1_epi32(0x20000004)));
     return (p & 0xFC00u) | moved;
+}
+
+// Every other pixel, then the others: put beside each other they need fewer shifts than to be packed.
+inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
+{
+    const U32 first = rgb_to_16_above(evens(a, b)), second = rgb_to_16_above(odds(a, b));
+    return reinterpret_cast<U16>(first >> RGB_TO_16_SHIFT | second << (16 - RGB_TO_16_SHIFT));
 }
 
 inline U16 lanes_to_memory(U16 v)
@@ -101,17 +126,6 @@ inline U32 unpack_pairs_high(U32 a, U32 b)
 }
 
 inline void exchange_lanes(U32 &, U32 &) {} // there is one
-
-// Every other pixel of both.
-inline U16 evens(U16 a, U16 b)
-{
-    return pack_in_lanes<0>(reinterpret_cast<U32>(a), reinterpret_cast<U32>(b));
-}
-inline U32 evens(U32 a, U32 b)
-{
-    return from_bits<U32>(_mm_castps_si128(
-        _mm_shuffle_ps(_mm_castsi128_ps(bits(a)), _mm_castsi128_ps(bits(b)), _MM_SHUFFLE(2, 0, 2, 0))));
-}
 
 // 16 bytes into each lane, the lanes `step` bytes apart.
 template <typename V> V load_lanes(const uint8_t *p, ptrdiff_t)

@@ -146,7 +146,7 @@ void pick_together(const PickRow *rows, const PickPlan *plan)
 
 // One step of all rows.
 template <typename Picked>
-void pick_column(const PickRow *rows, int32_t count, const PickPlan *plan, int32_t i, int32_t to)
+[[gnu::noinline]] void pick_column(const PickRow *rows, int32_t count, const PickPlan *plan, int32_t i, int32_t to)
 {
     constexpr ptrdiff_t size = sizeof(typename Picked::Pixel);
     const Picked picked(plan, static_cast<size_t>(i));

@@ -2,8 +2,9 @@
 // What the vector kernels share. Each instruction set has a lanes_*.h with the same names: U8, U16 and U32 are vectors
 // of LANES times 16 bytes, and functions "in lanes" work on each 16 bytes by themselves. lanes_to_memory moves the
 // quarters of a vector from the order that packing leaves to that of memory, and from that to the one that unpacking
-// wants. pack_in_lanes<S> takes bits S to S + 15 of words that have none above; rgb_to_16_above leaves pixels for it.
-// NARROWER is the set that does what is too narrow for these vectors.
+// wants. pack_in_lanes<S> takes bits S to S + 15 of words that have none above; rgb_to_16_above leaves pixels there,
+// with none below either, and rgb_to_16_in_lanes does both. NARROWER is the set that does what is too narrow for these
+// vectors.
 //
 // All of it is in unnamed namespaces, and nothing of the standard library is used: a function that the linker could
 // share between files might come from the file of an instruction set that the processor does not have.
@@ -24,11 +25,6 @@ template <typename V> V load(const void *p)
 template <typename V> void store(void *p, V v)
 {
     __builtin_memcpy(p, &v, sizeof v);
-}
-
-inline U16 rgb_to_16_in_lanes(U32 a, U32 b)
-{
-    return pack_in_lanes<RGB_TO_16_SHIFT>(rgb_to_16_above(a), rgb_to_16_above(b));
 }
 
 template <typename Pixel> constexpr ptrdiff_t PER_VECTOR = LANES * 16 / static_cast<ptrdiff_t>(sizeof(Pixel));

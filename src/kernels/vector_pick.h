@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Rows of a scaled image, by vectors of 16 bytes. Instruction sets without shuffles by places have this alone: twice
-// and half the size go by whole vectors, and vectors of anything else are gathered pixel by pixel.
+// Rows of a scaled image, by vectors of 16 bytes: twice and half the size go by whole vectors, anything else pixel by
+// pixel, for several rows at a time. Where it takes no detour (GATHERS), vectors are gathered from the pixels.
 #pragma once
 
 #include "vector.h"
@@ -28,7 +28,7 @@ void gather_rows(const PickRow *rows, const int32_t *columns, ptrdiff_t from, pt
     for (int row = 0; row < ROWS; row++)
         own[row] = rows[row];
     ptrdiff_t i = from;
-    for (; i + N <= to; i += N) {
+    for (; GATHERS && i + N <= to; i += N) {
         ptrdiff_t at[N];
         for (ptrdiff_t k = 0; k < N; k++)
             at[k] = columns[i + k] * size;
@@ -36,8 +36,9 @@ void gather_rows(const PickRow *rows, const int32_t *columns, ptrdiff_t from, pt
             store(own[row].dst + i * size, gather(own[row].src, at));
     }
     for (; i < to; i++) {
+        const ptrdiff_t at = columns[i] * size;
         for (int row = 0; row < ROWS; row++)
-            store(own[row].dst + i * size, load<Pixel>(own[row].src + columns[i] * size));
+            store(own[row].dst + i * size, load<Pixel>(own[row].src + at));
     }
 }
 
@@ -87,7 +88,7 @@ void pick(const PickRow *rows, int32_t count, const PickPlan *plan)
         (NARROWER.*own)(rows, count, plan);
         return;
     }
-    constexpr int32_t MOST = sizeof(Pixel); // as many as there are registers for
+    constexpr int32_t MOST = GATHERS ? sizeof(Pixel) : 4; // as many as there are registers for
     const auto is_again = [&](int32_t k) { return k > 0 && rows[k].src == rows[k - 1].src; };
     for (int32_t begin = 0, end = 0; begin < count; begin = end) {
         PickRow sources[MOST];
