@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "listener.h"
+#include "descriptors.h"
 #include "log.h"
 #include "names.h"
 
@@ -138,6 +139,7 @@ bool bind_and_listen(Listener *listener)
     listener->inode = bound.st_ino;
     if ((bound.st_mode & 0777) != SOCKET_MODE && fchmodat(AT_FDCWD, path, SOCKET_MODE, AT_SYMLINK_NOFOLLOW) < 0)
         return complain("cannot set the mode of", path);
+    listener->refuses = descriptors_refuse(listener->fd);
     return listen(listener->fd, QUEUE_MAX) == 0 || complain("cannot listen at", path);
 }
 
@@ -169,6 +171,8 @@ bool listener_open(Listener *listener, const char *service)
     if (listener_take_activated(&listener->fd)) {
         if (listener->fd < 0)
             log_line("the service manager handed over no listening SOCK_SEQPACKET Unix socket");
+        else
+            descriptors_refuse(listener->fd); // those who wait in it may have sent some already
         return listener->fd >= 0;
     }
     if (open_own(listener, service))

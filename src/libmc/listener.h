@@ -13,6 +13,7 @@ inline constexpr int QUEUE_MAX = 256;
 
 struct Listener {
     int fd;       // listening, non-blocking; -1: closed
+    bool refuses; // its connections carry no descriptors, and never did; see descriptors.h
     int lock_fd;  // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
     dev_t device; // what was bound, so that nothing else is ever removed
     ino_t inode;
