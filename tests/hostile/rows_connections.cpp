@@ -28,10 +28,11 @@ void one_after_the_other(Stage &stage)
     });
 }
 
+using Crowd = std::vector<std::unique_ptr<RawClient>>;
+
 // Asked and not answered: it was turned away.
-unsigned connect_many(Stage &stage, unsigned wanted)
+unsigned connect_many(Stage &stage, unsigned wanted, Crowd &clients)
 {
-    std::vector<std::unique_ptr<RawClient>> clients;
     unsigned served = 0;
     for (unsigned i = 0; i < wanted; i++) {
         clients.push_back(std::make_unique<RawClient>(stage.socket_path()));
@@ -45,14 +46,40 @@ unsigned connect_many(Stage &stage, unsigned wanted)
     return served;
 }
 
-void many_at_once(Stage &stage)
+constexpr unsigned SHARE = 64; // of one process
+
+void many_of_one(Stage &stage)
 {
-    constexpr unsigned WANTED = 400, PLACES = 256 - 2; // the bystander has two
+    constexpr unsigned WANTED = 400;
     stage.in_process([&] {
-        for (int round = 0; round < 3; round++)
-            EXPECT_EQ(connect_many(stage, WANTED), PLACES) << round;
+        for (int round = 0; round < 3; round++) {
+            Crowd clients;
+            EXPECT_EQ(connect_many(stage, WANTED, clients), SHARE) << round;
+        }
     });
     stage.add_done(3 * WANTED);
+}
+
+// Processes that keep what they have, each with its share, until there is nothing left to share.
+void crowd(Stage &stage, unsigned processes, unsigned &served)
+{
+    Crowd clients;
+    served += connect_many(stage, SHARE, clients);
+    stage.done() += SHARE;
+    if (processes > 1)
+        stage.in_process([&] { crowd(stage, processes - 1, served); });
+    else
+        EXPECT_EQ(served, 256u - 2) << "the bystander has two";
+}
+
+void many_at_once(Stage &stage)
+{
+    for (int round = 0; round < 3; round++) {
+        stage.in_process([&] {
+            unsigned served = 0;
+            crowd(stage, 5, served);
+        });
+    }
 }
 
 void never_greets(Stage &stage)
@@ -158,10 +185,16 @@ void shared_by_fork(Stage &stage)
 void descriptors_exhausted(Stage &stage)
 {
     const ServerLimit limit(stage.server(), RLIMIT_NOFILE, process_descriptors(stage.server()) + 10);
-    stage.in_process([&] { EXPECT_EQ(connect_many(stage, 200), 10u); });
+    stage.in_process([&] {
+        Crowd clients;
+        EXPECT_EQ(connect_many(stage, 200, clients), 10u);
+    });
     stage.add_done(200);
     stage.bystander().expect_progress(3);
-    stage.in_process([&] { EXPECT_EQ(connect_many(stage, 1), 1u) << "there is room again"; });
+    stage.in_process([&] {
+        Crowd clients;
+        EXPECT_EQ(connect_many(stage, 1, clients), 1u) << "there is room again";
+    });
 }
 
 } // namespace
@@ -181,6 +214,12 @@ std::vector<Misbehaviour> connection_rows()
          "connections",
          {"refused a client: 256 connections are open already"},
          many_at_once},
+        {"ManyOfOne",
+         "opens more than 64 connections at once in one process",
+         "the others are turned away, with a line",
+         "connections",
+         {"has 64 connections already"},
+         many_of_one},
         {"ComesAndGoes",
          "connects and hangs up at once, without end",
          "nothing but a line for each",

@@ -3,16 +3,14 @@
 // sent would make whoever lets go of it wait for an hour.
 #include "mc_support.h"
 
-#include "descriptors.h"
+#include "../support/descriptors.h"
 #include "inbox.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,51 +54,6 @@ using testing::StartsWith;
 
 constexpr unsigned HANGS_S = 100; // what takes so long hangs
 
-bool refuses_descriptors()
-{
-    int value;
-    socklen_t size = sizeof value;
-    const Fd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    return getsockopt(fd.get(), SOL_SOCKET, SO_PASSRIGHTS, &value, &size) == 0;
-}
-
-void set_linger(const Fd &fd, int on, int seconds)
-{
-    const linger time = {on, seconds};
-    EXPECT_EQ(setsockopt(fd.get(), SOL_SOCKET, SO_LINGER, &time, sizeof time), 0);
-}
-
-// One end of a TCP connection. What was written into it is never read, and closing it waits an hour for that.
-struct Lingering {
-    Lingering()
-    {
-        const Fd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const int little = 4096;
-        setsockopt(listener.get(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        auto *name = reinterpret_cast<sockaddr *>(&address);
-        EXPECT_EQ(bind(listener.get(), name, size), 0) << strerror(errno);
-        EXPECT_EQ(listen(listener.get(), 1), 0);
-        EXPECT_EQ(getsockname(listener.get(), name, &size), 0);
-        fd = Fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(connect(fd.get(), name, size), 0) << strerror(errno);
-        peer = Fd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        const std::string much(65536, 'x');
-        while (send(fd.get(), much.data(), much.size(), MSG_DONTWAIT) > 0)
-            continue;
-        set_linger(fd, 1, 3600);
-    }
-    ~Lingering()
-    {
-        if (fd.get() >= 0)
-            set_linger(fd, 0, 0);
-    }
-    Fd fd, peer;
-};
-
 // Descriptors to be given away, one that lingers among them, and how to find out whether somebody still has them.
 struct Gift {
     Gift()
@@ -113,31 +66,20 @@ struct Gift {
     // Returns 0, or why it cannot be sent. What was sent is no longer here.
     int send(const Fd &client, const std::string &bytes)
     {
-        const int fds[] = {lingering.fd.get(), write_end.get()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof fds)] = {};
-        iovec part = {const_cast<char *>(bytes.data()), bytes.size()};
-        msghdr message = {};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr *header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof fds);
-        memcpy(CMSG_DATA(header), fds, sizeof fds);
-        if (sendmsg(client.get(), &message, MSG_NOSIGNAL) < 0)
-            return errno;
-        lingering.fd.reset();
-        write_end.reset();
-        return 0;
+        const int fds[] = {lingering.fd(), write_end.get()};
+        const int error = send_with_descriptors(client.get(), bytes, fds);
+        if (error == 0) {
+            lingering.give_away();
+            write_end.reset();
+        }
+        return error;
     }
     bool is_gone() const
     {
         char byte;
         return read(read_end.get(), &byte, 1) == 0;
     }
-    Lingering lingering;
+    LingeringSocket lingering;
     Fd read_end, write_end;
 };
 
@@ -178,7 +120,7 @@ protected:
 
 TEST_F(McRefusedDescriptors, CannotBeSent)
 {
-    if (!refuses_descriptors())
+    if (!kernel_refuses_descriptors())
         GTEST_SKIP() << "not with this kernel";
     Gift gift;
     const Fd early = raw_connect("svc");
@@ -196,7 +138,7 @@ TEST_F(McRefusedDescriptors, CannotBeSent)
 
 TEST_F(McRefusedDescriptors, OverAConnectionThatWasHandedOver)
 {
-    if (!refuses_descriptors())
+    if (!kernel_refuses_descriptors())
         GTEST_SKIP() << "not with this kernel";
     int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
@@ -490,7 +432,7 @@ TEST_F(McHandedOverDescriptors, OfClientsThatWaitedBefore)
 
 TEST_F(McHandedOverDescriptors, AreRefusedFromThenOn)
 {
-    if (!refuses_descriptors())
+    if (!kernel_refuses_descriptors())
         GTEST_SKIP() << "not with this kernel";
     const Fd listening = raw_listen(path("svc.mc"));
     const Fd good = raw_client("svc", "good");

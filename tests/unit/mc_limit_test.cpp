@@ -43,10 +43,10 @@ TEST_F(McLimit, RefusesConnectionsBeyondTheLimit)
     EXPECT_EQ(events.back(), "connect next");
 }
 
-// Connects so often, and keeps all of it until it is killed. Returns when the service has seen them.
+// Connects so often, and keeps all of it until it is killed. Returns when the service knows them.
 pid_t process_with_connections(int n)
 {
-    const unsigned before = factory->n_connections;
+    const size_t before = connections.size();
     const pid_t child = in_child([&] {
         std::vector<Fd> mine;
         for (int i = 0; i < n; i++)
@@ -55,8 +55,7 @@ pid_t process_with_connections(int n)
             pause();
         return 0;
     });
-    EXPECT_TRUE(turn_until([&] { return factory->n_connections == before + static_cast<unsigned>(n); }));
-    settle();
+    EXPECT_TRUE(turn_until([&] { return connections.size() == before + static_cast<size_t>(n); }));
     return child;
 }
 
