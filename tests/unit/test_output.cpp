@@ -731,3 +731,30 @@ TEST(Output, ADrainWaitsForBothReaders)
         EXPECT_EQ(status, 0);
     });
 }
+
+namespace {
+
+Reader *reader_after_poll;
+
+} // namespace
+
+// The reader comes back between two looks at the streams: what was held back first still comes first.
+TEST(Output, ADrainKeepsTheOrderOfOnePipe)
+{
+    in_fork([] {
+        const int out = dup(STDOUT_FILENO), err = dup(STDERR_FILENO);
+        Reader reader = pipe_on({STDOUT_FILENO, STDERR_FILENO});
+        reader_after_poll = &reader;
+        for (int i = 0; i < 4000; i++)
+            out_printf("%s", numbered_line(i).c_str());
+        EXPECT_FALSE(out_flush());
+        err_put("last\n");
+        after_poll = [] { reader_after_poll->take(); };
+        const bool drained = output_drain(LONG_MS);
+        after_poll = nullptr;
+        dup2(out, STDOUT_FILENO);
+        dup2(err, STDERR_FILENO);
+        EXPECT_TRUE(drained);
+        EXPECT_EQ(reader.take(), lines_from(0, 4000) + "last\n");
+    });
+}
