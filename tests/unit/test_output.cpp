@@ -601,7 +601,7 @@ TEST(Output, ADrainTriesAFullDiskOnce)
         const int file = memfd_create("output", MFD_CLOEXEC);
         dup2(file, STDOUT_FILENO);
         limit_files(0);
-        out_puts("lost");
+        out_printf("not even a whole line");
         EXPECT_FALSE(out_flush());
         clock_of_test->runs_by_waiting = true;
         EXPECT_FALSE(output_drain(LONG_MS));
