@@ -163,9 +163,9 @@ bool write_notice(Stream &stream)
 {
     const unsigned dropped = stream.dropped;
     char notice[NOTICE_MAX];
-    const int n = snprintf(notice, sizeof notice, "%s%u lines of output dropped: %s\n",
-                           stream.full && stream.cut ? "\n" : "", dropped,
-                           stream.full ? "there was no room" : "nobody was reading");
+    const int n =
+        snprintf(notice, sizeof notice, "%s%u lines of output dropped: %s\n", stream.full && stream.cut ? "\n" : "",
+                 dropped, stream.full ? "there was no room" : "nobody was reading");
     stream.dropped = 0;
     stream.full = false;
     append(stream, notice, static_cast<size_t>(n));
@@ -230,7 +230,8 @@ void put(Stream &stream, const char *text, size_t n)
 
 bool is_same_place(int a, int b)
 {
-    struct stat of_a {}, of_b {};
+    struct stat of_a {};
+    struct stat of_b {};
     return fstat(a, &of_a) == 0 && fstat(b, &of_b) == 0 && of_a.st_dev == of_b.st_dev && of_a.st_ino == of_b.st_ino;
 }
 

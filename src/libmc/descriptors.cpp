@@ -12,7 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#ifndef SO_PASSRIGHTS
+#ifndef SO_PASSRIGHTS // headers older than the kernel; the number of all processors that this is built for
 #define SO_PASSRIGHTS 83
 #endif
 
@@ -95,7 +95,8 @@ void end_closers()
 
 bool anything_is_left()
 {
-    return left.n > 0 || std::any_of(left.closers, left.closers + CLOSERS_MAX, [](pid_t closer) { return closer != 0; });
+    return left.n > 0 ||
+           std::any_of(left.closers, left.closers + CLOSERS_MAX, [](pid_t closer) { return closer != 0; });
 }
 
 gboolean tidy_up(gpointer)
@@ -114,7 +115,7 @@ void leave(int fd)
         end_closers();
         hand_over();
     }
-    if (left.n == LEFT_MAX) { // nothing can be forked, or killed processes do not end
+    if (left.n == LEFT_MAX) { // nothing can be forked, or killed processes do not end: the last resort
         close(fd);
         return;
     }

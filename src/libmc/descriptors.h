@@ -21,8 +21,8 @@ void descriptors_guard(mc_connection *connection);
 // All that its queue held was seen and carries none, and no more can come.
 void descriptors_rule_out(mc_connection *connection);
 
-// Closes a socket whose queue may hold descriptors; `seen`: it does hold some. Does not wait; the client sees the end at
-// once.
+// Closes a socket whose queue may hold descriptors; `seen`: it does hold some. Does not wait; the client sees the end
+// at once.
 void descriptors_close(int fd, bool seen);
 // Sockets that still wait to be closed, are. For the end: there is no main loop afterwards.
 void descriptors_finish();

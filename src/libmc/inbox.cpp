@@ -59,8 +59,8 @@ int receive(Inbox *inbox, int fd, int n, int flags)
     return taken < 0 && errno == EAGAIN ? 0 : taken;
 }
 
-// An empty packet, or one that is too long, ends what may be taken: where the next look goes on is counted in bytes, and
-// behind such a one kernels differ. It ends the connection anyway.
+// An empty packet, or one that is too long, ends what may be taken: where the next look goes on is counted in bytes,
+// and behind such a one kernels differ. It ends the connection anyway.
 Look inbox_look(Inbox *inbox, int fd, int n)
 {
     const int seen = receive(inbox, fd, n, MSG_PEEK);

@@ -28,8 +28,8 @@ struct ProgramStart {
     int in_fd = -1; // become its standard streams; -1: /dev/null. They stay the caller's.
     int out_fd = -1;
     int err_fd = -1;
-    std::vector<int> closed = {};   // standard streams that it starts without
-    void (*prepare)() = nullptr;    // done in the new process before the program
+    std::vector<int> closed = {}; // standard streams that it starts without
+    void (*prepare)() = nullptr;  // done in the new process before the program
 };
 
 // The program ends with a SIGTERM when this process goes first. -1 when it could not be forked.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// Descriptors that clients send along with packets: on kernels that let a socket refuse them, and on older ones. What is
-// sent would make whoever lets go of it wait for an hour.
+// Descriptors that clients send along with packets: on kernels that let a socket refuse them, and on older ones. What
+// is sent would make whoever lets go of it wait for an hour.
 #include "mc_support.h"
 
 #include "../support/descriptors.h"
@@ -27,16 +27,27 @@ enum class Kernel {
     SPARING, // and none can be looked through
 };
 Kernel kernel;
+bool no_more_processes;
 
 } // namespace
 
 extern "C" {
 int __real_setsockopt(int fd, int level, int option, const void *value, socklen_t size);
 
+pid_t __real_fork();
+
+pid_t __wrap_fork()
+{
+    if (!no_more_processes)
+        return __real_fork();
+    errno = EAGAIN;
+    return -1;
+}
+
 int __wrap_setsockopt(int fd, int level, int option, const void *value, socklen_t size)
 {
-    const bool is_missing = (option == SO_PASSRIGHTS && kernel != Kernel::PRESENT) ||
-                            (option == SO_PEEK_OFF && kernel == Kernel::SPARING);
+    const bool is_missing =
+        (option == SO_PASSRIGHTS && kernel != Kernel::PRESENT) || (option == SO_PEEK_OFF && kernel == Kernel::SPARING);
     if (level != SOL_SOCKET || !is_missing)
         return __real_setsockopt(fd, level, option, value, size);
     errno = ENOPROTOOPT;
@@ -194,9 +205,9 @@ TEST_P(McDescriptors, EndTheirConnection)
     ASSERT_TRUE(raw_send(client, header(6, "after", "")));
     ASSERT_TRUE(raw_send(witness, header(9, "add", "ii") + u32(2) + u32(3)));
     settle();
-    EXPECT_THAT(events, testing::UnorderedElementsAre("giver: before i", "giver: before i", "giver: before i",
-                                                      "giver: before i", "giver: before i", "hup giver",
-                                                      "witness: add ii"));
+    EXPECT_THAT(events,
+                testing::UnorderedElementsAre("giver: before i", "giver: before i", "giver: before i",
+                                              "giver: before i", "giver: before i", "hup giver", "witness: add ii"));
     EXPECT_THAT(log_lines, ElementsAre(AllOf(StartsWith("libmc: dropped client \"giver\" (pid "),
                                              HasSubstr("): sends descriptors"))));
     EXPECT_TRUE(raw_at_end(client)) << "at once";
@@ -348,6 +359,21 @@ TEST_P(McDescriptors, OfManyClients)
     EXPECT_EQ(log_lines.size(), size_t{MANY});
     for (const auto &gift : gifts)
         expect_closed(*gift);
+}
+
+TEST_P(McDescriptors, WaitUntilThereMayBeAnotherProcess)
+{
+    const Fd client = raw_client("svc", "giver");
+    Gift gift;
+    ASSERT_EQ(gift.send(client, header(1, "with", "")), 0);
+    no_more_processes = true;
+    settle();
+    EXPECT_TRUE(raw_at_end(client)) << "at once all the same";
+    usleep(300000); // enough for some attempts
+    settle();
+    EXPECT_FALSE(gift.is_gone());
+    no_more_processes = false;
+    expect_closed(gift);
 }
 
 // A process that takes over what may block has nothing else of the server's: the server may end meanwhile.
