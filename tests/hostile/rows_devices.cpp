@@ -40,6 +40,9 @@ void repair(const Stage &stage)
 // Nothing can be shown until the device is mended; then the next surface is.
 void screen_mended(Stage &stage, const std::string &line)
 {
+    TestClient first("x.first");
+    first.create({.width = 1, .height = 1});
+    first.native_depth(); // the server has opened whatever it opens at its start
     const size_t descriptors = process_descriptors(stage.server());
     for (unsigned i = 0; i < ATTEMPTS; i++) {
         TestClient client("fb.client");

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "../support/composer.h"
+#include "further_server.h"
 
 namespace {
 
@@ -218,8 +219,7 @@ void Stage::expect_end(int status)
 
 void Stage::stop_server()
 {
-    kill(server_, SIGTERM);
-    EXPECT_EQ(shell_status(program_wait(server_)), 0) << err();
+    EXPECT_EQ(end_server(server_), 0) << end_of(err());
     server_ = -1;
     if (panel().memory() != nullptr) {
         EXPECT_TRUE(panel().is_black());
