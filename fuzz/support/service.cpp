@@ -224,7 +224,10 @@ bool open_service(FuzzInput &in)
         return false;
     }
     const gint64 wait = in.chance(24) ? 0 : gint64{3600} * G_USEC_PER_SEC;
-    service->factory->limits = {static_cast<unsigned>(in.between(1, 6)), static_cast<unsigned>(in.between(1, 4)), wait};
+    const auto connections = static_cast<unsigned>(in.between(1, 6));
+    const auto ungreeted = static_cast<unsigned>(in.between(1, 4));
+    // All clients are of one process.
+    service->factory->limits = {connections, connections, ungreeted, wait};
     return true;
 }
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-// A slow reader gets this long to take what the log still holds.
+// Slow readers get this long to take what the log still holds.
 constexpr int LAST_WORDS_MS = 100;
 
 const char *from_source_root(const char *file)
@@ -26,9 +26,8 @@ const char *from_source_root(const char *file)
 
 void assert_failed(const char *expression, const char *file, unsigned line, const char *function)
 {
-    out_drain(LAST_WORDS_MS);
-    err_printf("%s: %s:%u: %s: Assertion `%s' failed.\n", program_invocation_short_name, from_source_root(file), line,
-               function, expression);
-    err_drain(LAST_WORDS_MS);
+    err_put("%s: %s:%u: %s: Assertion `%s' failed.\n", program_invocation_short_name, from_source_root(file), line,
+            function, expression);
+    output_drain(LAST_WORDS_MS);
     abort();
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <iterator>
 #include <limits.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -26,15 +27,27 @@ struct Stream {
     size_t begin;
     size_t end;
     unsigned dropped; // lines that found no room since the last notice
+    bool full;        // there was no room in the file itself. The buffer is empty then
+    bool cut;         // what was written ends within a line
+    long long retry;  // while full, not before: monotonic, milliseconds
 };
 
 char out_buffer[OUT_BUFFER_SIZE];
 char err_buffer[ERR_BUFFER_SIZE];
-Stream out{STDOUT_FILENO, out_buffer, sizeof out_buffer, 0, 0, 0};
-Stream err{STDERR_FILENO, err_buffer, sizeof err_buffer, 0, 0, 0};
+Stream out{STDOUT_FILENO, out_buffer, sizeof out_buffer, 0, 0, 0, false, false, 0};
+Stream err{STDERR_FILENO, err_buffer, sizeof err_buffer, 0, 0, 0, false, false, 0};
 
 // The longest notice of dropped lines.
 constexpr size_t NOTICE_MAX = 64;
+// How long a full disk is left alone: some take their time to find out that they are.
+constexpr int FULL_REST_MS = 1000;
+
+long long now_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
 
 bool can_take_some(int fd, int wait_ms)
 {
@@ -73,7 +86,7 @@ ssize_t write_not_waiting(int fd, const char *bytes, size_t n)
     return written;
 }
 
-// Writes without waiting. A file never makes a writer wait, a socket is told not to.
+// Writes without waiting, but for the storage that a file is on. A socket is told not to.
 ssize_t write_some(int fd, const char *bytes, size_t n)
 {
     struct stat stream {};
@@ -97,6 +110,26 @@ void append(Stream &stream, const char *text, size_t n)
     stream.end += n;
 }
 
+unsigned count_lines(const char *text, size_t n)
+{
+    return static_cast<unsigned>(std::count(text, text + n, '\n'));
+}
+
+// The disk is full, or the file or its owner's share of the disk is as large as it may become.
+bool means_full(int error)
+{
+    return error == ENOSPC || error == EDQUOT || error == EFBIG;
+}
+
+void drop_waiting(Stream &stream)
+{
+    stream.dropped += count_lines(stream.buffer + stream.begin, stream.end - stream.begin);
+    stream.dropped += stream.buffer[stream.end - 1] != '\n';
+    stream.begin = stream.end = 0;
+    stream.full = true;
+    stream.retry = now_ms() + FULL_REST_MS;
+}
+
 bool write_waiting(Stream &stream)
 {
     while (stream.begin < stream.end) {
@@ -105,35 +138,51 @@ bool write_waiting(Stream &stream)
             continue;
         if (sent < 0 && errno == EAGAIN)
             return false;
+        if (sent < 0 && means_full(errno)) {
+            drop_waiting(stream);
+            return false;
+        }
         if (sent < 0) { // nobody will ever read this: closed, or the reader is gone
             stream.begin = stream.end;
             break;
         }
         stream.begin += static_cast<size_t>(sent);
+        stream.cut = stream.begin > 0 && stream.buffer[stream.begin - 1] != '\n';
     }
     stream.begin = stream.end = 0;
     return true;
 }
 
-bool waiting(const Stream &stream)
+bool holds_nothing(const Stream &stream)
 {
-    return stream.begin < stream.end || stream.dropped > 0;
+    return stream.begin == stream.end && stream.dropped == 0;
+}
+
+// A line that was cut when there was no more room stays as it is; the notice has its own.
+bool write_notice(Stream &stream)
+{
+    const unsigned dropped = stream.dropped;
+    char notice[NOTICE_MAX];
+    const int n =
+        snprintf(notice, sizeof notice, "%s%u lines of output dropped: %s\n", stream.full && stream.cut ? "\n" : "",
+                 dropped, stream.full ? "there was no room" : "nobody was reading");
+    stream.dropped = 0;
+    stream.full = false;
+    append(stream, notice, static_cast<size_t>(n));
+    const bool done = write_waiting(stream);
+    if (stream.full)
+        stream.dropped = dropped;
+    return done;
 }
 
 bool flush(Stream &stream)
 {
-    if (!waiting(stream))
+    if (holds_nothing(stream))
         return true;
+    if (stream.full && now_ms() < stream.retry)
+        return false;
     const int saved_errno = errno;
-    bool done = write_waiting(stream);
-    if (done && stream.dropped > 0) {
-        char notice[NOTICE_MAX];
-        const int n =
-            snprintf(notice, sizeof notice, "%u lines of output dropped: nobody was reading\n", stream.dropped);
-        stream.dropped = 0;
-        append(stream, notice, static_cast<size_t>(n));
-        done = write_waiting(stream);
-    }
+    const bool done = write_waiting(stream) && (stream.dropped == 0 || write_notice(stream));
     errno = saved_errno;
     return done;
 }
@@ -145,15 +194,12 @@ bool make_room(Stream &stream, size_t n)
     if (stream.size - stream.end >= n)
         return true;
     flush(stream);
+    if (stream.dropped > 0)
+        return false; // there was no room in the file either
     memmove(stream.buffer, stream.buffer + stream.begin, stream.end - stream.begin);
     stream.end -= stream.begin;
     stream.begin = 0;
     return stream.size - stream.end >= n;
-}
-
-unsigned count_lines(const char *text, size_t n)
-{
-    return static_cast<unsigned>(std::count(text, text + n, '\n'));
 }
 
 void put(Stream &stream, const char *text, size_t n)
@@ -182,23 +228,38 @@ void put(Stream &stream, const char *text, size_t n)
     va_end(again);
 }
 
-long long now_ms()
+bool is_same_place(int a, int b)
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+    struct stat of_a {};
+    struct stat of_b {};
+    return fstat(a, &of_a) == 0 && fstat(b, &of_b) == 0 && of_a.st_dev == of_b.st_dev && of_a.st_ino == of_b.st_ino;
 }
 
-bool drain(Stream &stream, int milliseconds)
+// True when nothing is left, or nothing that waiting could help.
+bool flush_at_last(Stream &stream)
+{
+    return flush(stream) || stream.full;
+}
+
+// What `second` holds comes after what `first` does where both go to the same place. Elsewhere a reader who does not
+// read the one is not waited for with the other.
+bool drain(Stream &first, Stream &second, int milliseconds)
 {
     const long long until = now_ms() + milliseconds;
-    while (!flush(stream)) {
+    const bool in_order = is_same_place(first.fd, second.fd);
+    first.retry = second.retry = 0;
+    for (;;) {
+        const bool first_done = flush_at_last(first);
+        const bool second_done = (first_done || !in_order) && flush_at_last(second);
         const long long left = until - now_ms();
+        if (first_done && second_done)
+            return holds_nothing(first) && holds_nothing(second);
         if (left <= 0)
-            return false;
-        can_take_some(stream.fd, static_cast<int>(left));
+            return flush(second) && first_done;
+        pollfd entries[] = {{first_done ? -1 : first.fd, POLLOUT, 0},
+                            {second_done || (in_order && !first_done) ? -1 : second.fd, POLLOUT, 0}};
+        poll(entries, std::size(entries), static_cast<int>(left));
     }
-    return true;
 }
 
 } // namespace
@@ -221,14 +282,15 @@ void out_puts(const char *line)
     return flush(out);
 }
 
+// A full disk has no reader that could be waited for.
 [[gnu::hot]] bool out_waiting()
 {
-    return waiting(out);
+    return !holds_nothing(out) && !out.full;
 }
 
 [[gnu::hot]] bool err_waiting()
 {
-    return waiting(err);
+    return !holds_nothing(err) && !err.full;
 }
 
 bool err_flush()
@@ -236,14 +298,17 @@ bool err_flush()
     return flush(err);
 }
 
-bool err_drain(int milliseconds)
+bool output_drain(int milliseconds)
 {
-    return drain(err, milliseconds);
+    return drain(out, err, milliseconds);
 }
 
-bool out_drain(int milliseconds)
+void err_put(const char *format, ...)
 {
-    return drain(out, milliseconds);
+    va_list args;
+    va_start(args, format);
+    put_formatted(err, format, args);
+    va_end(args);
 }
 
 void err_printf(const char *format, ...)

@@ -45,8 +45,7 @@ void log_line(const char *line)
 
 void write_last_lines()
 {
-    out_drain(LAST_LINES_MS);
-    err_drain(LAST_LINES_MS);
+    output_drain(LAST_LINES_MS);
 }
 
 int start_up_error()

@@ -2,6 +2,7 @@
 #include "main_loop.h"
 
 #include <csignal>
+#include <initializer_list>
 #include <poll.h>
 
 #include "../libmc/watch.h"
@@ -67,10 +68,12 @@ void handle_signal(int signo)
 
 void signals_install()
 {
-    struct sigaction action;
-    sigaction(SIGPIPE, nullptr, &action);
-    action.sa_handler = SIG_IGN;
-    sigaction(SIGPIPE, &action, nullptr);
+    for (int signo : {SIGPIPE, SIGXFSZ}) {
+        struct sigaction action;
+        sigaction(signo, nullptr, &action);
+        action.sa_handler = SIG_IGN;
+        sigaction(signo, &action, nullptr);
+    }
 
     const sigset_t both = ending_signals();
     sigprocmask(SIG_BLOCK, &both, &mask_while_waiting);

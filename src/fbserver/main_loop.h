@@ -10,8 +10,9 @@ extern GMainLoop *loop;
 // Ends the loop on SIGINT (2) and SIGTERM (15).
 void handle_signal(int signo);
 
-// SIGPIPE is ignored (a vanished client must not end the server), SIGINT and SIGTERM end the main loop. These two are
-// blocked from here on; what arrives before the loop exists is reported and ignored when main_loop_run begins.
+// SIGPIPE and SIGXFSZ are ignored (neither a vanished client nor a log that may not grow any more must end the server),
+// SIGINT and SIGTERM end the main loop. These two are blocked from here on; what arrives before the loop exists is
+// reported and ignored when main_loop_run begins.
 void signals_install();
 
 // Creates the loop and runs it until a signal ends it. SIGINT and SIGTERM come in only while it waits: quitting takes

@@ -90,7 +90,9 @@ mc_connection *connection_new(Side side, int fd, const char *name)
 
 void connection_close_fd(mc_connection *connection)
 {
-    if (connection->fd >= 0)
+    if (connection->fd >= 0 && connection->close_fd)
+        connection->close_fd(connection->fd, connection->carries);
+    else if (connection->fd >= 0)
         close(connection->fd);
     connection->fd = -1;
 }

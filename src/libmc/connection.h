@@ -36,6 +36,11 @@ struct mc_connection {
     void *user_data;
     libmc::Handler *handlers;
     mc_hup_func hup;
+    // Server side, where descriptors may come with packets; see descriptors.h.
+    int look_ahead; // so many packets at a time are looked at, and then taken; 0: they are taken as they come
+    bool refuses;   // no more descriptors can be sent
+    bool carries;   // some are in the queue
+    void (*close_fd)(int fd, bool carries); // in place of close; null: close
     // Server side, null elsewhere: leaves the main loop and the factory. Runs once, at mc_close.
     void (*leave)(mc_connection *connection);
     libmc::Watch watch;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A service: accepts clients, within limits, and never lets a client that cannot be accepted keep the loop awake.
 #include "factory.h"
+#include "descriptors.h"
 #include "log.h"
 
 #include <cerrno>
@@ -52,9 +53,17 @@ void accepting_rest(mc_factory *factory)
     watch_set_deadline(&factory->watch, g_get_monotonic_time() + REST_US);
 }
 
-int accept_fd(mc_factory *factory)
+int accept_fd(const mc_factory *factory)
 {
     return accept4(factory->listener.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+}
+
+void close_accepted(const mc_factory *factory, int fd)
+{
+    if (factory->listener.refuses)
+        close(fd);
+    else
+        descriptors_close(fd, false);
 }
 
 enum class Accepting { next, done, rest };
@@ -72,7 +81,7 @@ Accepting turn_away(mc_factory *factory)
     const bool nobody_waits = fd < 0 && errno == EAGAIN;
     if (fd >= 0) {
         report_refusal(factory, "refused a client: no descriptor is free");
-        close(fd);
+        close_accepted(factory, fd);
     }
     factory->reserve_fd = -1;
     reserve_refill(factory);
@@ -104,21 +113,46 @@ void factory_add(mc_factory *factory, mc_connection *connection)
     factory->n_ungreeted++;
 }
 
-void adopt(mc_factory *factory, int fd)
+unsigned connections_of(const mc_factory *factory, pid_t pid)
+{
+    unsigned n = 0;
+    for (const mc_connection *connection = factory->connections; connection; connection = connection->next)
+        n += connection->pid == pid;
+    return n;
+}
+
+// The record of a client, unless some limit forbids it. All whose pid our pid namespace does not see count as one.
+mc_connection *admit(mc_factory *factory, int fd)
 {
     if (factory->n_connections >= factory->limits.connections) {
         report_refusal(factory, "refused a client: %u connections are open already", factory->n_connections);
-        close(fd);
-        return;
+        close_accepted(factory, fd);
+        return nullptr;
     }
-    if (factory->n_ungreeted >= factory->limits.ungreeted)
-        drop_oldest_ungreeted(factory);
     mc_connection *connection = connection_new(Side::server, fd, "");
     if (!connection) {
         report_refusal(factory, "refused a client: no memory");
-        close(fd);
-        return;
+        close_accepted(factory, fd);
+        return nullptr;
     }
+    if (!factory->listener.refuses)
+        descriptors_guard(connection);
+    const unsigned of_peer = connections_of(factory, connection->pid);
+    if (of_peer < factory->limits.per_peer)
+        return connection;
+    report_refusal(factory, "refused a client: pid %d has %u connections already", static_cast<int>(connection->pid),
+                   of_peer);
+    mc_close(connection);
+    return nullptr;
+}
+
+void adopt(mc_factory *factory, int fd)
+{
+    mc_connection *connection = admit(factory, fd);
+    if (!connection)
+        return;
+    if (factory->n_ungreeted >= factory->limits.ungreeted)
+        drop_oldest_ungreeted(factory);
     factory_add(factory, connection);
     if (connection_await_greeting(connection, g_get_monotonic_time() + factory->limits.greeting_wait_us))
         return;
@@ -172,6 +206,17 @@ bool factory_attach(mc_factory *factory)
     return false;
 }
 
+// Those who were never accepted would go with the listening socket, and with them what they have sent. One of the
+// service manager's stays.
+void turn_away_waiting(const mc_factory *factory)
+{
+    if (factory->listener.refuses || factory->listener.lock_fd < 0)
+        return;
+    shutdown(factory->listener.fd, SHUT_RDWR);
+    for (int fd = accept_fd(factory); fd >= 0; fd = accept_fd(factory))
+        descriptors_close(fd, false);
+}
+
 mc_factory *factory_new(const char *service, mc_connection_func callback, void *user_data)
 {
     auto *factory = static_cast<mc_factory *>(calloc(1, sizeof(mc_factory)));
@@ -185,7 +230,7 @@ mc_factory *factory_new(const char *service, mc_connection_func callback, void *
     factory->service = name;
     factory->callback = callback;
     factory->user_data = user_data;
-    factory->limits = {CONNECTIONS_MAX, UNGREETED_MAX, GREETING_WAIT_US};
+    factory->limits = {CONNECTIONS_MAX, PEER_MAX, UNGREETED_MAX, GREETING_WAIT_US};
     return factory;
 }
 
@@ -247,6 +292,8 @@ void mc_factory_close(mc_factory *factory)
     watch_stop(&factory->watch);
     while (factory->connections)
         mc_close(factory->connections);
+    turn_away_waiting(factory);
+    descriptors_finish();
     listener_close(&factory->listener);
     if (factory->reserve_fd >= 0)
         close(factory->reserve_fd);

@@ -15,9 +15,11 @@ inline constexpr int TURN_PRIORITY = G_PRIORITY_DEFAULT_IDLE;
 inline constexpr int PACKETS_PER_TURN = 16;
 inline constexpr int ACCEPTS_PER_TURN = 8;
 
-// What one service bears. The first two are generous for one device; the third is long for a client that has connected
-// and only has to send.
+// What one service bears: in all, of one process (by the pid that connected, whoever has the connection now), of
+// clients that have not greeted, and how long these may take. The numbers are generous for one device; the time is long
+// for a client that has connected and only has to send.
 inline constexpr unsigned CONNECTIONS_MAX = 256;
+inline constexpr unsigned PEER_MAX = 64;
 inline constexpr unsigned UNGREETED_MAX = 32;
 inline constexpr gint64 GREETING_WAIT_US = 5 * G_USEC_PER_SEC;
 
@@ -26,6 +28,7 @@ inline constexpr gint64 REST_US = G_USEC_PER_SEC;
 
 struct Limits {
     unsigned connections;
+    unsigned per_peer;
     unsigned ungreeted;
     gint64 greeting_wait_us;
 };

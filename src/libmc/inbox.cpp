@@ -21,6 +21,17 @@ void lay_out(Inbox *inbox)
     inbox->laid_out = true;
 }
 
+int receive(Inbox *inbox, int fd, int n, int flags)
+{
+    if (!inbox->laid_out)
+        lay_out(inbox);
+    int taken;
+    do {
+        taken = recvmmsg(fd, inbox->messages, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_TRUNC | flags, nullptr);
+    } while (taken < 0 && errno == EINTR);
+    return taken;
+}
+
 } // namespace
 
 [[gnu::hot]] Inbox *inbox_take()
@@ -40,17 +51,30 @@ void lay_out(Inbox *inbox)
 
 [[gnu::hot]] int inbox_receive(Inbox *inbox, int fd, int n)
 {
-    if (!inbox->laid_out)
-        lay_out(inbox);
-    int taken;
-    do {
-        taken = recvmmsg(fd, inbox->messages, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_TRUNC, nullptr);
-    } while (taken < 0 && errno == EINTR);
+    const int taken = receive(inbox, fd, n, 0);
     for (int i = 0; i < taken; i++) {
         inbox->packets[i].borrowed = true;
         inbox->sizes[i] = inbox->messages[i].msg_len;
     }
     return taken < 0 && errno == EAGAIN ? 0 : taken;
+}
+
+// An empty packet, or one that is too long, ends what may be taken: where the next look goes on is counted in bytes,
+// and behind such a one kernels differ. It ends the connection anyway.
+Look inbox_look(Inbox *inbox, int fd, int n)
+{
+    const int seen = receive(inbox, fd, n, MSG_PEEK);
+    Look look = {seen < 0 && errno == EAGAIN ? 0 : seen, 0, false};
+    bool whole = true;
+    for (int i = 0; i < seen; i++) {
+        const mmsghdr &message = inbox->messages[i];
+        look.carries |= (message.msg_hdr.msg_flags & MSG_CTRUNC) != 0; // they would have needed room
+        if (look.carries || !whole)
+            continue;
+        look.free = i + 1;
+        whole = message.msg_len > 0 && message.msg_len <= MC_PACKET_MAX;
+    }
+    return look;
 }
 
 } // namespace libmc

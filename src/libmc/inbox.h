@@ -28,4 +28,13 @@ void inbox_give(Inbox *inbox);
 // set, see packet_receive. The end fills all places that are left.
 int inbox_receive(Inbox *inbox, int fd, int n);
 
+struct Look {
+    int n;        // that have arrived, of those that were asked for; -1 with errno set
+    int free;     // so many from the first on carry no descriptors
+    bool carries; // one behind those does
+};
+
+// Looks at up to n datagrams that have arrived, and leaves them where they are, with what they carry. Uses the inbox.
+Look inbox_look(Inbox *inbox, int fd, int n);
+
 } // namespace libmc

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "listener.h"
 #include "access.h"
+#include "descriptors.h"
 #include "log.h"
 #include "names.h"
 
@@ -198,6 +199,7 @@ bool bind_and_listen(Listener *listener, const Access &access)
         log_line("%s has mode %o instead of %o", path, bound.st_mode & 07777, access.mode);
         return false;
     }
+    listener->refuses = descriptors_refuse(listener->fd);
     return set_owner(*listener, access) && (listen(listener->fd, QUEUE_MAX) == 0 || complain("cannot listen at", path));
 }
 
@@ -234,6 +236,8 @@ bool listener_open(Listener *listener, const char *service)
     if (listener_take_activated(&listener->fd)) {
         if (listener->fd < 0)
             log_line("the service manager handed over no listening SOCK_SEQPACKET Unix socket");
+        else
+            descriptors_refuse(listener->fd); // those who wait in it may have sent some already
         return listener->fd >= 0;
     }
     if (open_own(listener, service))

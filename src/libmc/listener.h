@@ -13,6 +13,7 @@ inline constexpr int QUEUE_MAX = 256;
 
 struct Listener {
     int fd;          // listening, non-blocking; -1: closed
+    bool refuses;    // its connections carry no descriptors, and never did; see descriptors.h
     int folder_fd;   // the folder of both files, wherever it is moved to
     int lock_fd;     // holds the lock; -1 for a socket of the service manager, which is neither locked nor removed
     bool found_lock; // its file was there before

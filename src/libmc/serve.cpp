@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // A server-side connection on the main loop: greeting, requests, replies, and every way in which it ends.
+#include "descriptors.h"
 #include "factory.h"
 #include "inbox.h"
 #include "log.h"
@@ -145,13 +146,40 @@ int take_some(mc_connection *connection, Inbox *inbox, int wanted)
     return n;
 }
 
-// Handles what has arrived, up to PACKETS_PER_TURN. The greeting comes alone: what follows it waits in the socket until
-// the connection is attached. False when there may be more.
+// The same where packets may carry descriptors: those before the first one that does are handled.
+int take_some_guarded(mc_connection *connection, Inbox *inbox, int wanted)
+{
+    const Look look = inbox_look(inbox, connection->fd, wanted);
+    if (look.n < 0 && errno == ECONNRESET)
+        return wanted;
+    if (look.n < 0)
+        connection_drop(connection, "cannot be read: %s", strerror(errno));
+    connection->carries |= look.carries;
+    if (look.n >= 0 && look.n < wanted && !look.carries && connection->refuses)
+        descriptors_rule_out(connection);
+    if (look.free > 0)
+        take_some(connection, inbox, look.free);
+    if (look.carries)
+        connection_drop(connection, "sends descriptors");
+    return look.n;
+}
+
+// Packets of a connection that are taken at a time. The greeting comes alone: what follows it waits in the socket until
+// the connection is attached.
+int batch_of(const mc_connection *connection)
+{
+    if (!connection->greeted)
+        return 1;
+    return connection->look_ahead > 0 ? connection->look_ahead : RECEIVE_MAX;
+}
+
+// Handles what has arrived, up to PACKETS_PER_TURN. False when there may be more.
 [[gnu::hot]] bool take_arrived(mc_connection *connection, Inbox *inbox)
 {
     for (int left = PACKETS_PER_TURN; left > 0 && connection_is_live(connection);) {
-        const int wanted = connection->greeted ? std::min(left, RECEIVE_MAX) : 1;
-        const int n = take_some(connection, inbox, wanted);
+        const int wanted = std::min(left, batch_of(connection));
+        const int n = connection->look_ahead > 0 ? take_some_guarded(connection, inbox, wanted)
+                                                 : take_some(connection, inbox, wanted);
         if (n < wanted)
             return true;
         left -= n;
@@ -191,6 +219,8 @@ bool connection_attach(mc_connection *connection)
     connection->watch.owner = connection;
     connection->watch.drains = true;
     connection->leave = connection_leave;
+    if (!connection->factory)
+        descriptors_guard(connection); // who knows what it was before
     return watch_start(&connection->watch, connection->fd);
 }
 

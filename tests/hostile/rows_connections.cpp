@@ -73,17 +73,40 @@ void expect_refusals_told(Stage &stage, Crowd &crowd, unsigned long refused)
     EXPECT_EQ(refusals_told(stage.err()), refused) << stage.err();
 }
 
-void many_at_once(Stage &stage)
+constexpr unsigned SHARE = 64; // of one process
+
+void many_of_one(Stage &stage)
 {
-    constexpr unsigned WANTED = 400, PLACES = 256 - 2; // the bystander has two
+    constexpr unsigned WANTED = 400;
     stage.in_process([&] {
         for (unsigned long round = 1; round <= 3; round++) {
-            Crowd crowd;
-            EXPECT_EQ(connect_many(stage, crowd, WANTED), PLACES) << round;
+            Crowd clients;
+            EXPECT_EQ(connect_many(stage, clients, WANTED), SHARE) << round;
             if (round == 3)
-                expect_refusals_told(stage, crowd, round * (WANTED - PLACES));
+                expect_refusals_told(stage, clients, round * (WANTED - SHARE));
         }
     });
+}
+
+// Processes that keep what they have, each with its share, until there is nothing left to share.
+void crowd(Stage &stage, unsigned processes, unsigned &served)
+{
+    Crowd clients;
+    served += connect_many(stage, clients, SHARE);
+    if (processes > 1)
+        stage.in_process([&] { crowd(stage, processes - 1, served); });
+    else
+        EXPECT_EQ(served, 256u - 2) << "the bystander has two";
+}
+
+void many_at_once(Stage &stage)
+{
+    for (int round = 0; round < 3; round++) {
+        stage.in_process([&] {
+            unsigned served = 0;
+            crowd(stage, 5, served);
+        });
+    }
 }
 
 constexpr unsigned SILENT = 100;
@@ -248,6 +271,12 @@ std::vector<Misbehaviour> connection_rows()
          "connections",
          {some("refused a client: 256 connections are open already")},
          many_at_once},
+        {"ManyOfOne",
+         "opens more than 64 connections at once in one process",
+         "the others are turned away; a line, one a second at most, says how many",
+         "connections",
+         {some("has 64 connections already")},
+         many_of_one},
         {"ComesAndGoes",
          "connects and hangs up at once, without end",
          "nothing but a line for each",

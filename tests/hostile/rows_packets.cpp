@@ -6,9 +6,9 @@
 #include <cstring>
 #include <random>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
+#include "../support/descriptors.h"
 #include "../support/raw_client.h"
 #include "misbehaviour.h"
 
@@ -78,46 +78,94 @@ void unknown_words(Stage &stage)
     });
 }
 
-// One descriptor `fd` several times over, beside the bytes.
-void send_with_descriptors(int socket, const std::string &bytes, int fd)
+constexpr size_t COPIES = 20; // of each descriptor that is sent
+
+// False where the kernel does not let them through, so that nothing has arrived.
+bool send_copies(const RawClient &client, const std::string &bytes, int fd)
 {
-    constexpr int COUNT = 20;
-    alignas(cmsghdr) char control[CMSG_SPACE(COUNT * sizeof(int))] = {};
-    iovec part{const_cast<char *>(bytes.data()), bytes.size()};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof control;
-    cmsghdr *header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(COUNT * sizeof(int));
-    for (int i = 0; i < COUNT; i++)
-        memcpy(CMSG_DATA(header) + static_cast<size_t>(i) * sizeof fd, &fd, sizeof fd);
-    EXPECT_EQ(sendmsg(socket, &message, MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size())) << strerror(errno);
+    const std::vector<int> fds(COPIES, fd);
+    const int error = send_with_descriptors(client.fd(), bytes, fds);
+    EXPECT_TRUE(error == 0 || error == EPERM) << strerror(error);
+    return error == 0;
 }
 
-// A pipe's end comes when nobody has its other side any more: the server has closed what it was sent. The connection's
-// own socket, sent over itself, is what a careless receiver never gets rid of.
+// A connection that descriptors have arrived at is closed; any other one is served.
+void expect_answer_or_end(RawClient &client, bool has_arrived)
+{
+    EXPECT_TRUE(has_arrived ? client.is_dropped() : client.is_answered());
+}
+
+// A pipe's end comes when nobody has its other side any more.
+void expect_nobody_has(Pipe &pipe)
+{
+    pipe.close_write();
+    EXPECT_TRUE(wait_until([&] {
+        pipe.text();
+        return pipe.at_end();
+    })) << "the server keeps a descriptor";
+}
+
+// The connection's own socket, sent over itself, is what a careless receiver never gets rid of.
 void descriptors(Stage &stage)
 {
     stage.in_process([&] {
         Pipe pipe;
-        RawClient client(stage.socket_path());
-        send_with_descriptors(client.fd(), RawClient::greeting("fb.gift"), pipe.write_end());
-        for (int i = 0; i < 200; i++) {
-            send_with_descriptors(client.fd(), RawClient::request("status"), pipe.write_end());
-            send_with_descriptors(client.fd(), RawClient::request("status"), client.fd());
-            EXPECT_TRUE(client.is_answered());
+        for (int i = 0; i < 100; i++) {
+            for (const bool own : {false, true}) {
+                RawClient client(stage.socket_path(), "fb.gift");
+                const int fd = own ? client.fd() : pipe.write_end();
+                expect_answer_or_end(client, send_copies(client, RawClient::request("status"), fd));
+            }
         }
-        pipe.close_write();
-        EXPECT_TRUE(wait_until([&] {
-            pipe.text();
-            return pipe.at_end();
-        })) << "the server keeps a descriptor";
+        expect_nobody_has(pipe);
     });
-    stage.add_done(401 * 20);
+    stage.add_done(200 * COPIES);
+}
+
+struct Sent {
+    bool greeted;     // whether the client has
+    size_t before;    // packets that go before it and carry none
+    const char *word; // theirs; null: they are empty, which ends the connection
+    bool hang_up;     // whether the client goes at once
+};
+
+// Whoever lets go of the last descriptor of such a socket waits for an hour, unless it is told not to.
+void send_lingering(Stage &stage, const Sent &sent)
+{
+    LingeringSocket socket;
+    const int fds[] = {socket.fd()};
+    RawClient client(stage.socket_path());
+    if (sent.greeted)
+        client.greet("fb.gift");
+    const std::string before = sent.word != nullptr ? RawClient::request(sent.word) : "";
+    for (size_t i = 0; i < sent.before; i++)
+        send(client.fd(), before.data(), before.size(), MSG_NOSIGNAL); // it may have ended already
+    const std::string packet = sent.greeted ? RawClient::request("status") : RawClient::greeting("fb.gift");
+    const int error = send_with_descriptors(client.fd(), packet, fds);
+    EXPECT_TRUE(error == 0 || error == EPERM || error == EPIPE || error == ECONNRESET) << strerror(error);
+    if (error == 0)
+        socket.give_away();
+    EXPECT_TRUE(sent.hang_up || error == EPERM || client.is_dropped());
+}
+
+void lingering_descriptors(Stage &stage)
+{
+    constexpr Sent ALL[] = {
+        {false, 0, "", false}, {true, 0, "", false},      {true, 7, "status", false}, {true, 7, "status", true},
+        {true, 20, "", true},  {true, 1, nullptr, false}, {true, 20, nullptr, true},
+    };
+    stage.in_process([&] {
+        for (int i = 0; i < 20; i++) {
+            for (const Sent &sent : ALL)
+                send_lingering(stage, sent);
+        }
+    });
+    stage.add_done(20 * std::size(ALL));
+    stage.bystander().expect_progress(5);
+    const std::string server = "/proc/" + std::to_string(stage.server());
+    const std::string children = server + "/task/" + std::to_string(stage.server()) + "/children";
+    ASSERT_TRUE(file_exists(children));
+    EXPECT_TRUE(wait_until([&] { return file_text(children).empty(); })) << "a process is left behind";
 }
 
 } // namespace
@@ -157,9 +205,22 @@ std::vector<Misbehaviour> packet_rows()
          unknown_words},
         {"Descriptors",
          "sends descriptors along with its packets, its own connection too",
-         "they are closed, and the packets count",
+         "from Linux 6.16 on the kernel does not let it; before that, its connection is closed, with a line",
          "descriptors",
-         {},
+         {LogLine{"sends descriptors", 0}},
          descriptors},
+        {"DescriptorsThatLinger",
+         "sends sockets that whoever closes them waits for",
+         "the same",
+         "descriptors",
+         {{"sends descriptors", 0}, some("malformed packet"), {"hung up without a greeting", 0}},
+         lingering_descriptors},
+        {"DescriptorsBeforeLinux616",
+         "sends such sockets, where the kernel lets it",
+         "its connection is closed, with a line; a process that is gone at once closes what it sent",
+         "descriptors",
+         {some("sends descriptors"), some("malformed packet")},
+         lingering_descriptors,
+         {.older_kernel = true}},
     };
 }

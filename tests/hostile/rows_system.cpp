@@ -54,6 +54,31 @@ void output_blocked(Stage &stage)
     EXPECT_TRUE(wait_until([&] { return stage.piped().compare(text.size(), list.size(), list) == 0; }));
 }
 
+// The files that the server writes may become no larger than its log would.
+void output_too_large(Stage &stage)
+{
+    constexpr unsigned LISTS = 3000, ROUNDS = 3;
+    const std::string notice = " lines of output dropped: there was no room\n";
+    for (unsigned round = 1; round <= ROUNDS; round++) {
+        {
+            const ServerLimit limit(stage.server(), RLIMIT_FSIZE, stage.out().size() + 10000);
+            stage.in_process([&] {
+                TestClient client("fb.chatty");
+                client.create({.x = 10, .y = 10, .width = 30, .height = 30, .level = 1});
+                for (unsigned i = 0; i < LISTS; i++)
+                    client.send("status");
+                EXPECT_EQ(client.native_depth(), stage.panel().depth());
+            });
+            stage.bystander().expect_progress(3);
+        }
+        stage.add_done(LISTS);
+        EXPECT_TRUE(wait_until([&] {
+            stage.ctl({"status"});
+            return count_of(stage.out(), notice) == round;
+        })) << "nobody says how many lines are missing";
+    }
+}
+
 // Of a process; bytes.
 size_t address_space(pid_t pid)
 {
@@ -106,6 +131,12 @@ std::vector<Misbehaviour> system_rows()
          {},
          much_output,
          {.reader = Reader::GONE}},
+        {"OutputTooLarge",
+         "the file that its output goes to may not become larger (RLIMIT_FSIZE), as on a full disk",
+         "lines are dropped and counted, until there is room again",
+         "lists",
+         {},
+         output_too_large},
         {"MemoryLimit",
          "the server may have no more memory (RLIMIT_AS), and a client wants a scale that needs it",
          "refused, with a line; the surface stays as it was",

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "../support/composer.h"
+#include "../support/descriptors.h"
 #include "further_server.h"
 
 namespace {
@@ -153,6 +154,8 @@ void Stage::start_server()
     const int file = start.out_fd;
     if (pipe_ != nullptr)
         start.out_fd = pipe_->write_end();
+    if (options_.older_kernel)
+        start.prepare = pretend_older_kernel;
     server_ = program_start(start);
     close(start.err_fd);
     close(file);

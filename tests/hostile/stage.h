@@ -43,6 +43,7 @@ struct StageOptions {
     std::string format = "xrgb8888";
     std::vector<std::string> panel = {}; // further options of the panel
     Reader reader = Reader::FILE;
+    bool older_kernel = false; // sockets cannot refuse descriptors
     bool small_memory = false; // /dev/shm of its own with little room, where the system permits that
     size_t kept = 0;           // descriptors that the server keeps for the next time
     size_t orphans = 0;        // surfaces that stay without an owner

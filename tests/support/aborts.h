@@ -17,7 +17,7 @@ inline void prepare_to_die()
 {
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_CORE, &none);
-    out_drain(1000);
+    output_drain(1000);
     dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 

@@ -53,6 +53,8 @@ void close_others()
     for (const std::string &word : start.words)
         words.push_back(const_cast<char *>(word.c_str()));
     words.push_back(nullptr);
+    if (start.prepare != nullptr)
+        start.prepare();
     execv(words[0], words.data());
     _exit(127);
 }

@@ -29,6 +29,7 @@ struct ProgramStart {
     int out_fd = -1;
     int err_fd = -1;
     std::vector<int> closed = {}; // standard streams that it starts without
+    void (*prepare)() = nullptr;  // done in the new process before the program
 };
 
 // The program ends with a SIGTERM when this process goes first. -1 when it could not be forked.

@@ -15,7 +15,7 @@ public:
     StdoutCapture()
     {
         fflush(stdout);
-        out_drain(WAIT_MS);
+        output_drain(WAIT_MS);
         saved = dup(STDOUT_FILENO);
         file = memfd_create("stdout", MFD_CLOEXEC); // has no name anywhere, so nothing is left behind
         if (saved < 0 || file < 0 || dup2(file, STDOUT_FILENO) < 0) {
@@ -26,7 +26,7 @@ public:
     ~StdoutCapture()
     {
         fflush(stdout);
-        out_drain(WAIT_MS);
+        output_drain(WAIT_MS);
         dup2(saved, STDOUT_FILENO);
         close(saved);
         close(file);
@@ -38,7 +38,7 @@ public:
     std::string text() const
     {
         fflush(stdout);
-        out_drain(WAIT_MS);
+        output_drain(WAIT_MS);
         std::string bytes(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
         const ssize_t n = pread(file, bytes.data(), bytes.size(), 0);
         bytes.resize(n < 0 ? 0 : static_cast<size_t>(n));

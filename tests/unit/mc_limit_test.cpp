@@ -3,8 +3,8 @@
 #include "mc_support.h"
 
 #include <algorithm>
-#include <fcntl.h>
-#include <sys/resource.h>
+#include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -14,29 +14,10 @@ using testing::IsEmpty;
 
 class McLimit : public McServiceTest {};
 
-// As long as it lives this process has no free descriptor.
-class NoDescriptors {
-public:
-    NoDescriptors()
-    {
-        getrlimit(RLIMIT_NOFILE, &before);
-        rlimit low = before;
-        low.rlim_cur = open_descriptors() + 16; // few to fill, whatever the limit was
-        setrlimit(RLIMIT_NOFILE, &low);
-        for (int fd = open("/dev/null", O_CLOEXEC); fd >= 0; fd = open("/dev/null", O_CLOEXEC))
-            filler.emplace_back(fd);
-        EXPECT_EQ(errno, EMFILE);
-    }
-    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
-
-private:
-    rlimit before;
-    std::vector<Fd> filler;
-};
-
 TEST_F(McLimit, HasTheStatedLimits)
 {
     EXPECT_EQ(factory->limits.connections, 256u);
+    EXPECT_EQ(factory->limits.per_peer, 64u);
     EXPECT_EQ(factory->limits.ungreeted, 32u);
     EXPECT_EQ(factory->limits.greeting_wait_us, 5 * G_USEC_PER_SEC);
 }
@@ -60,6 +41,78 @@ TEST_F(McLimit, RefusesConnectionsBeyondTheLimit)
     const Fd next = raw_client("svc", "next");
     settle();
     EXPECT_EQ(events.back(), "connect next");
+}
+
+// Connects so often, and keeps all of it until it is killed. Returns when the service knows them.
+pid_t process_with_connections(int n)
+{
+    const size_t before = connections.size();
+    const pid_t child = in_child([&] {
+        std::vector<Fd> mine;
+        for (int i = 0; i < n; i++)
+            mine.push_back(raw_client("svc", "child"));
+        for (;;)
+            pause();
+        return 0;
+    });
+    EXPECT_TRUE(turn_until([&] { return connections.size() == before + static_cast<size_t>(n); }));
+    return child;
+}
+
+TEST_F(McLimit, OneProcessHasNoMoreThanItsShare)
+{
+    factory->limits.per_peer = 2;
+    const pid_t other = process_with_connections(2);
+    std::vector<Fd> clients;
+    for (int i = 0; i < 4; i++)
+        clients.push_back(raw_client("svc", std::to_string(i)));
+    settle();
+    EXPECT_EQ(connections.size(), 4u) << "two of each";
+    EXPECT_FALSE(raw_at_end(clients[1]));
+    EXPECT_TRUE(raw_at_end(clients[2]));
+    EXPECT_TRUE(raw_at_end(clients[3]));
+    EXPECT_THAT(log_lines, ElementsAre(HasSubstr("svc: refused a client: pid " + std::to_string(getpid()) +
+                                                 " has 2 connections already")));
+    EXPECT_EQ(factory->unreported, 1u);
+    clients.erase(clients.begin()); // room again
+    settle();
+    const Fd next = raw_client("svc", "next");
+    settle();
+    EXPECT_EQ(events.back(), "connect next");
+    EXPECT_EQ(factory->n_connections, 4u);
+    kill(other, SIGKILL);
+    wait_for(other);
+}
+
+// Whoever has it now.
+TEST_F(McLimit, AConnectionCountsForTheProcessThatMadeIt)
+{
+    factory->limits.per_peer = 1;
+    Fd client = raw_client("svc", "inherited");
+    settle();
+    const pid_t heir = in_child([] {
+        for (;;)
+            pause();
+        return 0;
+    });
+    client.reset();
+    settle();
+    EXPECT_THAT(events, ElementsAre("connect inherited")) << "it goes on";
+    const Fd second = raw_client("svc", "second");
+    settle();
+    EXPECT_TRUE(raw_at_end(second));
+    kill(heir, SIGKILL);
+    wait_for(heir);
+}
+
+// Nobody is pushed out by one who may not come in.
+TEST_F(McLimit, WhoHasItsShareMakesNobodyGiveWay)
+{
+    factory->limits.per_peer = factory->limits.ungreeted = 1;
+    const Fd first = raw_connect("svc"), second = raw_connect("svc");
+    settle();
+    EXPECT_FALSE(raw_at_end(first));
+    EXPECT_TRUE(raw_at_end(second));
 }
 
 TEST_F(McLimit, KeptBackLinesAreCounted)

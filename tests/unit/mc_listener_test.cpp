@@ -511,22 +511,6 @@ TEST_F(McListener, TheOwnFolderIsMadeWithItsMode)
     EXPECT_EQ(libmc::folder_make(path("no/such").c_str()), -1);
 }
 
-// Hands `fds` to a forked process the way the service manager does and runs `body` there.
-int run_activated(const std::vector<int> &fds, pid_t pid, const std::function<int()> &body)
-{
-    return wait_for(in_child([&] {
-        std::vector<int> copies;
-        for (const int fd : fds)
-            copies.push_back(fcntl(fd, F_DUPFD, 100));
-        for (size_t i = 0; i < copies.size(); i++)
-            dup2(copies[i], 3 + static_cast<int>(i));
-        setenv("LISTEN_PID", std::to_string(pid ? pid : getpid()).c_str(), 1);
-        setenv("LISTEN_FDS", std::to_string(fds.size()).c_str(), 1);
-        setenv("LISTEN_FDNAMES", "svc", 1);
-        return body();
-    }));
-}
-
 bool environment_is_used_up()
 {
     return !getenv("LISTEN_PID") && !getenv("LISTEN_FDS") && !getenv("LISTEN_FDNAMES");

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -245,6 +246,22 @@ size_t open_descriptors()
     return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
+NoDescriptors::NoDescriptors()
+{
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit low = before;
+    low.rlim_cur = open_descriptors() + 16; // few to fill, whatever the limit was
+    setrlimit(RLIMIT_NOFILE, &low);
+    for (int fd = open("/dev/null", O_CLOEXEC); fd >= 0; fd = open("/dev/null", O_CLOEXEC))
+        filler.emplace_back(fd);
+    EXPECT_EQ(errno, EMFILE);
+}
+
+NoDescriptors::~NoDescriptors()
+{
+    setrlimit(RLIMIT_NOFILE, &before);
+}
+
 pid_t in_child(const std::function<int()> &body)
 {
     const pid_t parent = getpid();
@@ -262,6 +279,21 @@ int wait_for(pid_t child)
     while (waitpid(child, &status, 0) < 0 && errno == EINTR)
         continue;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int run_activated(const std::vector<int> &fds, pid_t pid, const std::function<int()> &body)
+{
+    return wait_for(in_child([&] {
+        std::vector<int> copies;
+        for (const int fd : fds)
+            copies.push_back(fcntl(fd, F_DUPFD, 100));
+        for (size_t i = 0; i < copies.size(); i++)
+            dup2(copies[i], 3 + static_cast<int>(i));
+        setenv("LISTEN_PID", std::to_string(pid ? pid : getpid()).c_str(), 1);
+        setenv("LISTEN_FDS", std::to_string(fds.size()).c_str(), 1);
+        setenv("LISTEN_FDNAMES", "svc", 1);
+        return body();
+    }));
 }
 
 pid_t start(const std::vector<std::string> &words)

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/types.h>
 #include <vector>
 
@@ -87,9 +88,25 @@ Fd raw_listen(const std::string &socket_path);
 
 size_t open_descriptors();
 
+// As long as it lives this process has no free descriptor.
+class NoDescriptors {
+public:
+    NoDescriptors();
+    ~NoDescriptors();
+    NoDescriptors(const NoDescriptors &) = delete;
+    NoDescriptors &operator=(const NoDescriptors &) = delete;
+
+private:
+    rlimit before;
+    std::vector<Fd> filler;
+};
+
 // Runs `body` in a forked process. It is killed when the test's process ends.
 pid_t in_child(const std::function<int()> &body);
 int wait_for(pid_t child); // exit status, or -1 for a signal
+// Hands `fds` to a forked process the way the service manager does and runs `body` there; `pid` is the process that is
+// said to be meant, 0: that one. Returns its exit status.
+int run_activated(const std::vector<int> &fds, pid_t pid, const std::function<int()> &body);
 // Starts a program; reap_in_loop turns the main loop until it has ended and returns its exit status.
 pid_t start(const std::vector<std::string> &words);
 int reap_in_loop(pid_t child);

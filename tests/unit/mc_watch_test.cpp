@@ -27,6 +27,7 @@ class McWatch : public McServiceTest {
 protected:
     std::vector<Fd> greeted(int n)
     {
+        factory->limits.per_peer = libmc::CONNECTIONS_MAX; // all of them are this process's
         std::vector<Fd> clients;
         for (int i = 0; i < n; i++) {
             clients.push_back(raw_client("svc", std::to_string(i)));
