@@ -22,15 +22,9 @@ FurtherServer::FurtherServer(const std::string &folder,
     EXPECT_TRUE(wait_until([&] { return listens() || count_of(said(), "\n") > 0; }));
 }
 
-// A signal that comes before the main loop is not heeded: it is repeated.
 FurtherServer::~FurtherServer()
 {
-    int status = 0;
-    EXPECT_TRUE(wait_until([&] {
-        kill(pid_, SIGTERM);
-        return waitpid(pid_, &status, WNOHANG) == pid_;
-    }));
-    EXPECT_EQ(shell_status(status), 0) << said();
+    EXPECT_EQ(end_server(pid_), 0) << said();
 }
 
 // The server itself, not somebody else at the same place.
@@ -49,6 +43,21 @@ bool FurtherServer::listens() const
             return true;
     }
     return false;
+}
+
+// A signal that comes before the main loop is not heeded.
+int end_server(pid_t pid)
+{
+    int status = 0;
+    const bool ended = wait_until([&] {
+        kill(pid, SIGTERM);
+        return waitpid(pid, &status, WNOHANG) == pid;
+    });
+    if (!ended) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
+    return shell_status(status);
 }
 
 void expect_refusal(const std::string &folder, const std::string &line)

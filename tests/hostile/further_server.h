@@ -26,5 +26,8 @@ private:
     pid_t pid_ = -1;
 };
 
+// Sends SIGTERM until the server has ended; what a shell would call its status.
+int end_server(pid_t pid);
+
 // A server in this folder says a line with this in it, once, and listens to nobody.
 void expect_refusal(const std::string &folder, const std::string &line);

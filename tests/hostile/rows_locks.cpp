@@ -367,8 +367,7 @@ std::vector<Misbehaviour> lock_rows()
 {
     return {
         {"KilledAtEveryRequest",
-         "is killed (SIGKILL) before any of the 19 requests, with it in the server's queue, or while 50 such are "
-         "handled",
+         "is killed (SIGKILL) before any of the 19 requests, with it in the server's queue, or while it is handled",
          "its surface goes, with its locks; what lies below is drawn",
          "kills",
          {},

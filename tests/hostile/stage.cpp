@@ -13,6 +13,7 @@
 
 #include "../support/composer.h"
 #include "../support/descriptors.h"
+#include "further_server.h"
 
 namespace {
 
@@ -221,8 +222,7 @@ void Stage::expect_end(int status)
 
 void Stage::stop_server()
 {
-    kill(server_, SIGTERM);
-    EXPECT_EQ(shell_status(program_wait(server_)), 0) << err();
+    EXPECT_EQ(end_server(server_), 0) << end_of(err());
     server_ = -1;
     if (panel().memory() != nullptr) {
         EXPECT_TRUE(panel().is_black());
