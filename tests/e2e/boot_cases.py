@@ -18,7 +18,7 @@ def life(machine, report, name, scene, end):
     expect(machine, report, f'{name}: started at boot', scene.picture, 32, f'process {server}')
     machine.signal('STOP')  # so that they do not come back at once
     machine.run(f'kill -KILL {server}')
-    new = machine.wait_for_new_server(server)
+    new = machine.wait_for_server(server)
     expect(machine, report, f'{name}: a killed server leaves the picture', scene.picture, 32)
     machine.run('device fill /dev/fb0 0')
     expect(machine, report, f'{name}: black before the clients are back', pictures.black(*SIZE), 32)
@@ -97,7 +97,7 @@ def aborted(machine, report, scene):
     server = machine.wait_for_server()
     machine.signal('STOP')
     machine.run("client fb.bad - 'create 0 32 0 0 10 10 40 0 0'")
-    new = machine.wait_for_new_server(server)
+    new = machine.wait_for_server(server)
     machine.run('device fill /dev/fb0 0')
     expect(machine, report, 'socket: black before the clients are back', pictures.black(*SIZE), 32)
     machine.signal('CONT')
@@ -112,7 +112,7 @@ def aborted_often(machine, report, scene):
     server = machine.wait_for_server()
     for _ in range(30):
         machine.run("client fb.bad - 'create 0 32 0 0 10 10 40 0 0'")
-        server = machine.wait_for_new_server(server)
+        server = machine.wait_for_server(server)
     text = machine.run('systemctl show --no-pager -p NRestarts,Result,ActiveState fbserver; '
                        f'systemctl show --no-pager -p Result,ActiveState,NAccepted {UNIT}')
     report.check('socket: 30 aborts later it still listens', _active(machine, UNIT) == 'active', text)
@@ -141,6 +141,6 @@ def sysv(build, report):
     scene = Scene('whole', (*SIZE, 32), windows(*SIZE))
     with Machine(build, 'sysv', BOCHS, [scene], 'std', 'video=800x480', boot=boot.sysv) as machine:
         ended = life(machine, report, 'System V init', scene, 'kill -TERM {}')
-        machine.wait_for_new_server(ended)
+        machine.wait_for_server(ended)
         machine.signal('CONT')
         expect(machine, report, 'System V init: ended and started again', scene.picture, 32)

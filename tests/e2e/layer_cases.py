@@ -174,6 +174,6 @@ def first_picture(machine, report):
     machine.start(scene, scene.surfaces[0])
     machine.run('device first /dev/fb0 /etc/init.d/fbserver run > /var/log/first & true')
     milliseconds = float(machine.wait_for('grep -m1 "^[0-9.]*$" /var/log/first'))
-    resident = int(machine.run("sed -n 's/^VmRSS:[^0-9]*\\([0-9]*\\) kB/\\1/p' /proc/$(pidof fbserver)/status"))
+    resident = int(machine.run(f"sed -n 's/^VmRSS:[^0-9]*\\([0-9]*\\) kB/\\1/p' /proc/{machine.server()}/status"))
     report.measured.append(f'From the server\'s start to the first picture {milliseconds:.0f} ms, {resident} kB resident '
                            'then (emulated processor)')

@@ -51,6 +51,11 @@ def root_file_system(build, modules, scenes, boot):
     return root
 
 
+# Prints the server's process id. One that has ended has the name still until init takes notice, a second later with
+# BusyBox's; but it has no memory left.
+RUNNING = 'for p in $(pidof fbserver); do if grep -qs ^VmRSS /proc/$p/status; then echo $p; fi; done | grep .'
+
+
 class Machine(Guest):
     def __init__(self, build, name, modules, scenes, vga, words='', boot_image=False,
                  boot=boot.busybox_respawns):
@@ -64,12 +69,13 @@ class Machine(Guest):
         super().__init__(folder, kernel, words, archive, vga)
         self.clients = {}
 
-    def wait_for_server(self):
-        """Its process id, once it listens. (The socket is there when it binds it; clients try again by themselves.)"""
-        return int(self.wait_for('pidof fbserver && test -S /run/mc/pfb.mc').split()[0])
+    def wait_for_server(self, old=0):
+        """The process id of a server other than `old`, once it listens. (The socket is there when it binds it; clients
+        try again by themselves.)"""
+        return int(self.wait_for(f'p=$({RUNNING}) && test "$p" != {old} && test -S /run/mc/pfb.mc && echo $p'))
 
-    def wait_for_new_server(self, old):
-        return int(self.wait_for(f'p=$(pidof fbserver) && test "$p" != {old} && test -S /run/mc/pfb.mc && echo $p'))
+    def server(self):
+        return int(self.run(RUNNING))
 
     def start(self, scene, surface):
         command = scene.client(surface)

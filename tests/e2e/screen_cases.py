@@ -55,7 +55,7 @@ def client_killed(machine, report, build, scene):
 def server_aborted(machine, report, scene, server):
     machine.signal('STOP')  # until the screen, which an abort leaves as it is, has been made black
     machine.run("client fb.bad - 'create 0 32 0 0 10 10 40 0 0'")
-    new = machine.wait_for_new_server(server)
+    new = machine.wait_for_server(server)
     log = machine.run('tail -40 /var/log/fbserver.log')
     report.check('bochs: a missing shared-memory object aborts the server',
                  re.search(r"shm_open: No such file or directory\n[^\n]*create: Assertion `0' failed", log), log)
@@ -70,7 +70,7 @@ def server_aborted(machine, report, scene, server):
 def server_ended(machine, report, scene, server):
     machine.signal('STOP')  # so that they do not come back at once
     machine.run(f'kill -TERM {server}')
-    machine.wait_for_new_server(server)
+    machine.wait_for_server(server)
     expect(machine, report, 'bochs: SIGTERM leaves a black screen', pictures.black(800, 480), 32)
     console = machine.run('device console')
     report.check('bochs: SIGTERM leaves the console in graphics mode', console == 'graphics', console)
@@ -88,7 +88,7 @@ def size_from_command_line(machine, report, scene, server):
     machine.settings('640 400')
     machine.end_clients()
     machine.run(f'kill -TERM {server}')
-    machine.wait_for_new_server(server)
+    machine.wait_for_server(server)
     machine.show(scene)
     expect(machine, report, 'bochs: size 640 x 400 from the command line', scene.picture, 32,
            machine.run('tail -5 /var/log/fbserver.log'))
@@ -114,7 +114,7 @@ def cirrus(build, report):
                machine.run('device info /dev/fb0'))
         machine.end_clients()
         machine.run(f'kill -TERM {server}')
-        machine.wait_for_new_server(server)
+        machine.wait_for_server(server)
         machine.show(turned)
         # Turned surfaces are right when at least two are drawn in a pass: the background reports itself dirty.
         actual = machine.wait_for_picture(lambda: machine.screen_after_damage('fb.background'), turned.picture, 16)
