@@ -16,11 +16,13 @@
 // The server's time is read from the kernel's scheduler statistics, in nanoseconds, for all its threads.
 #include "updates.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sched.h>
 #include <string>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 #include <vector>
@@ -231,15 +233,52 @@ void run_surfaces(const std::string &where, int count, int n)
     mc_close(crowd);
 }
 
-void run_clients(int count, int n)
+// A server may let one process have only so many connections.
+constexpr int PROCESS_CLIENTS = 50;
+
+// Clients `first` to `last`, quiet once they are shown: a byte to `shown` tells that they are. Until `end` ends.
+[[noreturn]] void be_quiet(int first, int last, int shown, int end)
 {
-    std::vector<Client> clients{connect_at(Area{0, 0, TILE, TILE})};
-    for (int i = 0; i < count; i++)
-        clients.push_back(connect_at(Area{i * 16 % FLOOR_WIDTH, 64 + i * 16 / FLOOR_WIDTH * 16, 16, 16}));
+    std::vector<Client> clients;
+    for (int i = first; i < last; i++)
+        clients.push_back(connect_at(Area{i * 16 % FLOOR_WIDTH, TILE + i * 16 / FLOOR_WIDTH * 16, 16, 16}));
     show_all(clients);
-    update_again_and_again(&clients[0], Area{0, 0, TILE, TILE}, n);
+    char byte = 0;
+    if (write(shown, &byte, 1) != 1 || read(end, &byte, 1) != 0)
+        fail("quiet clients are not heard");
     for (Client &client : clients)
         target->disconnect(&client);
+    exit(0);
+}
+
+void run_clients(int count, int n)
+{
+    int shown[2];
+    int end[2];
+    if (pipe(shown) != 0 || pipe(end) != 0)
+        fail("no pipe");
+    for (int first = 0; first < count; first += PROCESS_CLIENTS) {
+        const pid_t quiet = fork();
+        if (quiet < 0)
+            fail("no process for quiet clients");
+        if (quiet > 0)
+            continue;
+        close(end[1]);
+        be_quiet(first, std::min(first + PROCESS_CLIENTS, count), shown[1], end[0]);
+    }
+    close(shown[1]); // so that the end of one that fails is seen
+    for (int first = 0; first < count; first += PROCESS_CLIENTS) {
+        char byte;
+        if (read(shown[0], &byte, 1) != 1)
+            fail("quiet clients are not shown");
+    }
+    Client client = connect_surface(Area{0, 0, TILE, TILE});
+    update_again_and_again(&client, Area{0, 0, TILE, TILE}, n);
+    target->disconnect(&client);
+    close(end[1]);
+    for (int status; wait(&status) > 0;)
+        if (status != 0)
+            fail("quiet clients have failed");
 }
 
 // All reports wait for one pass: the client holds the lock meanwhile.
