@@ -55,7 +55,8 @@ ptrdiff_t over_columns(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, 
 }
 
 // Large groups row by row; what that leaves is narrow, and done column by column. The last columns, fewer than a
-// vector's, are left to the narrower kernels: no pixel may be done twice.
+// vector's, are left to the narrower kernels: no pixel may be done twice. Rows that overlap are done one after the
+// other: what one has left is what the next one is blended with.
 void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
     constexpr ptrdiff_t N = PER_VECTOR<uint32_t>;
@@ -65,6 +66,11 @@ void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_
     if (src_pitch == w && dst_pitch == w) {
         width *= h;
         h = 1;
+    }
+    if (dst_pitch < w && h > 1) [[unlikely]] {
+        for (int32_t j = 0; j < h; j++)
+            over_rows(src + j * src_pitch, src_pitch, dst + j * dst_pitch, dst_pitch, w, 1);
+        return;
     }
     const ptrdiff_t most = width - width % (LARGE * N);
     for (int32_t j = 0; most > 0 && j < h; j++) {

@@ -145,32 +145,46 @@ TEST(KernelOver, OnePixelAmongOthers)
     }
 }
 
-// ---- the quarter turn ----
+// ---- rows that overlap ----
 
-// A pitch below the height lets rows overlap: the later row is the one that stays.
-template <typename Src, typename Dst> void check_overlapping_turn(Kernel<Src, Dst> Kernels::*turn, Random &random)
+// A destination pitch below the length of its rows: the later row is the one that stays, or goes on from what the
+// earlier one has left.
+template <typename Src, typename Dst>
+void check_overlapping(Kernel<Src, Dst> Kernels::*kernel, bool turns, Random &random)
 {
-    const int32_t w = between(random, 1, 60), h = between(random, 2, 60);
-    const int32_t dst_pitch = between(random, 0, h - 1);
+    const int32_t w = between(random, 1, 60), h = between(random, 1, 60);
+    const int32_t length = turns ? h : w, rows = turns ? w : h;
+    const int32_t dst_pitch = between(random, 0, length - 1);
     std::vector<Src> src(static_cast<size_t>(w * h));
     std::ranges::generate(src, [&] { return static_cast<Src>(random()); });
-    std::vector<Dst> expected(static_cast<size_t>(dst_pitch * (w - 1) + h));
-    (kernels_plain.*turn)(src.data(), w, expected.data(), dst_pitch, w, h);
+    std::vector<Dst> before(static_cast<size_t>(dst_pitch * (rows - 1) + length));
+    std::ranges::generate(before, [&] { return static_cast<Dst>(random()); });
+    std::vector<Dst> expected = before;
+    (kernels_plain.*kernel)(src.data(), w, expected.data(), dst_pitch, w, h);
     for (const Kernels *set : all_kernel_sets()) {
-        std::vector<Dst> found(expected.size());
-        (set->*turn)(src.data(), w, found.data(), dst_pitch, w, h);
+        std::vector<Dst> found = before;
+        (set->*kernel)(src.data(), w, found.data(), dst_pitch, w, h);
         ASSERT_EQ(found, expected) << set->name << " " << w << "x" << h << " pitch " << dst_pitch;
     }
 }
 
-TEST(KernelTurn, TheLaterOfOverlappingRowsStays)
+TEST(KernelRows, WhereTheyOverlapTheLaterOneStays)
 {
     random_cases::run(200, [](Random &random) {
-        check_overlapping_turn(&Kernels::turn_16, random);
-        check_overlapping_turn(&Kernels::turn_32, random);
-        check_overlapping_turn(&Kernels::turn_rgb_to_16, random);
+        for (const auto kernel : {&Kernels::rgb_to_18, &Kernels::rgb_to_argb, &Kernels::rgb_to_alpha4,
+                                  &Kernels::argb_to_alpha4, &Kernels::over, &Kernels::from_18_to_32})
+            check_overlapping(kernel, false, random);
+        check_overlapping(&Kernels::rgb_to_16, false, random);
+        check_overlapping(&Kernels::from_16_to_32, false, random);
+        check_overlapping(&Kernels::from_16_to_18, false, random);
+        check_overlapping(&Kernels::from_18_to_16, false, random);
+        check_overlapping(&Kernels::turn_16, true, random);
+        check_overlapping(&Kernels::turn_32, true, random);
+        check_overlapping(&Kernels::turn_rgb_to_16, true, random);
     });
 }
+
+// ---- the quarter turn ----
 
 // Of all pitches, those of a power of two decide which way through the rectangle is taken.
 template <typename Src, typename Dst> void check_pitched_turn(Kernel<Src, Dst> Kernels::*turn, Random &random)
