@@ -65,6 +65,9 @@ void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_
     if (src_pitch == w && dst_pitch == w) {
         width *= h;
         h = 1;
+    } else if (h > 1 && dst_pitch < w) { // the rows overlap: each goes over what the one before has left
+        kernels_plain.over(src, src_pitch, dst, dst_pitch, w, h);
+        return;
     }
     const ptrdiff_t most = width - width % (LARGE * N);
     for (int32_t j = 0; most > 0 && j < h; j++) {

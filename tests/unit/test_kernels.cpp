@@ -128,6 +128,17 @@ TEST(KernelOver, RunsOfEveryKind)
     });
 }
 
+// A pitch below the width lets rows overlap: what they have in common is blended by one after the other.
+TEST(KernelOver, OverlappingRowsOneAfterTheOther)
+{
+    random_cases::run(100, [](Random &random) {
+        const int32_t w = between(random, 2, 150);
+        const int32_t h = between(random, 2, 6);
+        for (const Kernels *set : all_kernel_sets())
+            check_over(set, w, h, between(random, 0, 3), between(random, -w, -1), random);
+    });
+}
+
 // One visible pixel among transparent ones and one translucent among opaque ones, at each place.
 TEST(KernelOver, OnePixelAmongOthers)
 {
