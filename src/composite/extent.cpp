@@ -20,7 +20,7 @@ constexpr int64_t ceil_div(int64_t a, int64_t b) // b above 0
 [[gnu::hot]] PixelGrid converter_grid(const xc_image *image, int size)
 {
     const int64_t stride = static_cast<uint32_t>(image->stride);
-    return PixelGrid{stride / size * size, size, static_cast<int64_t>(image->extent)};
+    return PixelGrid{stride & -int64_t{size}, size, static_cast<int64_t>(image->extent)};
 }
 
 PixelGrid image_grid(const xc_image *image, int size)

@@ -19,7 +19,8 @@ struct PixelGrid {
     bool holds(int64_t first, int64_t last) const { return first >= 0 && last + size <= extent; }
 };
 
-// The grid of a converter with pixels of `size` bytes: the stride counts as unsigned whole pixels.
+// The grid of a converter with pixels of `size` bytes, 2 or 4: the stride counts as unsigned whole pixels. Asked for at
+// every surface that is drawn, and without a division, which small processors have to compute.
 PixelGrid converter_grid(const xc_image *image, int size);
 // The grid of xc_image_pointer: the stride as it is.
 PixelGrid image_grid(const xc_image *image, int size);

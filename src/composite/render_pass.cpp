@@ -161,10 +161,20 @@ void subtract_opaque(const FbServer *fs, const ImageSurface *surface, Region *da
     region_uninit(&opaque);
 }
 
-// Cheaper than the intersection, and mostly the answer: damage is small, surfaces are many.
+// Cheaper than the intersection, and mostly the answer: damage is small, surfaces are many. Where two clients have
+// drawn, what lies between them is far from both.
 bool is_far_from(const Region *damage, const Rect &area)
 {
-    return are_apart(damage->extents, area);
+    if (are_apart(damage->extents, area))
+        return true;
+    const int n = region_num_rects(damage);
+    if (n == 1)
+        return false;
+    const Box *box = region_rects(damage);
+    const Box *end = box + n;
+    while (box < end && box->y1 < area.y2 && are_apart(*box, area)) // they begin further and further down
+        box++;
+    return box == end || box->y1 >= area.y2;
 }
 
 // True when the surface draws something.

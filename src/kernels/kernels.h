@@ -80,7 +80,9 @@ struct Kernels {
     Kernel<uint32_t, uint32_t> rgb_to_argb; // alpha becomes 255
     Kernel<uint32_t, uint32_t> rgb_to_alpha4;
     Kernel<uint32_t, uint32_t> argb_to_alpha4;
-    Kernel<uint32_t, uint32_t> over; // Porter-Duff OVER of premultiplied words, with pixman's rounding
+    // Porter-Duff OVER of premultiplied words, with pixman's rounding. Where a destination pitch below w makes rows
+    // overlap, each goes over what the one before has left.
+    Kernel<uint32_t, uint32_t> over;
     Kernel<uint16_t, uint32_t> from_16_to_32;
     Kernel<uint16_t, uint32_t> from_16_to_18;
     Kernel<uint32_t, uint32_t> from_18_to_32;

@@ -55,8 +55,7 @@ ptrdiff_t over_columns(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, 
 }
 
 // Large groups row by row; what that leaves is narrow, and done column by column. The last columns, fewer than a
-// vector's, are left to the narrower kernels: no pixel may be done twice. Rows that overlap are done one after the
-// other: what one has left is what the next one is blended with.
+// vector's, are left to the narrower kernels: no pixel may be done twice.
 void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
     constexpr ptrdiff_t N = PER_VECTOR<uint32_t>;
@@ -66,10 +65,8 @@ void over_rows(const uint32_t *src, ptrdiff_t src_pitch, uint32_t *dst, ptrdiff_
     if (src_pitch == w && dst_pitch == w) {
         width *= h;
         h = 1;
-    }
-    if (dst_pitch < w && h > 1) [[unlikely]] {
-        for (int32_t j = 0; j < h; j++)
-            over_rows(src + j * src_pitch, src_pitch, dst + j * dst_pitch, dst_pitch, w, 1);
+    } else if (h > 1 && dst_pitch < w) { // the rows overlap: each goes over what the one before has left
+        kernels_plain.over(src, src_pitch, dst, dst_pitch, w, h);
         return;
     }
     const ptrdiff_t most = width - width % (LARGE * N);

@@ -78,7 +78,7 @@ template <typename Src, Kernel<Src, uint16_t> Kernels::*own>
 void twice(const Src *src, ptrdiff_t src_pitch, uint16_t *dst, ptrdiff_t dst_pitch, int32_t w, int32_t h)
 {
     constexpr int32_t N = PER_VECTOR<uint16_t>;
-    if (w < N) {
+    if (w < N || dst_pitch < 2 * w) { // where rows overlap, the order of all pixels tells what is seen
         (NARROWER.*own)(src, src_pitch, dst, dst_pitch, w, h);
         return;
     }

@@ -253,6 +253,8 @@ int region_copy(Region *dst, const Region *src)
 
 int region_add_boxes(Region *region, const Box *boxes, int n)
 {
+    if (n == 1 && is_empty(*boxes)) // of several pixman leaves out what is inverted, of a single one it complains
+        return 1;
     Region sum;
     if (!pixman_region_init_rects(&sum, boxes, n)) {
         const Box around = around_all(region, boxes, n);

@@ -12,6 +12,7 @@ using Region = pixman_region16_t;
 int calls_before;
 int calls_left;
 int failed;
+int worked_on;
 
 bool needs_memory(const Region *region)
 {
@@ -33,6 +34,7 @@ void break_region(Region *region)
 // What an operation returns: its result is there, or takes memory that cannot be had.
 int outcome(int done, Region *result)
 {
+    worked_on++;
     if (!done || calls_left == 0 || !needs_memory(result) || --calls_before > 0)
         return done;
     calls_left--;
@@ -47,7 +49,12 @@ void fail_regions(int nth, int count)
 {
     calls_before = nth;
     calls_left = count;
-    failed = 0;
+    failed = worked_on = 0;
+}
+
+int regions_worked_on()
+{
+    return worked_on;
 }
 
 int regions_failed()

@@ -184,6 +184,29 @@ TEST(KernelRows, WhereTheyOverlapTheLaterOneStays)
     });
 }
 
+template <typename Src> void check_overlapping_double(Kernel<Src, uint16_t> Kernels::*twice, Random &random)
+{
+    const int32_t w = between(random, 1, 100), h = between(random, 1, 5);
+    const int32_t dst_pitch = between(random, 0, 2 * w);
+    std::vector<Src> src(static_cast<size_t>(w * h));
+    std::ranges::generate(src, [&] { return static_cast<Src>(random()); });
+    std::vector<uint16_t> expected(static_cast<size_t>(dst_pitch * (2 * h - 1) + 2 * w));
+    (kernels_plain.*twice)(src.data(), w, expected.data(), dst_pitch, w, h);
+    for (const Kernels *set : all_kernel_sets()) {
+        std::vector<uint16_t> found(expected.size());
+        (set->*twice)(src.data(), w, found.data(), dst_pitch, w, h);
+        ASSERT_EQ(found, expected) << set->name << " " << w << "x" << h << " pitch " << dst_pitch;
+    }
+}
+
+TEST(KernelRows, DoubledOnesThatOverlapAreThePlainOnes)
+{
+    random_cases::run(100, [](Random &random) {
+        check_overlapping_double(&Kernels::double_16, random);
+        check_overlapping_double(&Kernels::double_rgb_to_16, random);
+    });
+}
+
 // ---- the quarter turn ----
 
 // Of all pitches, those of a power of two decide which way through the rectangle is taken.
