@@ -24,7 +24,7 @@ help:
 	@echo 'make fuzz            fuzzes each target in fuzz/ by clang and libFuzzer (TIME=SECONDS per target)'
 	@echo 'make hostile         programs that misbehave, on the release build: writes the table of docs/robustness.md'
 	@echo 'make bench           processor time, latency, memory, start and growth, beside Xvfb, Weston and a bare loop;'
-	@echo '                     recovery, and fairness under floods: writes docs/performance.md, in ten minutes (ROUNDS=2: a quick look)'
+	@echo '                     recovery, and fairness under floods: writes docs/performance.md, in about 7 minutes (ROUNDS=2: a quick look)'
 	@echo 'make e2e             the installed server on real kernels in emulated machines; see build/e2e/report.html'
 	@echo '                     (MACHINES="bochs cirrus": these only)'
 	@echo 'make arm             cross builds for armhf and arm64, and their tests in emulated processors'

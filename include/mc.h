@@ -7,8 +7,12 @@
  * docs/protocol.md describes it byte by byte.
  *
  * Where the socket lives: a folder, the first of $MC_RUNTIME_DIR, $XDG_RUNTIME_DIR and /run/mc, holds "SERVICE.mc"
- * (the socket) and "SERVICE.mc.lock" (held by the running server). A server started with a socket of the service
- * manager (LISTEN_FDS) uses that one.
+ * (the socket) and "SERVICE.mc.lock" (held by the running server). Who may connect: the socket's owner, group and mode,
+ * which $MC_SOCKET_USER, $MC_SOCKET_GROUP and $MC_SOCKET_MODE (octal) change; 0660 of the server's user and group
+ * without them. A server started with a socket of the service manager (LISTEN_FDS) uses that one as it is.
+ *
+ * Descriptors that come with packets are refused. Kernels before Linux 6.16 let them through: there the server side
+ * forks a process for a moment, which closes them.
  *
  * Threads: a factory, its connections and their packets belong to the thread that runs the default GLib main
  * context. A client connection belongs to one thread at a time. Nothing here is locked.

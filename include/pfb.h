@@ -83,8 +83,9 @@ PFB_PUBLIC const char *pfb_error_text(void);
  * `name` (1 to 255 bytes) becomes the name of the surface, and what stands before its first "." chooses the output:
  * "fb2.clock" is shown on the second layer, "x.clock" nowhere, any other name on the main screen. Dots at its
  * front are skipped; there has to be something else.
- * The result is the caller's, to be given to pfb_disconnect. NULL: ARGUMENT, NO_SERVER, ACCESS, MEMORY, SYSTEM, GONE,
- * and TIMEOUT when the server has not had room for one more connection for 5 s.
+ * The result is the caller's, to be given to pfb_disconnect. NULL: ARGUMENT, NO_SERVER, ACCESS, MEMORY, SYSTEM, GONE
+ * (also when 64 connections of this process are open already, or 256 in all), and TIMEOUT when the server has not come
+ * to accept one more for 5 s.
  */
 PFB_PUBLIC pfb_client *pfb_connect(const char *name);
 

@@ -33,7 +33,7 @@ def by_server(found, x_of, values_of):
 
 
 def draw_cpu(found, path):
-    panels = [svg.Panel(PROCESSORS[where], '', 'µs an update', by_server(modes, list(modes).index, microseconds),
+    panels = [svg.Panel(f'An update, {PROCESSORS[where]}', '', 'µs of the server', by_server(modes, list(modes).index, microseconds),
                         ticks=[MODES[mode] for mode in modes]) for where, modes in found.items()]
     svg.draw(path, panels, 440)
 
@@ -41,7 +41,7 @@ def draw_cpu(found, path):
 def draw_latency(found, path):
     def of_rounds(q):
         return lambda measures: [quantile(times, q) / 1000 for times in column(measures, 'ns')]
-    svg.draw(path, [svg.Panel(f'{words}, {PROCESSORS[where]}', 'clients that ask at once', 'µs',
+    svg.draw(path, [svg.Panel(f'From request to pixel, {words}, {PROCESSORS[where]}', 'clients that ask at once', 'µs',
                               by_server(each, list(each).index, of_rounds(q)), ticks=list(each))
                     for q, words in ((.5, 'median'), (.99, '99th of 100')) for where, each in found.items()], 440, 320)
 
@@ -73,7 +73,7 @@ def draw_servers(path, title, y, found):
     servers = list(next(iter(found.values())))
     series = [svg.Series(what, *style, list(enumerate(each.values())))
               for (what, each), style in zip(found.items(), MORE_STYLES)]
-    svg.draw(path, [svg.Panel(title, '', y, series, ticks=[NAMES[server] for server in servers])])
+    svg.draw(path, [svg.Panel(title, '', y, series, ticks=[NAMES[server] for server in servers])], 880)
 
 
 def kernel_runs(path):

@@ -79,21 +79,28 @@ def draw_field(panel, x, y, left, right, top, bottom):
              f'{"".join(f"M{x.at(tick):.1f},{top}V{bottom}" for tick in x.ticks)}"/>',
              f'<path class="frame" d="M{left},{top}V{bottom}H{right}"/>']
     parts += [text(left - 5, y.at(tick) + 4, number(tick), ' text-anchor="end"') for tick in y.ticks]
-    if panel.ticks and is_turned(panel):
+    if is_turned(panel, right - left):
         parts += [text(x.at(place) + 3, bottom + 12, words, f' text-anchor="end" transform="rotate(-45 '
                        f'{x.at(place) + 3:.0f} {bottom + 12})"') for place, words in enumerate(panel.ticks)]
     else:
-        words = panel.ticks or [number(tick) for tick in x.ticks]
+        words = panel.ticks or tick_words(x)
         parts += [text(x.at(tick), bottom + 15, word, ' text-anchor="middle"') for tick, word in zip(x.ticks, words)]
     middle = (left + right) / 2
     return parts + [text(middle, top - 10, panel.title, ' text-anchor="middle" class="title"'),
                     text(middle, bottom + 34, panel.x, ' text-anchor="middle"'),
-                    text(left - 52, (top + bottom) / 2, panel.y, f' text-anchor="middle" transform="rotate(-90 '
+                    text(left - 52, (top + bottom) / 2, panel.y + (', log scale' if y.log else ''), f' text-anchor="middle" transform="rotate(-90 '
                          f'{left - 52} {(top + bottom) / 2:.0f})"')]
 
 
-def is_turned(panel):
-    return max(map(len, panel.ticks)) > 10
+def tick_words(axis):
+    """Where there are many, those of 2 and 5 would meet their neighbours."""
+    many = axis.log and len(axis.ticks) > 8
+    return ['' if many and f'{tick:e}'[0] != '1' else number(tick) for tick in axis.ticks]
+
+
+def is_turned(panel, wide):
+    """Whether the words below the places do not fit beside each other."""
+    return bool(panel.ticks) and LETTER * (max(map(len, panel.ticks)) + 1) > wide / len(panel.ticks)
 
 
 def draw_series(panel, x, y):
@@ -113,7 +120,7 @@ def draw_series(panel, x, y):
 
 def draw_panel(panel, left, top, right, bottom):
     left, top, right = left + LEFT, top + TOP, right - RIGHT
-    bottom -= BOTTOM + (LETTER * .75 * max(map(len, panel.ticks)) - 20 if panel.ticks and is_turned(panel) else 0)
+    bottom -= BOTTOM + (LETTER * .75 * max(map(len, panel.ticks)) - 20 if is_turned(panel, right - left) else 0)
     bottom = round(bottom)
     values = [quantile(values, q) for series in panel.series for _, values in series.points for q in (.25, .5, .75)]
     y = Axis(values, bottom, top, 'y' in (panel.log or ''))

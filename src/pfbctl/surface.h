@@ -32,8 +32,8 @@ extern SurfaceOptions surface_options;
 
 // What the help says of all of them.
 #define SURFACE_TEXT                                                                                                   \
-    "It stays in the foreground: the surface lives until SIGINT, SIGTERM or SIGHUP, the end of --for, or the end of\n" \
-    "the server.\n"                                                                                                    \
+    "It stays in the foreground: the surface lives until SIGINT, SIGTERM or SIGHUP, or the end of --for. When the\n"   \
+    "server ends, it waits for the next one and shows the same there.\n"                                               \
     "A display that is turned otherwise than --rotation says is turned, for everybody: say what the device uses."
 
 // Parses the options of a verb that makes a surface, and checks those above. False after a message.
