@@ -198,7 +198,7 @@ std::vector<Misbehaviour> packet_rows()
          {times(400, "dropped client \"fb.bad\"")},
          random_garbage},
         {"UnknownWords",
-         "sends words that nobody knows, and too few arguments, without end",
+         "sends words that nobody knows, and too few arguments for others than \"create\", without end",
          "nothing",
          "packets",
          {},
