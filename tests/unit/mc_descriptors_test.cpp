@@ -273,6 +273,26 @@ TEST_P(McDescriptors, FarBehindAFault)
     expect_closed(gift);
 }
 
+// Farther back than anybody looks in one go: what is there is not known then.
+TEST_P(McDescriptors, FartherBehindAFaultThanIsLookedAt)
+{
+    constexpr int FAR = 4000;
+    const Fd client = raw_client("svc", "giver");
+    settle();
+    const int room = 64 * 1024 * 1024; // as much as this process may have
+    ASSERT_EQ(setsockopt(client.get(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
+    ASSERT_TRUE(raw_send(client, "garbage"));
+    for (int i = 0; i < FAR; i++) {
+        if (send(client.get(), "", 0, MSG_DONTWAIT) != 0)
+            GTEST_SKIP() << "no queue takes more than " << i << " packets here";
+    }
+    Gift gift;
+    ASSERT_EQ(gift.send(client, header(2, "with", "")), 0);
+    settle();
+    EXPECT_THAT(log_lines, ElementsAre(HasSubstr("malformed packet")));
+    expect_closed(gift);
+}
+
 TEST_P(McDescriptors, BehindAHangUp)
 {
     Fd client = raw_client("svc", "giver");
