@@ -15,6 +15,9 @@
 #ifndef SO_PASSRIGHTS // headers older than the kernel; the number of all processors that this is built for
 #define SO_PASSRIGHTS 83
 #endif
+#ifndef SO_PASSPIDFD
+#define SO_PASSPIDFD 76
+#endif
 
 namespace libmc {
 
@@ -180,6 +183,9 @@ bool descriptors_refuse(int fd)
 
 void descriptors_guard(mc_connection *connection)
 {
+    // Whoever made the socket may have asked for these to come along. They would be taken for what a client sends.
+    for (const int option : {SO_PASSCRED, SO_PASSSEC, SO_PASSPIDFD})
+        set_option(connection->fd, option, 0);
     connection->close_fd = descriptors_close;
     connection->refuses = descriptors_refuse(connection->fd);
     // Each look goes on where the last one ended; otherwise all of them would be at the first packet.

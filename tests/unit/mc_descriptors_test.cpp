@@ -476,6 +476,28 @@ TEST_F(McHandedOverDescriptors, OfClientsThatWaitedBefore)
     alarm(0);
 }
 
+// What else comes along with packets, because the socket asks for it, is nothing that a client sends.
+TEST_F(McHandedOverDescriptors, TheSendersCredentialsAreNone)
+{
+    const Fd listening = raw_listen(path("svc.mc"));
+    const int yes = 1;
+    for (const int option : {SO_PASSCRED, SO_PASSSEC})
+        ASSERT_EQ(setsockopt(listening.get(), SOL_SOCKET, option, &yes, sizeof yes), 0);
+    for (const Kernel of : {Kernel::PRESENT, Kernel::OLD}) {
+        const Fd client = raw_client("svc", "good");
+        const int result = run_activated({listening.get()}, 0, [&] {
+            kernel = of;
+            factory = open_noting("svc");
+            settle();
+            if (events.empty() || events[0] != "connect good" || !log_lines.empty())
+                return 1;
+            mc_factory_close(factory);
+            return 0;
+        });
+        EXPECT_EQ(result, 0);
+    }
+}
+
 TEST_F(McHandedOverDescriptors, AreRefusedFromThenOn)
 {
     if (!kernel_refuses_descriptors())
