@@ -289,7 +289,7 @@ bool is_ready(int fd)
 TEST_F(McWait, WaitsAtTheSetItself)
 {
     const int set = libmc::watch_descriptor();
-    for (const nfds_t at : {0, 1}) {
+    for (const nfds_t at : {nfds_t{0}, nfds_t{1}}) {
         const Fd wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         pollfd fds[2]{{wakeup.get(), POLLIN, 0}, {wakeup.get(), POLLIN, 0}};
         fds[at].fd = set;
