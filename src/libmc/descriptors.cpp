@@ -15,6 +15,9 @@
 #ifndef SO_PASSRIGHTS // headers older than the kernel; the number of all processors that this is built for
 #define SO_PASSRIGHTS 83
 #endif
+#ifndef SO_PASSPIDFD
+#define SO_PASSPIDFD 76
+#endif
 
 namespace libmc {
 
@@ -129,11 +132,16 @@ void leave(int fd)
 // What an empty packet brings, and the end does not: its sender's credentials.
 constexpr size_t SENDER_BYTES = CMSG_SPACE(sizeof(ucred));
 
-enum class Next { nothing, plain, carrying };
+enum class Next {
+    nothing,
+    plain,
+    carrying,
+    untold, // by an emulator that leaves the credentials out: an empty packet, or the end
+};
 
 Next next_packet(int fd)
 {
-    alignas(cmsghdr) char sender[SENDER_BYTES];
+    alignas(cmsghdr) char sender[SENDER_BYTES] = {};
     msghdr message = {};
     message.msg_control = sender;
     message.msg_controllen = sizeof sender;
@@ -143,23 +151,27 @@ Next next_packet(int fd)
     } while (n < 0 && (errno == EINTR || errno == ECONNRESET));
     if (n < 0 || message.msg_controllen == 0)
         return Next::nothing;
-    return message.msg_flags & MSG_CTRUNC ? Next::carrying : Next::plain;
+    if (message.msg_flags & MSG_CTRUNC)
+        return Next::carrying;
+    const cmsghdr *told = CMSG_FIRSTHDR(&message);
+    return told && told->cmsg_len > 0 ? Next::plain : Next::untold;
 }
 
-// More packets than any queue holds. Emulators that cannot tell the end from an empty packet would go on for ever.
+// So many packets of a queue are looked at. Usual ones hold fewer; how many there may be is for the machine's settings
+// to say. (What is not told would go on for ever.)
 constexpr int QUEUED_MOST = 2048;
 
-// Takes what carries none. True when something else is left.
+// Takes what carries none. True when something else is left, or may be, behind as many as are looked at.
 bool queue_carries(int fd)
 {
     set_option(fd, SO_PEEK_OFF, -1); // each look is at the first packet
     set_option(fd, SO_PASSCRED, 1);
     Next next = next_packet(fd);
-    for (int i = 0; next == Next::plain && i < QUEUED_MOST; i++) {
+    for (int i = 0; (next == Next::plain || next == Next::untold) && i < QUEUED_MOST; i++) {
         recv(fd, nullptr, 0, MSG_DONTWAIT);
         next = next_packet(fd);
     }
-    return next == Next::carrying;
+    return next == Next::carrying || next == Next::plain;
 }
 
 } // namespace
@@ -171,6 +183,9 @@ bool descriptors_refuse(int fd)
 
 void descriptors_guard(mc_connection *connection)
 {
+    // Whoever made the socket may have asked for these to come along. They would be taken for what a client sends.
+    for (const int option : {SO_PASSCRED, SO_PASSSEC, SO_PASSPIDFD})
+        set_option(connection->fd, option, 0);
     connection->close_fd = descriptors_close;
     connection->refuses = descriptors_refuse(connection->fd);
     // Each look goes on where the last one ended; otherwise all of them would be at the first packet.

@@ -138,16 +138,16 @@ bool lock_take(Listener *listener)
 }
 
 // A server whose lock file somebody has removed still answers at its socket. Only a refused connection is the sign of
-// a dead one: a full queue or a missing permission is an answer too.
-bool somebody_listens(const sockaddr_un &address)
+// a dead one: a full queue or a missing permission is an answer too. False after one line in the log.
+bool nobody_listens(const sockaddr_un &address)
 {
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
-        return false;
+        return complain("cannot tell whether a server listens at", address.sun_path);
     const int result = connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
     const bool listens = result == 0 || (errno != ECONNREFUSED && errno != ENOENT);
     close(fd);
-    return listens;
+    return !listens || complain_taken(address.sun_path);
 }
 
 // Clears the place of the socket. Only a dead socket is ever removed; a link is not followed.
@@ -161,8 +161,8 @@ bool place_clear(const Listener &listener)
         log_line("%s is in the way: it is not a socket", path);
         return false;
     }
-    if (somebody_listens(listener.address))
-        return complain_taken(path);
+    if (!nobody_listens(listener.address))
+        return false;
     return unlinkat(listener.folder_fd, name_of(path), 0) == 0 || errno == ENOENT || complain("cannot remove", path);
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "watch.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <sys/epoll.h>
@@ -181,6 +182,23 @@ int wait_at_set(pollfd *own, pollfd *wakeup, int timeout_ms, const sigset_t *mas
     return n < 0 ? -1 : (own->revents != 0) + (wakeup->revents != 0);
 }
 
+pollfd *entry_of(pollfd *fds, nfds_t n, int fd)
+{
+    pollfd *entry = std::find_if(fds, fds + n, [fd](const pollfd &one) { return one.fd == fd; });
+    return entry != fds + n ? entry : nullptr;
+}
+
+// As ppoll without waiting, where the set is ready whatever the kernel says: some turn is due.
+int look_with_due(pollfd *own, pollfd *fds, nfds_t n, const sigset_t *mask)
+{
+    const timespec at_once{};
+    const int ready = ppoll(fds, n, &at_once, mask);
+    if (ready < 0 || own->revents != 0)
+        return ready;
+    own->revents = POLLIN;
+    return ready + 1;
+}
+
 } // namespace
 
 bool watch_start(Watch *watch, int fd)
@@ -255,6 +273,8 @@ int watch_descriptor()
 {
     if (pollfd *wakeup = wakeup_of(fds, n))
         return wait_at_set(&fds[wakeup == fds ? 1 : 0], wakeup, timeout_ms, mask);
+    if (pollfd *own = any_due() ? entry_of(fds, n, set.epoll_fd) : nullptr)
+        return look_with_due(own, fds, n, mask);
     const timespec timeout{timeout_ms / 1000, timeout_ms % 1000 * 1000000L};
     return ppoll(fds, n, timeout_ms < 0 ? nullptr : &timeout, mask);
 }

@@ -273,6 +273,26 @@ TEST_P(McDescriptors, FarBehindAFault)
     expect_closed(gift);
 }
 
+// Farther back than anybody looks in one go: what is there is not known then.
+TEST_P(McDescriptors, FartherBehindAFaultThanIsLookedAt)
+{
+    constexpr int FAR = 4000;
+    const Fd client = raw_client("svc", "giver");
+    settle();
+    const int room = 64 * 1024 * 1024; // as much as this process may have
+    ASSERT_EQ(setsockopt(client.get(), SOL_SOCKET, SO_SNDBUF, &room, sizeof room), 0);
+    ASSERT_TRUE(raw_send(client, "garbage"));
+    for (int i = 0; i < FAR; i++) {
+        if (send(client.get(), "", 0, MSG_DONTWAIT) != 0)
+            GTEST_SKIP() << "no queue takes more than " << i << " packets here";
+    }
+    Gift gift;
+    ASSERT_EQ(gift.send(client, header(2, "with", "")), 0);
+    settle();
+    EXPECT_THAT(log_lines, ElementsAre(HasSubstr("malformed packet")));
+    expect_closed(gift);
+}
+
 TEST_P(McDescriptors, BehindAHangUp)
 {
     Fd client = raw_client("svc", "giver");
@@ -454,6 +474,28 @@ TEST_F(McHandedOverDescriptors, OfClientsThatWaitedBefore)
     for (const Kernel of : {Kernel::PRESENT, Kernel::OLD})
         expect_those_who_waited_are_served_or_dropped(path("svc.mc"), of);
     alarm(0);
+}
+
+// What else comes along with packets, because the socket asks for it, is nothing that a client sends.
+TEST_F(McHandedOverDescriptors, TheSendersCredentialsAreNone)
+{
+    const Fd listening = raw_listen(path("svc.mc"));
+    const int yes = 1;
+    ASSERT_EQ(setsockopt(listening.get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes), 0);
+    setsockopt(listening.get(), SOL_SOCKET, SO_PASSSEC, &yes, sizeof yes); // not every kernel has it
+    for (const Kernel of : {Kernel::PRESENT, Kernel::OLD}) {
+        const Fd client = raw_client("svc", "good");
+        const int result = run_activated({listening.get()}, 0, [&] {
+            kernel = of;
+            factory = open_noting("svc");
+            settle();
+            if (events.empty() || events[0] != "connect good" || !log_lines.empty())
+                return 1;
+            mc_factory_close(factory);
+            return 0;
+        });
+        EXPECT_EQ(result, 0);
+    }
 }
 
 TEST_F(McHandedOverDescriptors, AreRefusedFromThenOn)

@@ -335,6 +335,24 @@ TEST_F(McListener, ALiveServerWithoutItsLockFileIsRespected)
     mc_factory_close(factory);
 }
 
+// Whether it lives is not known when nobody can be asked.
+TEST_F(McListener, ALiveServerIsRespectedWhenDescriptorsRunOut)
+{
+    mc_factory *factory = open_noting("svc");
+    files::remove(path("svc.mc.lock"));
+    {
+        const NoDescriptors no_descriptors;
+        rlimit more;
+        getrlimit(RLIMIT_NOFILE, &more);
+        more.rlim_cur += 2; // for the folder and the lock
+        setrlimit(RLIMIT_NOFILE, &more);
+        expect_refused("svc", "cannot tell whether a server listens at");
+    }
+    const Fd client = raw_client("svc", "a");
+    EXPECT_TRUE(turn_until([] { return !events.empty(); }));
+    mc_factory_close(factory);
+}
+
 TEST_F(McListener, OnlyTheOwnSocketIsRemoved)
 {
     mc_factory *factory = open_noting("svc");

@@ -289,7 +289,7 @@ bool is_ready(int fd)
 TEST_F(McWait, WaitsAtTheSetItself)
 {
     const int set = libmc::watch_descriptor();
-    for (const nfds_t at : {0, 1}) {
+    for (const nfds_t at : {nfds_t{0}, nfds_t{1}}) {
         const Fd wakeup(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
         pollfd fds[2]{{wakeup.get(), POLLIN, 0}, {wakeup.get(), POLLIN, 0}};
         fds[at].fd = set;
@@ -385,6 +385,26 @@ TEST_F(McWait, ATurnThatWasKeptBackIsHadOnce)
     send_some(clients[0], 1);
     settle();
     EXPECT_THAT(events, ElementsAre("hasty", "hasty", "hasty", "0: w "));
+}
+
+// Who kept it back waits for another descriptor from then on: the kernel does not tell of the client again.
+TEST_F(McWait, ATurnThatWasKeptBackIsNotForgottenOverOtherDescriptors)
+{
+    const std::vector<Fd> clients = greeted(1);
+    static GSource *other;
+    other = nullptr;
+    attach_hasty([] {
+        events.push_back("hasty");
+        if (other)
+            return;
+        other = g_unix_fd_source_new(STDIN_FILENO, G_IO_PRI); // never ready
+        g_source_attach(other, nullptr);
+    });
+    send_some(clients[0], 1);
+    settle();
+    EXPECT_THAT(events, ElementsAre("hasty", "hasty", "hasty", "0: w "));
+    g_source_destroy(other);
+    g_source_unref(other);
 }
 
 TEST_F(McWait, ATurnThatWasKeptBackEndsWithItsConnection)
