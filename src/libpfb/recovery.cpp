@@ -249,8 +249,11 @@ int check_connection(const pfb_client *client, const char *function)
 int wait_for_phase(pfb_client *client, const char *function, Deadline &deadline, bool lost_will_do)
 {
     for (;;) {
-        recovery_step(client);
-        if (!recovers(client)) // or not any more: the application was called
+        recovery_step(client); // which may call the application: nothing is as it was
+        const int usable = check_client(client, function);
+        if (usable != PFB_OK)
+            return usable;
+        if (!recovers(client))
             return check_connection(client, function);
         if (client->phase == Phase::ready || (lost_will_do && client->phase == Phase::lost))
             return PFB_OK;

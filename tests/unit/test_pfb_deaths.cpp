@@ -535,6 +535,24 @@ TEST_F(PfbRecovery, OneSurfaceIsNotMadeByTheCallbackAndTheCreateAroundIt)
     EXPECT_THAT(sent_after_the_end(), ElementsAre("create iiiiiiiiis 0 32 1 2 300 200 1216 3 0 NAME", DEPTH));
 }
 
+TEST_F(PfbRecovery, ACreateThatTheCallbackGaveUpEndsTheRequestAroundItToo)
+{
+    pfb_set_event_func(
+        client,
+        [](pfb_client *c, pfb_event event, void *) {
+            pfb_set_timeout(c, 20);
+            if (event == PFB_EVENT_RESTORED) {
+                EXPECT_EQ(pfb_create(c, PFB_FORMAT_XRGB32, 0, 0, 10, 10, 0, 0), PFB_ERROR_TIMEOUT);
+            }
+        },
+        nullptr);
+    service.close();
+    service.answer(false);
+    service.open();
+    EXPECT_EQ(pfb_move(client, 1, 2), PFB_ERROR_STATE) << "only pfb_disconnect is left";
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH));
+}
+
 TEST_F(PfbRecovery, TheCallbackMaySwitchItOffInsideARequestThatWaits)
 {
     create();
