@@ -56,8 +56,11 @@ int fchown(int fd, uid_t owner, gid_t group) noexcept
 
 int posix_fallocate(int fd, off_t offset, off_t length)
 {
-    if (pfb_system.room >= 0 && mapped_bytes() + length > pfb_system.room)
+    if (pfb_system.room >= 0 && mapped_bytes() + offset + length > pfb_system.room)
         return ENOSPC;
+    // Many a kernel gives back what it has got then. A caller that only tries again is not kept for ever.
+    if (pfb_system.unbroken >= 0 && length > pfb_system.unbroken)
+        return pfb_system.signals++ < 1000 ? EINTR : EIO;
     return fallocate(fd, 0, offset, length) == 0 ? 0 : errno;
 }
 }
