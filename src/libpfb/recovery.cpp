@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <linux/sockios.h>
@@ -79,8 +80,8 @@ bool is_ending(pid_t pid)
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
     FILE *file = fopen(path, "re");
-    if (file == nullptr)
-        return errno == ENOENT && access("/proc/self", F_OK) == 0;
+    if (file == nullptr) // it may also be hidden, or there is no /proc
+        return kill(pid, 0) != 0 && errno == ESRCH;
     unsigned flags = 0;
     const int n = fscanf(file, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %u", &flags);
     fclose(file);

@@ -2,7 +2,9 @@
 #include "pfb_system.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -52,6 +54,16 @@ int fchown(int fd, uid_t owner, gid_t group) noexcept
     }
     static const auto next = reinterpret_cast<decltype(&fchown)>(dlsym(RTLD_NEXT, "fchown"));
     return next(fd, owner, group);
+}
+
+FILE *fopen(const char *path, const char *mode)
+{
+    if (pfb_system.hides_processes && strncmp(path, "/proc/", 6) == 0 && isdigit(path[6])) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    static const auto next = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
+    return next(path, mode);
 }
 
 int posix_fallocate(int fd, off_t offset, off_t length)

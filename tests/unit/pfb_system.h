@@ -13,6 +13,7 @@ struct PfbSystem {
     off_t room = -1;           // of /dev/shm, in bytes, for this process's objects that are mapped; below 0: no limit
     off_t unbroken = -1;       // bytes that are allocated in one go before a signal comes; below 0: no signals do
     int signals = 0;           // that have come in the midst of an allocation
+    bool hides_processes = false; // of others, in /proc
 };
 
 extern PfbSystem pfb_system;
