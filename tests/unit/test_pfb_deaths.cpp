@@ -389,6 +389,25 @@ TEST_F(PfbRecovery, DisconnectingOnTheWayBackLeavesNothing)
     EXPECT_EQ(shared_objects(), 0u);
 }
 
+// A server that reads of the block and then of the end of its client would stop, however late it reads.
+TEST_F(PfbRecovery, DisconnectingFromASlowServerOnTheWayBackEndsABlock)
+{
+    create();
+    EXPECT_EQ(pfb_block_until_unlock(client), PFB_OK);
+    service.close();
+    ASSERT_TRUE(lose());
+    service.take(0);
+    service.open();
+    service.stall();
+    EXPECT_TRUE(dispatch_until([&] { return shared_objects() == 1; }));
+    pfb_set_timeout(client, 20);
+    pfb_disconnect(client);
+    client = nullptr;
+    service.go_on();
+    EXPECT_THAT(service.take(5),
+                ElementsAre(StartsWith("create "), "block_until_unlock ", DEPTH, "lock_area iiii 0 0 0 0", "unlock "));
+}
+
 TEST_F(PfbRecovery, AClientWithoutASurfaceIsConnectedAgain)
 {
     service.close();
