@@ -33,8 +33,8 @@
  *
  * The server ends. A client with a surface notices little: as soon as there is a server again, the library connects,
  * copies the pixels into new shared memory at the same address and makes the surface again as it was, pfb_set_reconnect
- * says how. It does so inside pfb_dispatch and requests: a program that calls neither stays away. Until then requests
- * are only remembered, and succeed at once.
+ * says how. It does so inside pfb_dispatch and requests: a program that calls neither stays away. While there is no
+ * server requests are only remembered, and succeed at once.
  *
  * Threads. A client belongs to one thread at a time: calls on it must not overlap. Different clients may be used by
  * different threads at once. The error text is each thread's own. Signals do not end a call, and the library raises
@@ -151,6 +151,8 @@ PFB_PUBLIC int pfb_set_timeout(pfb_client *client, int milliseconds);
  *     until one of the right turn comes and goes. Give all the same.
  *   - what pfb_set_surface has selected.
  * Requests succeed meanwhile and are only remembered: drawing, pfb_dirty, pfb_lock and pfb_unlock go on as ever.
+ * Where there is a server again, or a service manager's socket for it, and the surface is on its way to it, they wait
+ * for its answer as long as pfb_set_timeout allows, and fail with TIMEOUT without it.
  * pfb_get_color_depth, pfb_set_surface, pfb_status and pfb_set_color_format wait for a server as long as
  * pfb_set_timeout allows.
  *

@@ -88,12 +88,12 @@ int wait_for_room(pfb_client *client, const char *function, Deadline &deadline)
     }
 }
 
-// A server that lost its only client in the midst of "block until unlock" would stop: what is missing is made up for.
-void end_block(pfb_client *client)
+// A server that lost its only client in the midst of "block until unlock" would stop: what is missing is made up for,
+// behind a restoration that it has yet to read as well.
+void end_block(pfb_client *client, Deadline &deadline)
 {
-    if (!client->state.blocked || client->unusable || client->phase != Phase::ready)
+    if (!client->state.blocked || client->unusable || client->phase == Phase::lost)
         return;
-    Deadline deadline(client);
     if (client->state.locks == 0 && send(client, {"pfb_disconnect", "lock_area", {0, 0, 0, 0}}, deadline) != PFB_OK)
         return;
     send(client, {"pfb_disconnect", "unlock"}, deadline);
@@ -247,7 +247,7 @@ void pfb_disconnect(pfb_client *client)
     Deadline deadline(client);
     if (client->phase == Phase::restoring) // a server that did not find the memory any more would stop
         (void)recovery_settle(client, "pfb_disconnect", deadline);
-    end_block(client);
+    end_block(client, deadline);
     client_free(client);
     error_restore(error);
 }

@@ -2,6 +2,7 @@
 // Shared memory that the server can open: a server that cannot open a client's memory stops.
 #include "client.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,7 @@
 namespace {
 
 constexpr int NAME_ATTEMPTS = 100;
+constexpr int64_t ALLOCATION = 1 << 16; // bytes
 constexpr mode_t OWNER = 0600, OWNER_AND_GROUP = 0660;
 
 // The group of those who may connect, the server among them: the one of its socket's file, or the one that the server
@@ -62,15 +64,24 @@ int new_object(char *name)
     return -1;
 }
 
-// Sized with all its pages: memory that runs out is found here, and not when a pixel is written.
-bool set_size(int fd, int64_t size)
+bool allocate(int fd, int64_t offset, int64_t size)
 {
     int error;
     do {
-        error = posix_fallocate(fd, 0, size);
+        error = posix_fallocate(fd, offset, size);
     } while (error == EINTR);
     errno = error;
     return error == 0;
+}
+
+// Sized with all its pages: memory that runs out is found here, and not when a pixel is written. Bit by bit: many a
+// kernel begins a piece again when a signal comes, and would never come to the end of a large one under a timer's.
+bool set_size(int fd, int64_t size)
+{
+    bool allocated = true;
+    for (int64_t offset = 0; allocated && offset < size; offset += ALLOCATION)
+        allocated = allocate(fd, offset, std::min(ALLOCATION, size - offset));
+    return allocated;
 }
 
 int fill(int fd, const pfb_client *client, const char *function, int64_t size, void **pixels)

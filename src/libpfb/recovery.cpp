@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <linux/sockios.h>
@@ -79,8 +80,8 @@ bool is_ending(pid_t pid)
     char path[32];
     snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
     FILE *file = fopen(path, "re");
-    if (file == nullptr)
-        return errno == ENOENT && access("/proc/self", F_OK) == 0;
+    if (file == nullptr) // it may also be hidden, or there is no /proc
+        return kill(pid, 0) != 0 && errno == ESRCH;
     unsigned flags = 0;
     const int n = fscanf(file, "%*d (%*[^)]) %*c %*d %*d %*d %*d %*d %u", &flags);
     fclose(file);
@@ -249,8 +250,11 @@ int check_connection(const pfb_client *client, const char *function)
 int wait_for_phase(pfb_client *client, const char *function, Deadline &deadline, bool lost_will_do)
 {
     for (;;) {
-        recovery_step(client);
-        if (!recovers(client)) // or not any more: the application was called
+        recovery_step(client); // which may call the application: nothing is as it was
+        const int usable = check_client(client, function);
+        if (usable != PFB_OK)
+            return usable;
+        if (!recovers(client))
             return check_connection(client, function);
         if (client->phase == Phase::ready || (lost_will_do && client->phase == Phase::lost))
             return PFB_OK;

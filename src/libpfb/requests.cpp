@@ -217,6 +217,7 @@ int lock_on_server(pfb_client *client, const char *function, const Area &area)
 // The answer, or that of a restoration when the server ended over the question: that one is not asked again.
 int ask_depth(pfb_client *client, const char *function, int32_t *depth)
 {
+    const LastError error = error_save();
     Deadline deadline(client);
     const Request request = {function, "get_native_color_depth"};
     int result = PFB_OK;
@@ -234,8 +235,11 @@ int ask_depth(pfb_client *client, const char *function, int32_t *depth)
     if (result != PFB_ERROR_GONE || !client->reconnect || client->pixels == nullptr)
         return result;
     result = recovery_wait(client, function, deadline);
+    if (result != PFB_OK)
+        return result;
     *depth = client->depth;
-    return result;
+    error_restore(error);
+    return PFB_OK;
 }
 
 } // namespace

@@ -72,28 +72,49 @@ SurfaceState first_state(const Shape &shape, int32_t x, int32_t y, int32_t level
     return state;
 }
 
-// After "create" was of no use, the client has no surface as before. What the server ended of is not sent again.
+int check_no_surface(const pfb_client *client, const char *function)
+{
+    if (client->pixels == nullptr)
+        return PFB_OK;
+    return fail(PFB_ERROR_STATE, function, "%s has a surface already", client->name);
+}
+
+// After "create" was of no use, the client has no surface as before; and the application, which may be called here, may
+// make one. What the server ended of is not sent again.
 int create_failed(pfb_client *client, int result, void *pixels, size_t size)
 {
     munmap(pixels, size);
+    client->shape = {};
     if (result != PFB_ERROR_GONE || !client->reconnect)
         return result;
+    const LastError error = error_save();
     recovery_lose(client);
     recovery_step(client);
+    error_restore(error);
     return result;
 }
 
-int create_surface(pfb_client *client, const char *function, int64_t size)
+// Waiting for a server may call the application, which may make the surface itself.
+int wait_for_server(pfb_client *client, const char *function, Deadline &deadline)
+{
+    const int result = recovery_wait(client, function, deadline);
+    return result == PFB_OK ? check_no_surface(client, function) : result;
+}
+
+int create_surface(pfb_client *client, const char *function, const Shape &shape, const SurfaceState &state)
 {
     Deadline deadline(client);
-    int result = recovery_wait(client, function, deadline);
+    int result = wait_for_server(client, function, deadline);
     if (result != PFB_OK)
         return result;
+    const int64_t size = int64_t{shape.stride} * shape.height;
     char name[MEMORY_NAME_SIZE];
     void *pixels = nullptr;
     result = memory_new(client, function, size, name, &pixels);
     if (result != PFB_OK)
         return result;
+    client->shape = shape;
+    client->state = state;
     result = create_on_server(client, function, name, deadline);
     if (result != PFB_OK)
         return create_failed(client, result, pixels, static_cast<size_t>(size));
@@ -127,8 +148,9 @@ int pfb_create(pfb_client *client, enum pfb_format format, int32_t x, int32_t y,
     int result = check_client(client, __func__);
     if (result != PFB_OK)
         return result;
-    if (client->pixels != nullptr)
-        return fail(PFB_ERROR_STATE, __func__, "%s has a surface already", client->name);
+    result = check_no_surface(client, __func__);
+    if (result != PFB_OK)
+        return result;
     Shape shape{format, width, height, 0, rotation};
     result = check_shape(__func__, shape);
     if (result == PFB_OK)
@@ -136,15 +158,9 @@ int pfb_create(pfb_client *client, enum pfb_format format, int32_t x, int32_t y,
     if (result != PFB_OK)
         return result;
     shape.stride = stride_of(width, depth_of(format).bytes);
-    const int64_t size = int64_t{shape.stride} * height;
-    if (size > INT32_MAX)
+    if (int64_t{shape.stride} * height > INT32_MAX)
         return fail(PFB_ERROR_ARGUMENT, __func__, "%d x %d pixels need more than 2^31 - 1 bytes", width, height);
-    client->shape = shape;
-    client->state = first_state(shape, x, y, level);
-    result = create_surface(client, __func__, size);
-    if (result != PFB_OK)
-        client->shape = {};
-    return result;
+    return create_surface(client, __func__, shape, first_state(shape, x, y, level));
 }
 
 void *pfb_pixels(const pfb_client *client)

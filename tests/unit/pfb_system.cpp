@@ -2,7 +2,9 @@
 #include "pfb_system.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -54,10 +56,23 @@ int fchown(int fd, uid_t owner, gid_t group) noexcept
     return next(fd, owner, group);
 }
 
+FILE *fopen(const char *path, const char *mode)
+{
+    if (pfb_system.hides_processes && strncmp(path, "/proc/", 6) == 0 && isdigit(path[6])) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    static const auto next = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
+    return next(path, mode);
+}
+
 int posix_fallocate(int fd, off_t offset, off_t length)
 {
-    if (pfb_system.room >= 0 && mapped_bytes() + length > pfb_system.room)
+    if (pfb_system.room >= 0 && mapped_bytes() + offset + length > pfb_system.room)
         return ENOSPC;
+    // Many a kernel gives back what it has got then. A caller that only tries again is not kept for ever.
+    if (pfb_system.unbroken >= 0 && length > pfb_system.unbroken)
+        return pfb_system.signals++ < 1000 ? EINTR : EIO;
     return fallocate(fd, 0, offset, length) == 0 ? 0 : errno;
 }
 }

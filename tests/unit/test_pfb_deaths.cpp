@@ -48,10 +48,14 @@ TEST_F(PfbRecovery, AQuestionThatTheServerDiedOfIsAnsweredByTheNext)
         service.close();
         service.open();
     });
+    EXPECT_EQ(pfb_resize(client, 0, 0), PFB_ERROR_ARGUMENT);
+    const std::string text = pfb_error_text();
     int depth = 0;
     EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
     EXPECT_EQ(depth, 18);
     next.join();
+    EXPECT_EQ(pfb_error(), PFB_ERROR_ARGUMENT) << "getting over it is no failure";
+    EXPECT_EQ(pfb_error_text(), text);
     EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH)) << "the restoration's own question only";
 }
 
@@ -67,6 +71,36 @@ TEST_F(PfbRecovery, ACreateThatTheServerDiedOfIsNotSentAgain)
     service.open();
     EXPECT_TRUE(come_back());
     create();
+}
+
+// "It may be called again": by the function that is told of the end, for one.
+TEST_F(PfbRecovery, TheCallbackMayMakeTheSurfaceThatTheServerDiedOf)
+{
+    pfb_set_event_func(
+        client,
+        [](pfb_client *c, pfb_event event, void *) {
+            if (event == PFB_EVENT_LOST && pfb_pixels(c) == nullptr) {
+                EXPECT_EQ(pfb_width(c), 0) << "there is no surface";
+                // GONE when the service has taken this connection as well; then it has been told once more.
+                pfb_create(c, PFB_FORMAT_XRGB32, 1, 2, 300, 200, 3, 0);
+                EXPECT_NE(pfb_pixels(c), nullptr) << pfb_error_text();
+                EXPECT_EQ(pfb_resize(c, 0, 0), PFB_ERROR_ARGUMENT);
+            }
+        },
+        nullptr);
+    service.die_of("create ");
+    std::thread next([&] {
+        service.take(1);
+        service.close();
+        service.open();
+    });
+    EXPECT_EQ(pfb_create(client, PFB_FORMAT_RGB16, 0, 0, 10, 10, 0, 0), PFB_ERROR_GONE);
+    next.join();
+    EXPECT_EQ(pfb_error(), PFB_ERROR_GONE);
+    EXPECT_THAT(pfb_error_text(), StartsWith("pfb_create: "));
+    EXPECT_EQ(pfb_width(client), 300);
+    EXPECT_EQ(pfb_stride(client), 1216);
+    EXPECT_THAT(sent_after_the_end(), ElementsAre("create iiiiiiiiis 0 32 1 2 300 200 1216 3 0 NAME", DEPTH));
 }
 
 // A change that ends every server is left out when it has ended the second one; what an earlier server has lived
@@ -355,6 +389,25 @@ TEST_F(PfbRecovery, DisconnectingOnTheWayBackLeavesNothing)
     EXPECT_EQ(shared_objects(), 0u);
 }
 
+// A server that reads of the block and then of the end of its client would stop, however late it reads.
+TEST_F(PfbRecovery, DisconnectingFromASlowServerOnTheWayBackEndsABlock)
+{
+    create();
+    EXPECT_EQ(pfb_block_until_unlock(client), PFB_OK);
+    service.close();
+    ASSERT_TRUE(lose());
+    service.take(0);
+    service.open();
+    service.stall();
+    EXPECT_TRUE(dispatch_until([&] { return shared_objects() == 1; }));
+    pfb_set_timeout(client, 20);
+    pfb_disconnect(client);
+    client = nullptr;
+    service.go_on();
+    EXPECT_THAT(service.take(5),
+                ElementsAre(StartsWith("create "), "block_until_unlock ", DEPTH, "lock_area iiii 0 0 0 0", "unlock "));
+}
+
 TEST_F(PfbRecovery, AClientWithoutASurfaceIsConnectedAgain)
 {
     service.close();
@@ -481,6 +534,42 @@ TEST_F(PfbRecovery, OneLockIsNotUnlockedByTheCallbackAndTheRequestAroundIt)
     int depth;
     EXPECT_EQ(pfb_get_color_depth(client, &depth), PFB_OK);
     EXPECT_THAT(service.take(5), ElementsAre(StartsWith("create "), "lock_area iiii 0 0 0 0", DEPTH, "unlock ", DEPTH));
+}
+
+TEST_F(PfbRecovery, OneSurfaceIsNotMadeByTheCallbackAndTheCreateAroundIt)
+{
+    pfb_set_event_func(
+        client,
+        [](pfb_client *c, pfb_event event, void *) {
+            if (event == PFB_EVENT_RESTORED && pfb_pixels(c) == nullptr) {
+                EXPECT_EQ(pfb_create(c, PFB_FORMAT_XRGB32, 1, 2, 300, 200, 3, 0), PFB_OK) << pfb_error_text();
+            }
+        },
+        nullptr);
+    service.close();
+    service.open();
+    EXPECT_EQ(pfb_create(client, PFB_FORMAT_RGB16, 0, 0, 10, 10, 0, 0), PFB_ERROR_STATE) << "the callback was first";
+    EXPECT_THAT(service.take(2), ElementsAre("create iiiiiiiiis 0 32 1 2 300 200 1216 3 0 NAME", DEPTH));
+    EXPECT_EQ(pfb_width(client), 300);
+    EXPECT_THAT(sent_after_the_end(), ElementsAre("create iiiiiiiiis 0 32 1 2 300 200 1216 3 0 NAME", DEPTH));
+}
+
+TEST_F(PfbRecovery, ACreateThatTheCallbackGaveUpEndsTheRequestAroundItToo)
+{
+    pfb_set_event_func(
+        client,
+        [](pfb_client *c, pfb_event event, void *) {
+            pfb_set_timeout(c, 20);
+            if (event == PFB_EVENT_RESTORED) {
+                EXPECT_EQ(pfb_create(c, PFB_FORMAT_XRGB32, 0, 0, 10, 10, 0, 0), PFB_ERROR_TIMEOUT);
+            }
+        },
+        nullptr);
+    service.close();
+    service.answer(false);
+    service.open();
+    EXPECT_EQ(pfb_move(client, 1, 2), PFB_ERROR_STATE) << "only pfb_disconnect is left";
+    EXPECT_THAT(service.take(2), ElementsAre(StartsWith("create "), DEPTH));
 }
 
 TEST_F(PfbRecovery, TheCallbackMaySwitchItOffInsideARequestThatWaits)

@@ -3,6 +3,8 @@
 #include "pfb_recovery.h"
 
 #include <chrono>
+#include <csignal>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -179,7 +181,12 @@ TEST_F(Others, ADeadlyChangeIsLeftOutWhereNamesStay)
 
 // A server that lives and has no room is asked as often as one that is away, and has nothing to do with what was
 // changed. Servers that had ended would get so long in between that this would take a minute.
-TEST_F(Others, BeingTurnedAwayIsNotTheServersEnd)
+class TurnedAway : public Others {
+protected:
+    void expect_no_death();
+};
+
+void TurnedAway::expect_no_death()
 {
     create();
     EXPECT_EQ(pfb_show(client), PFB_OK);
@@ -192,6 +199,29 @@ TEST_F(Others, BeingTurnedAwayIsNotTheServersEnd)
     EXPECT_TRUE(come_back());
     EXPECT_THAT(service.take(3), ElementsAre(HasSubstr("create "), "show ", DEPTH));
     EXPECT_THAT(events, ElementsAre(PFB_EVENT_LOST, PFB_EVENT_RESTORED));
+}
+
+TEST_F(TurnedAway, IsNotTheServersEnd)
+{
+    expect_no_death();
+}
+
+// /proc is mounted with hidepid: that a server's entry cannot be seen says nothing.
+TEST_F(TurnedAway, ByAServerThatCannotBeSeenIsNotItsEndEither)
+{
+    const pid_t server = fork();
+    if (server == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        pause();
+    }
+    pfb_disconnect(client);
+    pfb_system.peer = ucred{ended_process(), geteuid(), getegid()};
+    SetUp();
+    pfb_system.peer->pid = server;
+    pfb_system.hides_processes = true;
+    expect_no_death();
+    kill(server, SIGKILL);
+    EXPECT_EQ(waitpid(server, nullptr, 0), server);
 }
 
 // A service manager lives on when the servers behind its socket end, each over this client's memory perhaps: they get

@@ -50,6 +50,15 @@ TEST_F(PfbSystemTest, PixelsThatFitNowhereWait)
     EXPECT_EQ(service.first_word, 0x12121212u);
 }
 
+// A profiler's timer, say, that comes more often than memory of this size is had.
+TEST_F(PfbSystemTest, SignalsDoNotKeepALargeSurfaceFromItsMemory)
+{
+    pfb_system.unbroken = 1 << 18;
+    EXPECT_EQ(pfb_create(client, PFB_FORMAT_XRGB32, 0, 0, 1000, 1001, 0, 0), PFB_OK) << pfb_error_text();
+    EXPECT_EQ(service.memory.st_size, 4032 * 1001);
+    EXPECT_GE(service.memory.st_blocks * 512, service.memory.st_size) << "not all of it is there";
+}
+
 int create_one(pfb_client *client)
 {
     return pfb_create(client, PFB_FORMAT_XRGB32, 0, 0, 10, 10, 0, 0);
