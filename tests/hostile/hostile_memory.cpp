@@ -25,12 +25,18 @@ ChangingMemory::~ChangingMemory()
     close(fd_);
 }
 
-void ChangingMemory::create(mc_connection *connection, int width, int height, int stride, int alpha) const
+void ChangingMemory::create_hidden(mc_connection *connection, int width, int height, int stride, int alpha,
+                                   int depth) const
 {
     mc_packet *packet = mc_packet_new_command("create");
-    mc_packet_build_args(packet, "iiiiiiiiis", alpha, 32, 5, 5, width, height, stride, 1, 0, name_.c_str());
+    mc_packet_build_args(packet, "iiiiiiiiis", alpha, depth, 5, 5, width, height, stride, 1, 0, name_.c_str());
     EXPECT_EQ(mc_send(connection, packet), 0);
     mc_packet_free(packet);
+}
+
+void ChangingMemory::create(mc_connection *connection, int width, int height, int stride, int alpha) const
+{
+    create_hidden(connection, width, height, stride, alpha);
     send_word(connection, "show");
 }
 

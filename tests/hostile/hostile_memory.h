@@ -14,7 +14,9 @@ public:
     ChangingMemory(const ChangingMemory &) = delete;
     ChangingMemory &operator=(const ChangingMemory &) = delete;
 
-    // Sends "create" of a 32-bit surface over it, and "show".
+    // Sends "create" of a surface over it, without "show".
+    void create_hidden(mc_connection *connection, int width, int height, int stride, int alpha, int depth = 32) const;
+    // The same of a 32-bit surface, and "show".
     void create(mc_connection *connection, int width, int height, int stride, int alpha) const;
     void resize(off_t bytes) const;
     // Writes the same byte everywhere up to `bytes`, which must be there.

@@ -12,17 +12,18 @@
 
 namespace {
 
-constexpr const char *OPTIONS = "size=512k,mode=1777";
-
-bool enter()
+bool enter(const std::string &room)
 {
     return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/dev/shm", "tmpfs", 0, OPTIONS) == 0;
+           mount("tmpfs", "/dev/shm", "tmpfs", 0, ("size=" + room + ",mode=1777").c_str()) == 0;
 }
 
 } // namespace
 
-SmallMemory::SmallMemory() : before_(open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC)), entered_(enter()) {}
+SmallMemory::SmallMemory(const std::string &room)
+    : before_(open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC)), entered_(enter(room))
+{
+}
 
 SmallMemory::~SmallMemory()
 {

@@ -2,10 +2,12 @@
 // A /dev/shm of this test's own with little room, so that filling it harms nobody else.
 #pragma once
 
+#include <string>
+
 class SmallMemory {
 public:
-    // Enters it, where the system permits that.
-    SmallMemory();
+    // Enters it, where the system permits that. `room` is as for mount: 512k.
+    explicit SmallMemory(const std::string &room);
     ~SmallMemory(); // back to the machine's
     SmallMemory(const SmallMemory &) = delete;
     SmallMemory &operator=(const SmallMemory &) = delete;

@@ -244,6 +244,62 @@ void shared_memory_full(Stage &stage)
     });
 }
 
+constexpr size_t ORPHANS = 16;
+
+// What surfaces without an owner may have together: as docs/robustness.md says it, worked out anew.
+off_t bound_of_orphans()
+{
+    struct statvfs space {};
+    EXPECT_EQ(statvfs("/dev/shm", &space), 0) << strerror(errno);
+    const off_t machine = off_t{sysconf(_SC_PHYS_PAGES)} * sysconf(_SC_PAGESIZE);
+    const off_t most = sizeof(void *) > 4 ? off_t{16} << 30 : off_t{256} << 20;
+    return std::min({most, machine / 8, static_cast<off_t>(space.f_blocks * space.f_frsize) / 4});
+}
+
+// Where no /dev/shm of one's own can be had, the objects have their size, which is what counts, and no pages.
+void memory_of_orphans(Stage &stage)
+{
+    constexpr int ROW = 4096, ATTEMPTS = 64;
+    const bool own = stage.has_small_memory();
+    stage.in_process([&] {
+        const off_t before = room_in_shared_memory();
+        const int rows = static_cast<int>(bound_of_orphans() / static_cast<off_t>(ORPHANS) / ROW);
+        const off_t bytes = off_t{ROW} * rows;
+        mc_connection *connection = mc_connect("pfb", "fb.orphan");
+        for (int i = 0; i < ATTEMPTS; i++) {
+            const ChangingMemory memory(bytes);
+            memory.fill(own ? bytes : 0, BYTE);
+            memory.create_hidden(connection, ROW / 4, rows, ROW, 0);
+            EXPECT_TRUE(is_answered(connection));
+            stage.done()++;
+        }
+        mc_connection *other = mc_connect("pfb", "fb.formless");
+        for (int i = 0; i < ATTEMPTS; i++) {
+            const ChangingMemory memory(bytes);
+            memory.fill(own ? bytes : 0, BYTE);
+            memory.create_hidden(other, ROW / 4, rows, ROW, 0, 24);
+            EXPECT_TRUE(is_answered(other));
+            stage.done()++;
+        }
+        // Its own surface, and those without an owner.
+        if (own) {
+            EXPECT_EQ(before - room_in_shared_memory(), bytes * static_cast<off_t>(ORPHANS + 1));
+        }
+        pfb_client *client = pfb_connect("fb.careful");
+        EXPECT_EQ(pfb_create(client, PFB_FORMAT_XRGB32, 0, 0, 1024, own ? 8192 : 1024, 0, 0), PFB_OK)
+            << pfb_error_text(); // half of all there is
+        pfb_disconnect(client);
+        mc_close(other);
+        mc_close(connection);
+    });
+    const std::string are_enough = std::to_string(ORPHANS) + " without an owner are enough";
+    EXPECT_EQ(count_of(stage.out(), "create: refused: the connection has a surface, and " + are_enough),
+              ATTEMPTS - ORPHANS - 1);
+    EXPECT_EQ(count_of(stage.out(), "create: its memory is given back: " + std::to_string(ORPHANS) +
+                                        " mappings without an owner are enough"),
+              static_cast<size_t>(ATTEMPTS));
+}
+
 } // namespace
 
 std::vector<Misbehaviour> memory_rows()
@@ -279,6 +335,15 @@ std::vector<Misbehaviour> memory_rows()
          "surfaces",
          {times(10, "what is missing shows as zero")},
          shared_memory_full,
-         {.small_memory = true}},
+         {.room = "512k"}},
+        {"MemoryOfOrphans",
+         "makes one large surface after the other on its connection, each of which leaves the last one without an "
+         "owner; or memory of a depth that no surface has",
+         "beyond what such memory may have (below: Limits) refused or given back, with a line each time; the others "
+         "get theirs",
+         "surfaces",
+         {},
+         memory_of_orphans,
+         {.room = "64m", .orphans = ORPHANS}},
     };
 }

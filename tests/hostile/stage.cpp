@@ -92,7 +92,7 @@ int append_to(const std::string &path)
 } // namespace
 
 Stage::Stage(const StageOptions &options)
-    : options_(options), memory_(options.small_memory ? std::make_unique<SmallMemory>() : nullptr),
+    : options_(options), memory_(options.room.empty() ? nullptr : std::make_unique<SmallMemory>(options.room)),
       panel_({.format = options.format, .panel = options.panel})
 {
     for (const std::string &name : folder_entries(folder())) {

@@ -44,7 +44,7 @@ struct StageOptions {
     std::vector<std::string> panel = {}; // further options of the panel
     Reader reader = Reader::FILE;
     bool older_kernel = false; // sockets cannot refuse descriptors
-    bool small_memory = false; // /dev/shm of its own with little room, where the system permits that
+    std::string room = {};     // of a /dev/shm of its own, where the system permits that; none: the machine's
     size_t kept = 0;           // descriptors that the server keeps for the next time
     size_t orphans = 0;        // surfaces that stay without an owner
     bool bystander = true;     // false: the misbehaviour is there from the start, and nobody can be shown
