@@ -51,9 +51,9 @@ def root_file_system(build, modules, scenes, boot):
     return root
 
 
-# Prints the server's process id. One that has ended has the name still until init takes notice, a second later with
-# BusyBox's; but it has no memory left.
-RUNNING = 'for p in $(pidof fbserver); do if grep -qs ^VmRSS /proc/$p/status; then echo $p; fi; done | grep .'
+# Prints the server's process id. Others have its name: the shell of the start-up script, and one that has ended, until
+# init takes notice (a second later with BusyBox's); that one has no program any more.
+RUNNING = 'for p in $(pidof fbserver); do case $(readlink /proc/$p/exe) in */fbserver) echo $p;; esac; done | grep .'
 
 
 class Machine(Guest):

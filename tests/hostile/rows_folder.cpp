@@ -174,6 +174,7 @@ void expect_withstood(const Squatter &squatter, const std::string &folder, const
     });
     stranger.wait();
     const std::string before = listing(folder);
+    const size_t files = folder_entries(folder).size();
     if (squatter.line == nullptr) {
         expect_serves(folder);
         EXPECT_EQ(listing(folder), "");
@@ -182,6 +183,8 @@ void expect_withstood(const Squatter &squatter, const std::string &folder, const
         EXPECT_NE(server.said().find(squatter.line), std::string::npos) << server.said() << "\nfor\n" << before;
         EXPECT_EQ(count_of(server.said(), "\n"), 1u) << server.said();
         treasure.expect_untouched();
+        // A lock file of its own goes a moment after the line.
+        EXPECT_TRUE(wait_until([&] { return folder_entries(folder).size() == files; }));
         EXPECT_EQ(listing(folder), before);
     }
     treasure.expect_untouched();
