@@ -56,6 +56,13 @@ def start_up_script(machine, report):
     expected = ['fbserver is not running\n3', '0', 'fbserver is running\n0', '0', 'fbserver is running\n0', '0',
                 'fbserver is not running\n3']
     report.check('the start-up script starts, restarts and stops', lines == expected, '\n'.join(lines))
+    machine.run(f'{script} start')
+    killed = machine.wait_for_server()
+    machine.run(f'kill -KILL {killed}')
+    new = machine.wait_for_server(killed)
+    status = machine.run(f'{script} status; {script} stop; {script} status; echo "$?"')
+    report.check('the start-up script starts a killed server again, and stops that one',
+                 status == 'fbserver is running\nfbserver is not running\n3', f'{killed} then {new}\n{status}')
     usage = machine.status(script)
     report.check('the start-up script tells its usage', usage[0] == 2 and usage[1].startswith('usage:'), usage[1])
 
